@@ -3,9 +3,11 @@
 // The control and input messages. Each case is a struct in `msg` named after the case, carrying
 // its type code; `Message` is the variant of all 61.
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -216,6 +218,17 @@ using Message = std::variant<
     msg::sessionReplaced>;
 
 static_assert(std::variant_size_v<Message> == 61);
+
+constexpr bool typeCodesAreDistinct() {
+  std::array<bool, 256> seen{};
+  bool distinct = true;
+  [&]<std::size_t... I>(std::index_sequence<I...>) {
+    ((distinct = distinct && !std::exchange(seen[std::variant_alternative_t<I, Message>::code], true)),
+     ...);
+  }(std::make_index_sequence<std::variant_size_v<Message>>{});
+  return distinct;
+}
+static_assert(typeCodesAreDistinct(), "two message cases share a type code");
 
 inline constexpr std::size_t kAuthenticationMessageCount = 7;
 

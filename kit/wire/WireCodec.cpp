@@ -12,6 +12,8 @@ template <class... F>
 struct Overloaded : F... {
   using F::operator()...;
 };
+template <class... F>
+Overloaded(F...) -> Overloaded<F...>;
 
 void FieldWriter::put(const PointerEvent& v) {
   w_.u8(static_cast<std::uint8_t>(v.index()));
@@ -161,13 +163,6 @@ constexpr std::array<CaseDecoder, 256> kDecoders = [] {
   }(std::make_index_sequence<std::variant_size_v<Message>>{});
   return table;
 }();
-
-constexpr bool typeCodesAreDistinct() {
-  std::size_t used = 0;
-  for (CaseDecoder d : kDecoders) used += d != nullptr;
-  return used == std::variant_size_v<Message>;
-}
-static_assert(typeCodesAreDistinct(), "two message cases share a type code");
 
 void expectType(FrameReader& reader, std::uint8_t expected) {
   const std::uint8_t type = reader.u8();

@@ -34,19 +34,24 @@ std::optional<SharedBytes> WireDecoder::decodeFrame() {
   return frame;
 }
 
-// Copies the frame out of the buffer, or, when it is all the buffer holds, takes the buffer whole
-// and starts a new one: a frame that ends where a read ended then costs no copy at all.
+// A frame leaves the buffer by the cheaper of two copies. A small one is copied out. One that
+// makes up at least half of what is buffered takes the whole buffer with it, and the bytes behind
+// it (at most the frame's size, usually a partial read) move to a new buffer instead: a large
+// video frame then costs no copy beyond the one that received it.
 SharedBytes WireDecoder::takeFrame(std::size_t length) {
   const std::size_t start = offset_ + 4;
-  offset_ = start + length;
-  if (start == 4 && offset_ == buffer_.size()) {
-    auto owner = std::make_shared<const Data>(std::move(buffer_));
-    buffer_ = Data();
-    offset_ = 0;
-    return SharedBytes(owner, std::span(*owner).subspan(start, length));
+  const std::size_t end = start + length;
+  if (length < buffer_.size() / 2) {
+    offset_ = end;
+    return SharedBytes(Data(buffer_.begin() + static_cast<std::ptrdiff_t>(start),
+                            buffer_.begin() + static_cast<std::ptrdiff_t>(end)));
   }
-  return SharedBytes(Data(buffer_.begin() + static_cast<std::ptrdiff_t>(start),
-                          buffer_.begin() + static_cast<std::ptrdiff_t>(offset_)));
+  auto owner = std::make_shared<const Data>(std::move(buffer_));
+  buffer_ = Data();
+  buffer_.reserve(std::min(owner->capacity(), kRetainedCapacity));
+  buffer_.assign(owner->begin() + static_cast<std::ptrdiff_t>(end), owner->end());
+  offset_ = 0;
+  return SharedBytes(owner, std::span(*owner).subspan(start, length));
 }
 
 void WireDecoder::compact() {
@@ -58,7 +63,8 @@ void WireDecoder::compact() {
     }
     offset_ = 0;
   } else if (offset_ > kCompactionThreshold && offset_ > buffer_.size() / 2) {
-    buffer_ = Data(buffer_.begin() + static_cast<std::ptrdiff_t>(offset_), buffer_.end());
+    // Shifted in place: the capacity stays for the frame that is arriving.
+    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(offset_));
     offset_ = 0;
   }
 }

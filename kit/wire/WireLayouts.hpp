@@ -79,6 +79,8 @@ template <class Vec>
 struct MenuTree {
   Vec& nodes;
 };
+template <class Vec>
+MenuTree(Vec&) -> MenuTree<Vec>;
 inline constexpr int kMenuNodeBudget = 3000;
 inline constexpr int kMenuWriteDepth = 4;  // deepest list whose nodes keep their children
 inline constexpr int kMenuReadDepth = 5;   // deepest list a reader accepts

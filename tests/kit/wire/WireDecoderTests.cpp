@@ -111,7 +111,7 @@ TEST(WireDecoder, ConsumedBytesAreCompactedOnlyPastTheThreshold) {
   EXPECT_EQ(decoder.bufferedBytes(), 0u);
 }
 
-TEST(WireDecoder, AHeldFrameDoesNotShareTheReceiveBuffer) {
+TEST(WireDecoder, AHeldFrameSurvivesLaterReads) {
   WireDecoder decoder;
   const Data first = frame(128, {u32(1), u64(1), u64(1), u8(1), u8(0), u32(2), u32(2),
                                  f32(0), f32(0), f32(1), f32(1), u8(0), data({1, 2, 3})});

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: a short, bounded run of every fuzz target
+# from its seed corpus, the release build (warnings are errors), and the same suite under
+# AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+build() {
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -G Ninja -DTOVU_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir"
+}
+
+run_tests() {
+  ctest --test-dir "$1" --output-on-failure --timeout 900 -j "$(nproc)"
+}
+
+echo "== fuzz targets (libFuzzer, bounded)"
+CXX=clang++-14 build build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_FUZZ=ON \
+  -DTOVU_FUZZ_SECONDS="${TOVU_FUZZ_SECONDS:-30}"
+run_tests build/fuzz
+
+echo "== release build"
+build build/release -DCMAKE_BUILD_TYPE=Release
+run_tests build/release
+
+echo "== sanitizer build (ASan + UBSan)"
+build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_SANITIZE=ON -DTOVU_BENCH=OFF
+UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_tests build/sanitize
+
