@@ -53,7 +53,8 @@ void BM_DecodeVideoFrames(benchmark::State& state) {
   const auto readSize = static_cast<std::size_t>(state.range(0));
   const bool continuous = state.range(1) != 0;
   std::vector<Data> frames;
-  for (int i = 0; i < kFramesPerStream; ++i) frames.push_back(WireCodec::encodeVideoFrame(sampleFrame(i)));
+  for (int i = 0; i < kFramesPerStream; ++i)
+    frames.push_back(WireCodec::encodeVideoFrame(sampleFrame(i)));
   Data stream;
   for (const Data& f : frames) stream.insert(stream.end(), f.begin(), f.end());
 

@@ -24,9 +24,15 @@ void checkCanonical(const Data& encoded, Reader reader) {
   again.append(encoded);
   Data reencoded;
   switch (reader) {
-    case Reader::messages: reencoded = WireCodec::encodeMessage(*again.nextMessage()); break;
-    case Reader::video: reencoded = WireCodec::encodeVideoFrame(*again.nextVideoFrame()); break;
-    case Reader::audio: reencoded = WireCodec::encodeAudioPacket(*again.nextAudioPacket()); break;
+    case Reader::messages:
+      reencoded = WireCodec::encodeMessage(*again.nextMessage());
+      break;
+    case Reader::video:
+      reencoded = WireCodec::encodeVideoFrame(*again.nextVideoFrame());
+      break;
+    case Reader::audio:
+      reencoded = WireCodec::encodeAudioPacket(*again.nextAudioPacket());
+      break;
   }
   if (reencoded != encoded) std::abort();
 }

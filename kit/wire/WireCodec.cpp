@@ -160,7 +160,8 @@ constexpr std::array<CaseDecoder, 256> kDecoders = [] {
     ((table[std::variant_alternative_t<I, Message>::code] =
           &decodeCase<std::variant_alternative_t<I, Message>>),
      ...);
-  }(std::make_index_sequence<std::variant_size_v<Message>>{});
+  }
+  (std::make_index_sequence<std::variant_size_v<Message>>{});
   return table;
 }();
 

@@ -39,25 +39,42 @@ struct EnumRule {
 template <class E>
 inline constexpr std::optional<EnumRule> enumRule = std::nullopt;
 
-template <> inline constexpr std::optional<EnumRule> enumRule<CodecProfile>{{"profile ", 0, 3}};
-template <> inline constexpr std::optional<EnumRule> enumRule<AuthResult>{{"auth result ", 0, 2}};
-template <> inline constexpr std::optional<EnumRule> enumRule<PairMethod>{{"pair method ", 0, 1}};
-template <> inline constexpr std::optional<EnumRule> enumRule<PairResult>{{"pair result ", 0, 5}};
-template <> inline constexpr std::optional<EnumRule> enumRule<HostState>{{"host state ", 0, 6}};
-template <> inline constexpr std::optional<EnumRule> enumRule<PointerButton>{{"button ", 0, 2}};
-template <> inline constexpr std::optional<EnumRule> enumRule<ScrollPhase>{{"scroll phase ", 0, 4}};
-template <> inline constexpr std::optional<EnumRule> enumRule<LaunchState>{{"launch state ", 1, 6}};
-template <> inline constexpr std::optional<EnumRule> enumRule<LaunchAction>{{"launch action ", 1, 3}};
-template <> inline constexpr std::optional<EnumRule> enumRule<AudioMode>{{"audio mode ", 0, 2}};
-template <> inline constexpr std::optional<EnumRule> enumRule<AudioCodec>{{"audio codec ", 0, 0}};
-template <> inline constexpr std::optional<EnumRule> enumRule<AudioStatus>{{"audio status ", 0, 3}};
-template <> inline constexpr std::optional<EnumRule> enumRule<FileTransferKind>{{"transfer kind ", 1, 2}};
-template <> inline constexpr std::optional<EnumRule> enumRule<FileTransferState>{{"transfer state ", 1, 5}};
-template <> inline constexpr std::optional<EnumRule> enumRule<MenuMark>{{"", 0, 3, true}};
-template <> inline constexpr std::optional<EnumRule> enumRule<TextFocusKind>{{"", 0, 6, true}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<CodecProfile>{{"profile ", 0, 3}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<AuthResult>{{"auth result ", 0, 2}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<PairMethod>{{"pair method ", 0, 1}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<PairResult>{{"pair result ", 0, 5}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<HostState>{{"host state ", 0, 6}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<PointerButton>{{"button ", 0, 2}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<ScrollPhase>{{"scroll phase ", 0, 4}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<LaunchState>{{"launch state ", 1, 6}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<LaunchAction>{{"launch action ", 1, 3}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<AudioMode>{{"audio mode ", 0, 2}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<AudioCodec>{{"audio codec ", 0, 0}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<AudioStatus>{{"audio status ", 0, 3}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<FileTransferKind>{{"transfer kind ", 1, 2}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<FileTransferState>{{"transfer state ", 1, 5}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<MenuMark>{{"", 0, 3, true}};
+template <>
+inline constexpr std::optional<EnumRule> enumRule<TextFocusKind>{{"", 0, 6, true}};
 
 template <class E>
-concept WireEnum = std::is_enum_v<E> && enumRule<E>.has_value();
+concept WireEnum = std::is_enum_v<E> && enumRule<E>
+.has_value();
 
 // An array field: an element count of type `Count`, then the elements. The writer writes at most
 // `cap` elements; the reader enforces `cap` only where the message names a label for it.
@@ -220,138 +237,136 @@ class FieldReader {
 
 // ---- Value types ----
 
-template <class A> void describe(A& a, Like<NormalizedRect> auto& v) { a(v.x, v.y, v.width, v.height); }
-template <class A> void describe(A& a, Like<DisplayFrame> auto& v) { a(v.x, v.y, v.width, v.height); }
-template <class A> void describe(A& a, Like<DisplayInfo> auto& v) {
+void describe(auto& a, Like<NormalizedRect> auto& v) { a(v.x, v.y, v.width, v.height); }
+void describe(auto& a, Like<DisplayFrame> auto& v) { a(v.x, v.y, v.width, v.height); }
+void describe(auto& a, Like<DisplayInfo> auto& v) {
   a(v.id, v.name, v.isMain, v.pixelWidth, v.pixelHeight, v.frame);
 }
-template <class A> void describe(A& a, Like<Viewport> auto& v) {
+void describe(auto& a, Like<Viewport> auto& v) {
   a(v.displayID, v.sourceRect, v.outputWidth, v.outputHeight);
 }
-template <class A> void describe(A& a, Like<Feedback> auto& v) {
+void describe(auto& a, Like<Feedback> auto& v) {
   a(v.framesReceived, v.framesDropped, v.jitterMs, v.requestKeyframe);
 }
-template <class A> void describe(A& a, Like<ClientCapabilities> auto& v) {
+void describe(auto& a, Like<ClientCapabilities> auto& v) {
   a(counted<std::uint8_t>(v.decodableProfiles), v.screenPixelWidth, v.screenPixelHeight, v.scale,
     v.deviceModel, v.supportsFolio);
 }
-template <class A> void describe(A& a, Like<KeyEvent> auto& v) { a(v.usage, v.isDown, v.modifiers); }
-template <class A> void describe(A& a, Like<WindowInfo> auto& v) {
+void describe(auto& a, Like<KeyEvent> auto& v) { a(v.usage, v.isDown, v.modifiers); }
+void describe(auto& a, Like<WindowInfo> auto& v) {
   a(v.id, v.title, v.frame, v.displayID, v.isOnScreen, v.isMinimized);
 }
-template <class A> void describe(A& a, Like<AppInfo> auto& v) {
+void describe(auto& a, Like<AppInfo> auto& v) {
   a(v.pid, v.bundleID, v.name, v.icon, v.isFrontmost, counted<std::uint16_t>(v.windows));
 }
-template <class A> void describe(A& a, Like<InstalledApp> auto& v) { a(v.bundleID, v.name, v.iconHash); }
-template <class A> void describe(A& a, Like<LaunchStatus> auto& v) {
+void describe(auto& a, Like<InstalledApp> auto& v) { a(v.bundleID, v.name, v.iconHash); }
+void describe(auto& a, Like<LaunchStatus> auto& v) {
   a(v.bundleID, v.state, v.elapsedMs, v.detail);
 }
-template <class A> void describe(A& a, Like<FileMeta> auto& v) { a(v.name, v.typeID, v.size); }
-template <class A> void describe(A& a, Like<MenuNode> auto& v) {
+void describe(auto& a, Like<FileMeta> auto& v) { a(v.name, v.typeID, v.size); }
+void describe(auto& a, Like<MenuNode> auto& v) {
   a(v.title, v.key, v.modifiers, v.enabled, v.mark, v.separatorBefore);  // children: by the tree
 }
-template <class A> void describe(A& a, Like<RelayEndpoint> auto& v) { a(v.host, v.port); }
+void describe(auto& a, Like<RelayEndpoint> auto& v) { a(v.host, v.port); }
 
 // ---- Media frames (behind their type byte) ----
 
-template <class A> void describe(A& a, Like<VideoFrame> auto& v) {
+void describe(auto& a, Like<VideoFrame> auto& v) {
   a(v.displayID, v.frameNumber, v.captureTimeNs, v.isKeyframe, v.profile, v.width, v.height,
     v.sourceRect, counted<std::uint8_t>(v.parameterSets), v.payload);
 }
-template <class A> void describe(A& a, Like<AudioPacket> auto& v) { a(v.ptsMicros, v.data); }
+void describe(auto& a, Like<AudioPacket> auto& v) { a(v.ptsMicros, v.data); }
 
 // ---- Messages (behind their type byte) ----
 
-template <class A> void describe(A& a, Like<msg::authChallenge> auto& m) { a(m.nonce); }
-template <class A> void describe(A& a, Like<msg::authResponse> auto& m) { a(m.deviceID, m.publicKey, m.signature); }
-template <class A> void describe(A& a, Like<msg::authResult> auto& m) { a(m.result); }
-template <class A> void describe(A& a, Like<msg::pairRequest> auto& m) { a(m.method, m.deviceName, m.proof); }
-template <class A> void describe(A& a, Like<msg::pairNonce> auto& m) { a(m.nonce); }
-template <class A> void describe(A& a, Like<msg::pairReveal> auto& m) { a(m.reveal); }
-template <class A> void describe(A& a, Like<msg::pairResult> auto& m) { a(m.result); }
-template <class A> void describe(A& a, Like<msg::hello> auto& m) {
+void describe(auto& a, Like<msg::authChallenge> auto& m) { a(m.nonce); }
+void describe(auto& a, Like<msg::authResponse> auto& m) { a(m.deviceID, m.publicKey, m.signature); }
+void describe(auto& a, Like<msg::authResult> auto& m) { a(m.result); }
+void describe(auto& a, Like<msg::pairRequest> auto& m) { a(m.method, m.deviceName, m.proof); }
+void describe(auto& a, Like<msg::pairNonce> auto& m) { a(m.nonce); }
+void describe(auto& a, Like<msg::pairReveal> auto& m) { a(m.reveal); }
+void describe(auto& a, Like<msg::pairResult> auto& m) { a(m.result); }
+void describe(auto& a, Like<msg::hello> auto& m) {
   a(m.version, m.deviceID, m.deviceName, m.capabilities);
 }
-template <class A> void describe(A& a, Like<msg::helloAck> auto& m) {
+void describe(auto& a, Like<msg::helloAck> auto& m) {
   a(m.version, m.hostID, m.hostName, m.profile);
 }
-template <class A> void describe(A& a, Like<msg::helloReject> auto& m) { a(m.reason); }
-template <class A> void describe(A& a, Like<msg::displayList> auto& m) { a(counted<std::uint16_t>(m.displays)); }
-template <class A> void describe(A& a, Like<msg::selectDisplay> auto& m) { a(m.displayID); }
-template <class A> void describe(A& a, Like<msg::viewport> auto& m) { a(m.viewport); }
-template <class A> void describe(A& a, Like<msg::setThumbnails> auto& m) { a(m.enabled); }
-template <class A> void describe(A& a, Like<msg::thumbnail> auto& m) { a(m.displayID, m.jpeg); }
-template <class A> void describe(A& a, Like<msg::feedback> auto& m) { a(m.feedback); }
-template <class A> void describe(A& a, Like<msg::clipboardText> auto& m) { a(m.text); }
-template <class A> void describe(A& a, Like<msg::key> auto& m) { a(m.event); }
-template <class A> void describe(A& a, Like<msg::pointer> auto& m) { a(m.seq, m.event); }
-template <class A> void describe(A& a, Like<msg::ping> auto& m) { a(m.value); }
-template <class A> void describe(A& a, Like<msg::pong> auto& m) { a(m.value); }
-template <class A> void describe(A& a, Like<msg::streamInfo> auto& m) {
+void describe(auto& a, Like<msg::helloReject> auto& m) { a(m.reason); }
+void describe(auto& a, Like<msg::displayList> auto& m) { a(counted<std::uint16_t>(m.displays)); }
+void describe(auto& a, Like<msg::selectDisplay> auto& m) { a(m.displayID); }
+void describe(auto& a, Like<msg::viewport> auto& m) { a(m.viewport); }
+void describe(auto& a, Like<msg::setThumbnails> auto& m) { a(m.enabled); }
+void describe(auto& a, Like<msg::thumbnail> auto& m) { a(m.displayID, m.jpeg); }
+void describe(auto& a, Like<msg::feedback> auto& m) { a(m.feedback); }
+void describe(auto& a, Like<msg::clipboardText> auto& m) { a(m.text); }
+void describe(auto& a, Like<msg::key> auto& m) { a(m.event); }
+void describe(auto& a, Like<msg::pointer> auto& m) { a(m.seq, m.event); }
+void describe(auto& a, Like<msg::ping> auto& m) { a(m.value); }
+void describe(auto& a, Like<msg::pong> auto& m) { a(m.value); }
+void describe(auto& a, Like<msg::streamInfo> auto& m) {
   a(m.displayID, m.sourceRect, m.width, m.height, m.profile);
 }
-template <class A> void describe(A& a, Like<msg::cursorState> auto& m) {
+void describe(auto& a, Like<msg::cursorState> auto& m) {
   a(m.seq, m.displayID, m.x, m.y, m.visible, m.shapeID);
 }
-template <class A> void describe(A& a, Like<msg::hostStatus> auto& m) { a(m.state, m.detail); }
-template <class A> void describe(A& a, Like<msg::appList> auto& m) { a(counted<std::uint16_t>(m.apps)); }
-template <class A> void describe(A& a, Like<msg::setAppListUpdates> auto& m) { a(m.enabled); }
-template <class A> void describe(A& a, Like<msg::activateApp> auto& m) { a(m.pid, m.windowID, m.moveCursor); }
-template <class A> void describe(A& a, Like<msg::focus> auto& m) { a(m.pid, m.windowID, m.fit, m.moveCursor); }
-template <class A> void describe(A&, Like<msg::unfocus> auto&) {}
-template <class A> void describe(A& a, Like<msg::windowThumbnails> auto& m) {
+void describe(auto& a, Like<msg::hostStatus> auto& m) { a(m.state, m.detail); }
+void describe(auto& a, Like<msg::appList> auto& m) { a(counted<std::uint16_t>(m.apps)); }
+void describe(auto& a, Like<msg::setAppListUpdates> auto& m) { a(m.enabled); }
+void describe(auto& a, Like<msg::activateApp> auto& m) { a(m.pid, m.windowID, m.moveCursor); }
+void describe(auto& a, Like<msg::focus> auto& m) { a(m.pid, m.windowID, m.fit, m.moveCursor); }
+void describe(auto&, Like<msg::unfocus> auto&) {}
+void describe(auto& a, Like<msg::windowThumbnails> auto& m) {
   a(m.enabled, counted<std::uint16_t>(m.windowIDs));
 }
-template <class A> void describe(A& a, Like<msg::windowThumbnail> auto& m) { a(m.windowID, m.jpeg); }
-template <class A> void describe(A& a, Like<msg::streamMode> auto& m) { a(m.info); }
-template <class A> void describe(A& a, Like<msg::cursorShape> auto& m) {
+void describe(auto& a, Like<msg::windowThumbnail> auto& m) { a(m.windowID, m.jpeg); }
+void describe(auto& a, Like<msg::streamMode> auto& m) { a(m.info); }
+void describe(auto& a, Like<msg::cursorShape> auto& m) {
   a(m.shapeID, m.png, m.hotspotX, m.hotspotY, m.pointSize);
 }
-template <class A> void describe(A& a, Like<msg::requestCursorShape> auto& m) { a(m.shapeID); }
-template <class A> void describe(A& a, Like<msg::setVideoEnabled> auto& m) { a(m.enabled); }
-template <class A> void describe(A& a, Like<msg::text> auto& m) { a(m.text); }
-template <class A> void describe(A& a, Like<msg::setAudio> auto& m) { a(m.mode); }
-template <class A> void describe(A& a, Like<msg::audioConfig> auto& m) {
+void describe(auto& a, Like<msg::requestCursorShape> auto& m) { a(m.shapeID); }
+void describe(auto& a, Like<msg::setVideoEnabled> auto& m) { a(m.enabled); }
+void describe(auto& a, Like<msg::text> auto& m) { a(m.text); }
+void describe(auto& a, Like<msg::setAudio> auto& m) { a(m.mode); }
+void describe(auto& a, Like<msg::audioConfig> auto& m) {
   a(m.sampleRate, m.channels, m.codec, m.magicCookie);
 }
-template <class A> void describe(A& a, Like<msg::audioStatus> auto& m) { a(m.status, m.detail); }
-template <class A> void describe(A& a, Like<msg::relayConfig> auto& m) {
+void describe(auto& a, Like<msg::audioStatus> auto& m) { a(m.status, m.detail); }
+void describe(auto& a, Like<msg::relayConfig> auto& m) {
   a(counted<std::uint8_t>(m.relays), m.grant);
 }
-template <class A> void describe(A&, Like<msg::focusBack> auto&) {}
-template <class A> void describe(A&, Like<msg::requestInstalledApps> auto&) {}
-template <class A> void describe(A& a, Like<msg::installedApps> auto& m) { a(counted<std::uint16_t>(m.apps)); }
-template <class A> void describe(A& a, Like<msg::requestAppIcons> auto& m) {
+void describe(auto&, Like<msg::focusBack> auto&) {}
+void describe(auto&, Like<msg::requestInstalledApps> auto&) {}
+void describe(auto& a, Like<msg::installedApps> auto& m) { a(counted<std::uint16_t>(m.apps)); }
+void describe(auto& a, Like<msg::requestAppIcons> auto& m) {
   a(counted<std::uint8_t>(m.bundleIDs, 24, "icon request "));
 }
-template <class A> void describe(A& a, Like<msg::appIcon> auto& m) { a(m.bundleID, m.png); }
-template <class A> void describe(A& a, Like<msg::launchApp> auto& m) { a(m.bundleID, m.focus); }
-template <class A> void describe(A& a, Like<msg::launchStatus> auto& m) { a(m.status); }
-template <class A> void describe(A& a, Like<msg::launchControl> auto& m) { a(m.bundleID, m.action); }
-template <class A> void describe(A& a, Like<msg::quitApp> auto& m) { a(m.pid); }
-template <class A> void describe(A& a, Like<msg::recentApps> auto& m) { a(counted<std::uint16_t>(m.pids, 64)); }
-template <class A> void describe(A& a, Like<msg::fileOffer> auto& m) {
+void describe(auto& a, Like<msg::appIcon> auto& m) { a(m.bundleID, m.png); }
+void describe(auto& a, Like<msg::launchApp> auto& m) { a(m.bundleID, m.focus); }
+void describe(auto& a, Like<msg::launchStatus> auto& m) { a(m.status); }
+void describe(auto& a, Like<msg::launchControl> auto& m) { a(m.bundleID, m.action); }
+void describe(auto& a, Like<msg::quitApp> auto& m) { a(m.pid); }
+void describe(auto& a, Like<msg::recentApps> auto& m) { a(counted<std::uint16_t>(m.pids, 64)); }
+void describe(auto& a, Like<msg::fileOffer> auto& m) {
   a(m.transferID, counted<std::uint16_t>(m.files), m.kind);
 }
-template <class A> void describe(A& a, Like<msg::fileChunk> auto& m) {
+void describe(auto& a, Like<msg::fileChunk> auto& m) {
   a(m.transferID, m.fileIndex, m.offset, m.data);
 }
-template <class A> void describe(A& a, Like<msg::fileEnd> auto& m) { a(m.transferID); }
-template <class A> void describe(A& a, Like<msg::fileCancel> auto& m) { a(m.transferID); }
-template <class A> void describe(A& a, Like<msg::fileStatus> auto& m) {
+void describe(auto& a, Like<msg::fileEnd> auto& m) { a(m.transferID); }
+void describe(auto& a, Like<msg::fileCancel> auto& m) { a(m.transferID); }
+void describe(auto& a, Like<msg::fileStatus> auto& m) {
   a(m.transferID, m.state, m.bytes, m.detail);
 }
-template <class A> void describe(A& a, Like<msg::watchActions> auto& m) { a(m.enabled); }
-template <class A> void describe(A& a, Like<msg::appActions> auto& m) {
+void describe(auto& a, Like<msg::watchActions> auto& m) { a(m.enabled); }
+void describe(auto& a, Like<msg::appActions> auto& m) {
   a(m.bundleID, m.appName, m.generation, MenuTree{m.menu});
 }
-template <class A> void describe(A& a, Like<msg::performAction> auto& m) {
+void describe(auto& a, Like<msg::performAction> auto& m) {
   a(m.generation, counted<std::uint8_t>(m.path, 5));
 }
-template <class A> void describe(A& a, Like<msg::actionResult> auto& m) { a(m.ok, m.detail); }
-template <class A> void describe(A& a, Like<msg::textFocus> auto& m) {
-  a(m.isText, m.bundleID, m.kind, m.byClick);
-}
-template <class A> void describe(A& a, Like<msg::sessionReplaced> auto& m) { a(m.byDeviceName); }
+void describe(auto& a, Like<msg::actionResult> auto& m) { a(m.ok, m.detail); }
+void describe(auto& a, Like<msg::textFocus> auto& m) { a(m.isText, m.bundleID, m.kind, m.byClick); }
+void describe(auto& a, Like<msg::sessionReplaced> auto& m) { a(m.byDeviceName); }
 
 }  // namespace kelvaron::wire

@@ -12,30 +12,70 @@
 
 namespace kelvaron {
 
-enum class CodecProfile : std::uint8_t { hevcMain = 0, hevcMain10 = 1, hevcMain444 = 2, hevcMain44410 = 3 };
+enum class CodecProfile : std::uint8_t {
+  hevcMain = 0,
+  hevcMain10 = 1,
+  hevcMain444 = 2,
+  hevcMain44410 = 3
+};
 enum class AuthResult : std::uint8_t { ok = 0, notPaired = 1, denied = 2 };
 enum class PairMethod : std::uint8_t { token = 0, compare = 1 };
 enum class PairResult : std::uint8_t {
-  accepted = 0, denied = 1, rateLimited = 2, invalidToken = 3, expiredToken = 4, failed = 5
+  accepted = 0,
+  denied = 1,
+  rateLimited = 2,
+  invalidToken = 3,
+  expiredToken = 4,
+  failed = 5
 };
 enum class HostState : std::uint8_t {
-  ok = 0, displayAsleep = 1, waking = 2, locked = 3, asleep = 4, captureBlocked = 5,
+  ok = 0,
+  displayAsleep = 1,
+  waking = 2,
+  locked = 3,
+  asleep = 4,
+  captureBlocked = 5,
   permissionMissing = 6
 };
 enum class PointerButton : std::uint8_t { left = 0, right = 1, middle = 2 };
-enum class ScrollPhase : std::uint8_t { began = 0, changed = 1, ended = 2, momentum = 3, momentumEnded = 4 };
+enum class ScrollPhase : std::uint8_t {
+  began = 0,
+  changed = 1,
+  ended = 2,
+  momentum = 3,
+  momentumEnded = 4
+};
 enum class LaunchState : std::uint8_t {
-  launching = 1, focused = 2, broughtToFront = 3, noWindow = 4, failed = 5, cancelled = 6
+  launching = 1,
+  focused = 2,
+  broughtToFront = 3,
+  noWindow = 4,
+  failed = 5,
+  cancelled = 6
 };
 enum class LaunchAction : std::uint8_t { cancel = 1, newWindow = 2, keepWaiting = 3 };
 enum class AudioMode : std::uint8_t { off = 0, phoneOnly = 1, both = 2 };
 enum class AudioCodec : std::uint8_t { aacELD = 0 };
 enum class AudioStatus : std::uint8_t { off = 0, playing = 1, permissionMissing = 2, failed = 3 };
 enum class FileTransferKind : std::uint8_t { attach = 1, paste = 2 };
-enum class FileTransferState : std::uint8_t { accepted = 1, progress = 2, done = 3, failed = 4, rejected = 5 };
+enum class FileTransferState : std::uint8_t {
+  accepted = 1,
+  progress = 2,
+  done = 3,
+  failed = 4,
+  rejected = 5
+};
 // Unknown bytes of these two read as `none`, so that a newer peer's kinds are harmless.
 enum class MenuMark : std::uint8_t { none = 0, check = 1, mixed = 2, bullet = 3 };
-enum class TextFocusKind : std::uint8_t { none = 0, field = 1, area = 2, search = 3, secure = 4, web = 5, terminal = 6 };
+enum class TextFocusKind : std::uint8_t {
+  none = 0,
+  field = 1,
+  area = 2,
+  search = 3,
+  secure = 4,
+  web = 5,
+  terminal = 6
+};
 
 // x, y, width, height as fractions of a display.
 struct NormalizedRect {

@@ -33,7 +33,9 @@ class WireWriter {
   void string(std::string_view text);
   void data(std::span<const std::uint8_t> bytes);
   void uuid(const UUID& id) { raw(id.bytes); }
-  void raw(std::span<const std::uint8_t> bytes) { out_.insert(out_.end(), bytes.begin(), bytes.end()); }
+  void raw(std::span<const std::uint8_t> bytes) {
+    out_.insert(out_.end(), bytes.begin(), bytes.end());
+  }
 
   std::size_t size() const { return out_.size(); }
   // Overwrites four bytes already written at `offset` with `v` (for a length known only later).

@@ -14,8 +14,8 @@ TEST(FileTransfer, SizeTextRoundsLikeAPerson) {
   EXPECT_EQ(sizeText(20971520), "20 MB");
   EXPECT_EQ(sizeText(2048), "2 KB");
   EXPECT_EQ(sizeText(0), "0 KB");
-  EXPECT_EQ(sizeText(10433332), "10 MB");   // 9.95 MiB rounds to one decimal as 10.0
-  EXPECT_EQ(sizeText(15990000), "15 MB");   // 15.25 MiB: whole megabytes from ten on
+  EXPECT_EQ(sizeText(10433332), "10 MB");  // 9.95 MiB rounds to one decimal as 10.0
+  EXPECT_EQ(sizeText(15990000), "15 MB");  // 15.25 MiB: whole megabytes from ten on
 }
 
 TEST(FileTransfer, OffersAreCheckedBeforeTheyAreSent) {

@@ -17,8 +17,8 @@ struct Layout {
   Data bytes;
 };
 
-const UUID kID{{0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x1a, 0x1b, 0x1c,
-                0x1d, 0x1e, 0x1f}};
+const UUID kID{{0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x1a, 0x1b, 0x1c, 0x1d,
+                0x1e, 0x1f}};
 const Data kIDBytes(kID.bytes.begin(), kID.bytes.end());
 const NormalizedRect kRect{0.25f, 0.5f, 0.75f, 1.0f};
 const Data kRectBytes = concat({f32(0.25f), f32(0.5f), f32(0.75f), f32(1.0f)});
@@ -33,11 +33,17 @@ std::vector<Layout> sessionLayouts() {
       {msg::pairNonce{{7}}, frame(21, {data({7})})},
       {msg::pairReveal{{8}}, frame(22, {data({8})})},
       {msg::pairResult{PairResult::expiredToken}, frame(23, {u8(4)})},
-      {msg::hello{16, kID, "Ann’s iPad",
-                  {{CodecProfile::hevcMain10, CodecProfile::hevcMain}, 2732, 2048, 2.0f,
-                   "iPad13,8", true}},
-       frame(1, {u16(16), kIDBytes, str("Ann’s iPad"), u8(2), u8(1), u8(0), u32(2732),
-                 u32(2048), f32(2.0f), str("iPad13,8"), u8(1)})},
+      {msg::hello{16,
+                  kID,
+                  "Ann’s iPad",
+                  {{CodecProfile::hevcMain10, CodecProfile::hevcMain},
+                   2732,
+                   2048,
+                   2.0f,
+                   "iPad13,8",
+                   true}},
+       frame(1, {u16(16), kIDBytes, str("Ann’s iPad"), u8(2), u8(1), u8(0), u32(2732), u32(2048),
+                 f32(2.0f), str("iPad13,8"), u8(1)})},
       {msg::helloAck{16, kID, "studio", CodecProfile::hevcMain444},
        frame(2, {u16(16), kIDBytes, str("studio"), u8(2)})},
       {msg::helloReject{"Unsupported protocol version 15"},
@@ -52,7 +58,8 @@ std::vector<Layout> sessionLayouts() {
       {msg::feedback{{60, 2, 4.5f, true}}, frame(9, {u32(60), u32(2), f32(4.5f), u8(1)})},
       {msg::clipboardText{"copied"}, frame(10, {str("copied")})},
       {msg::key{{{0x04}, true, {0x09}}}, frame(11, {u16(4), u8(1), u8(9)})},
-      {msg::pointer{9, pointer::moveRelative{1.5f, -2}}, frame(12, {u32(9), u8(0), f32(1.5f), f32(-2)})},
+      {msg::pointer{9, pointer::moveRelative{1.5f, -2}},
+       frame(12, {u32(9), u8(0), f32(1.5f), f32(-2)})},
       {msg::pointer{10, pointer::moveAbsolute{2, 10, 20}},
        frame(12, {u32(10), u8(1), u32(2), f32(10), f32(20)})},
       {msg::pointer{11, pointer::button{PointerButton::right, true, 2}},
@@ -74,7 +81,11 @@ std::vector<Layout> sessionLayouts() {
 
 std::vector<Layout> featureLayouts() {
   return {
-      {msg::appList{{{-5, "org.gnome.Terminal", "Terminal", {1}, true,
+      {msg::appList{{{-5,
+                      "org.gnome.Terminal",
+                      "Terminal",
+                      {1},
+                      true,
                       {{8, "~", {1, 2, 3, 4}, 7, true, false}}}}},
        frame(25, {u16(1), u32(std::uint32_t(-5)), str("org.gnome.Terminal"), str("Terminal"),
                   data({1}), u8(1), u16(1), u32(8), str("~"), f32(1), f32(2), f32(3), f32(4),
@@ -92,14 +103,16 @@ std::vector<Layout> featureLayouts() {
                   str("Files"), str("Open"), u8(1)})},
       {msg::streamMode{{streammode::desktop{}, false, std::nullopt, kRect, std::nullopt}},
        frame(32, {u8(0), u8(0), u8(0), kRectBytes, u8(0)})},
-      {msg::cursorShape{3, {0x89}, 1, 2, 32}, frame(33, {u32(3), data({0x89}), f32(1), f32(2), f32(32)})},
+      {msg::cursorShape{3, {0x89}, 1, 2, 32},
+       frame(33, {u32(3), data({0x89}), f32(1), f32(2), f32(32)})},
       {msg::requestCursorShape{3}, frame(34, {u32(3)})},
       {msg::setVideoEnabled{false}, frame(35, {u8(0)})},
       {msg::text{"héllo"}, frame(37, {str("héllo")})},
       {msg::setAudio{AudioMode::both}, frame(38, {u8(2)})},
       {msg::audioConfig{48000, 2, AudioCodec::aacELD, {0xf8, 0xe8}},
        frame(39, {u32(48000), u8(2), u8(0), data({0xf8, 0xe8})})},
-      {msg::audioStatus{AudioStatus::failed, "no device"}, frame(40, {u8(3), u8(1), str("no device")})},
+      {msg::audioStatus{AudioStatus::failed, "no device"},
+       frame(40, {u8(3), u8(1), str("no device")})},
       {msg::relayConfig{{{"relay.example", 4433}}, {5, 6}},
        frame(41, {u8(1), str("relay.example"), u16(4433), data({5, 6})})},
       {msg::focusBack{}, frame(42, {})},
@@ -122,13 +135,21 @@ std::vector<Layout> featureLayouts() {
       {msg::fileStatus{6, FileTransferState::progress, 100, ""},
        frame(56, {u32(6), u8(2), u64(100), str("")})},
       {msg::watchActions{true}, frame(57, {u8(1)})},
-      {msg::appActions{"gedit", "Text Editor", 4,
-                       {{"File", "", 0, true, MenuMark::none, false,
+      {msg::appActions{"gedit",
+                       "Text Editor",
+                       4,
+                       {{"File",
+                         "",
+                         0,
+                         true,
+                         MenuMark::none,
+                         false,
                          {{"Save", "s", 4, false, MenuMark::check, true, {}}}}}},
-       frame(58, {str("gedit"), str("Text Editor"), u32(4), u16(1), str("File"), str(""), u8(0),
-                  u8(1), u8(0), u8(0), u16(1), str("Save"), str("s"), u8(4), u8(0), u8(1), u8(1),
-                  u16(0)})},
-      {msg::performAction{4, {"File", "Save"}}, frame(59, {u32(4), u8(2), str("File"), str("Save")})},
+       frame(58,
+             {str("gedit"), str("Text Editor"), u32(4), u16(1), str("File"), str(""), u8(0), u8(1),
+              u8(0), u8(0), u16(1), str("Save"), str("s"), u8(4), u8(0), u8(1), u8(1), u16(0)})},
+      {msg::performAction{4, {"File", "Save"}},
+       frame(59, {u32(4), u8(2), str("File"), str("Save")})},
       {msg::actionResult{true, "done"}, frame(60, {u8(1), str("done")})},
       {msg::textFocus{true, "gedit", TextFocusKind::terminal, true},
        frame(61, {u8(1), str("gedit"), u8(6), u8(1)})},
@@ -155,11 +176,19 @@ TEST(WireCodec, EveryMessageCaseHasALayoutHere) {
 }
 
 TEST(WireCodec, MediaFramesHaveTheirLayouts) {
-  VideoFrame video{7, 0x0102030405060708, 99, true, CodecProfile::hevcMain10, 1920, 1080, kRect,
-                   {Data{0x40, 0x01}, Data{0x42}}, Data{0, 0, 0, 1, 0x26}};
-  const Data videoBytes = frame(128, {u32(7), u64(0x0102030405060708), u64(99), u8(1), u8(1),
-                                      u32(1920), u32(1080), kRectBytes, u8(2), data({0x40, 0x01}),
-                                      data({0x42}), data({0, 0, 0, 1, 0x26})});
+  VideoFrame video{7,
+                   0x0102030405060708,
+                   99,
+                   true,
+                   CodecProfile::hevcMain10,
+                   1920,
+                   1080,
+                   kRect,
+                   {Data{0x40, 0x01}, Data{0x42}},
+                   Data{0, 0, 0, 1, 0x26}};
+  const Data videoBytes =
+      frame(128, {u32(7), u64(0x0102030405060708), u64(99), u8(1), u8(1), u32(1920), u32(1080),
+                  kRectBytes, u8(2), data({0x40, 0x01}), data({0x42}), data({0, 0, 0, 1, 0x26})});
   EXPECT_EQ(WireCodec::encodeVideoFrame(video), videoBytes);
   EXPECT_EQ(WireCodec::decodeVideoFrame(Data(videoBytes.begin() + 4, videoBytes.end())), video);
 
@@ -220,9 +249,9 @@ TEST(WireCodec, EachEnumerationFailsWithItsLabel) {
 TEST(WireCodec, LenientEnumerationsReadUnknownBytesAsNone) {
   EXPECT_EQ(decodeOne(frame(61, {u8(1), str("x"), u8(9), u8(0)})),
             Message(msg::textFocus{true, "x", TextFocusKind::none, false}));
-  const auto actions = std::get<msg::appActions>(decodeOne(
-      frame(58, {str(""), str(""), u32(1), u16(1), str("t"), str(""), u8(0), u8(1), u8(200),
-                 u8(0), u16(0)})));
+  const auto actions = std::get<msg::appActions>(
+      decodeOne(frame(58, {str(""), str(""), u32(1), u16(1), str("t"), str(""), u8(0), u8(1),
+                           u8(200), u8(0), u16(0)})));
   EXPECT_EQ(actions.menu.at(0).mark, MenuMark::none);
 }
 
@@ -290,7 +319,8 @@ TEST(WireCodec, WritersCapArraysSilentlyAndReadersAsymmetrically) {
 
   msg::recentApps recent;
   for (int i = 0; i < 100; ++i) recent.pids.push_back(i);
-  EXPECT_EQ(std::get<msg::recentApps>(decodeOne(WireCodec::encodeMessage(recent))).pids.size(), 64u);
+  EXPECT_EQ(std::get<msg::recentApps>(decodeOne(WireCodec::encodeMessage(recent))).pids.size(),
+            64u);
   Data manyPids = concat({u16(100)});
   for (int i = 0; i < 100; ++i) manyPids = concat({manyPids, u32(i)});
   EXPECT_EQ(std::get<msg::recentApps>(decodeOne(frame(51, {manyPids}))).pids.size(), 100u);
@@ -298,11 +328,11 @@ TEST(WireCodec, WritersCapArraysSilentlyAndReadersAsymmetrically) {
   msg::performAction action{1, {"a", "b", "c", "d", "e", "f", "g"}};
   EXPECT_EQ(std::get<msg::performAction>(decodeOne(WireCodec::encodeMessage(action))).path,
             (std::vector<std::string>{"a", "b", "c", "d", "e"}));
-  EXPECT_EQ(std::get<msg::performAction>(
-                decodeOne(frame(59, {u32(1), u8(6), str("1"), str("2"), str("3"), str("4"),
-                                     str("5"), str("6")})))
-                .path.size(),
-            6u);
+  EXPECT_EQ(
+      std::get<msg::performAction>(decodeOne(frame(59, {u32(1), u8(6), str("1"), str("2"), str("3"),
+                                                        str("4"), str("5"), str("6")})))
+          .path.size(),
+      6u);
 
   msg::relayConfig relays;
   relays.relays.resize(300, RelayEndpoint{"r", 1});
@@ -339,7 +369,8 @@ TEST(WireCodec, MenuTreeIsCutToFourLevelsAndTheNodeBudget) {
   EXPECT_EQ(depthOf(decoded.menu), 4);
 
   msg::appActions flat{"b", "n", 1, std::vector<MenuNode>(3001, MenuNode{.title = "x"})};
-  EXPECT_EQ(std::get<msg::appActions>(decodeOne(WireCodec::encodeMessage(flat))).menu.size(), 3000u);
+  EXPECT_EQ(std::get<msg::appActions>(decodeOne(WireCodec::encodeMessage(flat))).menu.size(),
+            3000u);
 
   // Children claim what their parents' siblings left: the written tree stays within the budget.
   msg::appActions bushy{"b", "n", 1, {}};

@@ -28,10 +28,8 @@ class RandomFill {
 
  private:
   template <class Int>
-    requires std::is_integral_v<Int>
-  void fill(Int& v) {
-    v = static_cast<Int>(rng_());
-  }
+  requires std::is_integral_v<Int>
+  void fill(Int& v) { v = static_cast<Int>(rng_()); }
   void fill(bool& v) { v = rng_() & 1; }
   void fill(float& v) {
     do v = std::bit_cast<float>(static_cast<std::uint32_t>(rng_()));
@@ -58,10 +56,18 @@ class RandomFill {
   void fill(ModifierFlags& v) { fill(v.rawValue); }
   void fill(PointerEvent& v) {
     switch (below(4)) {
-      case 0: v = pointer::moveRelative{}; break;
-      case 1: v = pointer::moveAbsolute{}; break;
-      case 2: v = pointer::button{}; break;
-      default: v = pointer::scroll{}; break;
+      case 0:
+        v = pointer::moveRelative{};
+        break;
+      case 1:
+        v = pointer::moveAbsolute{};
+        break;
+      case 2:
+        v = pointer::button{};
+        break;
+      default:
+        v = pointer::scroll{};
+        break;
     }
     std::visit([&](auto& e) { fillPointer(e); }, v);
   }
@@ -133,7 +139,8 @@ std::vector<Message> randomMessages(std::uint64_t seed, int rounds) {
   for (int round = 0; round < rounds; ++round) {
     [&]<std::size_t... I>(std::index_sequence<I...>) {
       (out.push_back(randomCase<std::variant_alternative_t<I, Message>>(random)), ...);
-    }(std::make_index_sequence<std::variant_size_v<Message>>{});
+    }
+    (std::make_index_sequence<std::variant_size_v<Message>>{});
   }
   return out;
 }

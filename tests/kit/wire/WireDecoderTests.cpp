@@ -100,7 +100,8 @@ TEST(WireDecoder, ConsumedBytesAreCompactedOnlyPastTheThreshold) {
     if (decoder.offset() < previousOffset) {
       ++compactions;
       EXPECT_GT(previousOffset + small.size(), 65536u);
-      EXPECT_GT(previousOffset + small.size(), (decoder.bufferedBytes() + previousOffset + small.size()) / 2);
+      EXPECT_GT(previousOffset + small.size(),
+                (decoder.bufferedBytes() + previousOffset + small.size()) / 2);
     }
     previousOffset = decoder.offset();
   }
@@ -113,8 +114,8 @@ TEST(WireDecoder, ConsumedBytesAreCompactedOnlyPastTheThreshold) {
 
 TEST(WireDecoder, AHeldFrameSurvivesLaterReads) {
   WireDecoder decoder;
-  const Data first = frame(128, {u32(1), u64(1), u64(1), u8(1), u8(0), u32(2), u32(2),
-                                 f32(0), f32(0), f32(1), f32(1), u8(0), data({1, 2, 3})});
+  const Data first = frame(128, {u32(1), u64(1), u64(1), u8(1), u8(0), u32(2), u32(2), f32(0),
+                                 f32(0), f32(1), f32(1), u8(0), data({1, 2, 3})});
   decoder.append(first);
   decoder.append(std::span(first).first(6));  // the next frame has begun
   auto held = decoder.nextVideoFrame();

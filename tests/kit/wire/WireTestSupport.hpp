@@ -29,7 +29,9 @@ inline Data u64(std::uint64_t v) {
   return concat({u32(std::uint32_t(v >> 32)), u32(std::uint32_t(v))});
 }
 inline Data f32(float v) { return u32(std::bit_cast<std::uint32_t>(v)); }
-inline Data str(std::string_view s) { return concat({u16(std::uint16_t(s.size())), Data(s.begin(), s.end())}); }
+inline Data str(std::string_view s) {
+  return concat({u16(std::uint16_t(s.size())), Data(s.begin(), s.end())});
+}
 inline Data data(std::initializer_list<std::uint8_t> bytes) {
   return concat({u32(std::uint32_t(bytes.size())), Data(bytes)});
 }
