@@ -5,11 +5,13 @@ set -euo pipefail
 
 packages=(
   # toolchain
-  build-essential cmake ninja-build ccache clang-format
+  build-essential cmake ninja-build ccache clang-format pkg-config
   # fuzzing: clang with libFuzzer and the sanitizer runtimes
   clang-14 libclang-rt-14-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  # executors: standalone Asio (C++20 coroutines); logging to the journal
+  libasio-dev libsystemd-dev
 )
 
 missing=()

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <asio/awaitable.hpp>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/app/PowerManaging.hpp"
+#include "host/video/DisplayProviding.hpp"
+#include "host/video/EncoderFactory.hpp"
+#include "kit/relay/RelayProvision.hpp"
+#include "kit/wire/Bytes.hpp"
+
+namespace kelvaron::host {
+
+// Every dependency of a session and its interval settings, as a plain value copied into each
+// session so that any entry can be replaced. The application's composition fills it; the defaults
+// here are those that need nothing of the computer.
+struct HostEnvironment {
+  UUID hostID;
+  std::string hostName;
+  std::shared_ptr<DisplayProviding> displays;
+  std::shared_ptr<EncoderFactory> encoders;
+  std::shared_ptr<PowerManaging> power;
+
+  // Asked once after `hello`: whether to keep the display awake while connected.
+  std::function<bool()> keepDisplayAwake = [] { return true; };
+  // Asked after `hello` and on pointer movement.
+  std::function<bool()> isDisplayAsleep = [] { return false; };
+  // Asked after `hello` and on capture failure.
+  std::function<bool()> screenRecordingGranted = [] { return true; };
+  // Awaited after `hello` with whether the display was asleep; the application's wake request.
+  std::function<asio::awaitable<void>(bool displayAsleep)> onWakeRequested =
+      [](bool) -> asio::awaitable<void> { co_return; };
+  // The relays to offer a client with this public key, if any.
+  std::function<std::optional<RelayProvision>(const std::optional<Data>& clientKey)> relayConfig =
+      [](const std::optional<Data>&) { return std::optional<RelayProvision>(); };
+};
+
+}  // namespace kelvaron::host

@@ -1,0 +1,306 @@
+#include "host/session/HostSession.hpp"
+
+#include <asio/co_spawn.hpp>
+#include <asio/dispatch.hpp>
+#include <asio/use_awaitable.hpp>
+#include <algorithm>
+
+namespace kelvaron::host {
+
+namespace {
+
+// Where the rate control starts; the bit rate the client is first told about.
+constexpr double kStartBitrate = 16000000;
+constexpr std::chrono::duration<double> kFarewellDelay{0.2};  // lets a last message leave
+constexpr const char* kAssertionName = "Tovu remote session";
+// The client shows these to a person.
+const std::string kDeviceMismatch = "Device ID does not match the authenticated device.";
+const std::string kNoCommonProfile = "No common video profile.";
+
+const char* profileLabel(CodecProfile profile) {
+  switch (profile) {
+    case CodecProfile::hevcMain: return "HEVC 4:2:0";
+    case CodecProfile::hevcMain10: return "HEVC 4:2:0 10-bit";
+    case CodecProfile::hevcMain444: return "HEVC 4:4:4";
+    case CodecProfile::hevcMain44410: return "HEVC 4:4:4 10-bit";
+  }
+  return "unknown";
+}
+
+std::string profileList(const std::vector<CodecProfile>& profiles) {
+  std::string text = "[";
+  for (CodecProfile p : profiles) {
+    if (text.size() > 1) text += ", ";
+    text += profileLabel(p);
+  }
+  return text + "]";
+}
+
+// 4:4:4 when both sides have it, else 4:2:0; the 10-bit profiles are never chosen.
+std::optional<CodecProfile> chooseProfile(const std::vector<CodecProfile>& client,
+                                          const std::vector<CodecProfile>& encoder) {
+  auto both = [&](CodecProfile p) {
+    return std::ranges::count(client, p) > 0 && std::ranges::count(encoder, p) > 0;
+  };
+  for (CodecProfile p : {CodecProfile::hevcMain444, CodecProfile::hevcMain}) {
+    if (both(p)) return p;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::shared_ptr<HostSession> HostSession::make(const Executor& executor,
+                                               std::shared_ptr<Connection> connection,
+                                               HostEnvironment env, std::shared_ptr<AuthGate> gate,
+                                               std::optional<Data> fixedClientKey,
+                                               StatusCallback onStatus) {
+  return std::shared_ptr<HostSession>(new HostSession(executor, std::move(connection),
+                                                      std::move(env), std::move(gate),
+                                                      std::move(fixedClientKey), std::move(onStatus)));
+}
+
+HostSession::HostSession(const Executor& executor, std::shared_ptr<Connection> connection,
+                         HostEnvironment env, std::shared_ptr<AuthGate> gate,
+                         std::optional<Data> fixedClientKey, StatusCallback onStatus)
+    : strand_(makeStrand(executor)),
+      connection_(std::move(connection)),
+      env_(std::move(env)),
+      onStatus_(std::move(onStatus)),
+      authGate_(std::move(gate)),
+      fixedClientKey_(std::move(fixedClientKey)) {}
+
+void HostSession::onStrand(std::function<void(HostSession&)> body) {
+  asio::dispatch(strand_, [self = shared_from_this(), body = std::move(body)] { body(*self); });
+}
+
+// ---- The run loop ----
+
+// The public suspending operations are plain functions that hand back the awaitable of work spawned
+// on the session's strand: whoever awaits them, from whatever executor, the work runs here.
+asio::awaitable<void> HostSession::run() {
+  return asio::co_spawn(strand_, [self = shared_from_this()] { return self->runOnStrand(); },
+                        asio::use_awaitable);
+}
+
+asio::awaitable<void> HostSession::runOnStrand() {
+  log_.info("connection accepted");
+  if (authGate_) co_await authGate_->start();
+  // One message at a time: each takes effect before the next is looked at.
+  while (auto message = co_await connection_->messages().next()) {
+    if (authGate_ && co_await authGate_->handle(*message) == AuthGate::Verdict::consumed) continue;
+    co_await handle(*message);
+  }
+  if (authGate_) co_await authGate_->connectionEnded();
+  co_await teardown();
+}
+
+asio::awaitable<void> HostSession::handle(const Message& message) {
+  if (const auto* hello = std::get_if<msg::hello>(&message)) {
+    if (authGate_ && authGate_->authenticatedDeviceID() != hello->deviceID) {
+      co_await rejectHello(kDeviceMismatch);
+      co_return;
+    }
+    co_await handleHello(*hello);
+    co_return;
+  }
+  if (!client_) {
+    // Before `hello` only the choice of a session without video is kept; nothing is answered.
+    if (const auto* video = std::get_if<msg::setVideoEnabled>(&message)) {
+      videoEnabled_ = video->enabled;
+    }
+    co_return;
+  }
+  co_await dispatch(message);
+}
+
+asio::awaitable<void> HostSession::dispatch(const Message& message) {
+  if (const auto* ping = std::get_if<msg::ping>(&message)) {
+    connection_->send(msg::pong{ping->value});
+  }
+  co_return;
+}
+
+// ---- Negotiation ----
+//
+// GCC 12 mishandles temporaries that live across a suspension in the same full-expression, so the
+// coroutines here await with named values only.
+
+asio::awaitable<void> HostSession::handleHello(const msg::hello& hello) {
+  if (client_) co_return;
+  if (hello.version != kProtocolVersion) {
+    const std::string reason = "Unsupported protocol version " + std::to_string(hello.version) +
+                               "; this host speaks " + std::to_string(kProtocolVersion) + ".";
+    co_await rejectHello(reason);
+    co_return;
+  }
+  const auto& capabilities = hello.capabilities;
+  const auto profile = chooseProfile(capabilities.decodableProfiles,
+                                     env_.encoders->supportedProfiles());
+  if (!profile) {
+    co_await rejectHello(kNoCommonProfile);
+    co_return;
+  }
+  client_ = capabilities;
+  log_.info("hello from %s v%hu profiles=%s screen=%ux%u", hello.deviceName.c_str(), hello.version,
+            profileList(capabilities.decodableProfiles).c_str(), capabilities.screenPixelWidth,
+            capabilities.screenPixelHeight);
+  log_.info("negotiated profile %s", profileLabel(*profile));
+  status_.deviceName = hello.deviceName;
+  status_.profile = profile;
+  status_.targetBitrateMbps = kStartBitrate / 1000000;
+
+  connection_->send(msg::helloAck{kProtocolVersion, env_.hostID, env_.hostName, *profile});
+  helloAcked_ = true;
+  sendRelayConfig();
+
+  if (videoEnabled_ && !env_.screenRecordingGranted()) {
+    captureProblem_ =
+        HostStatusValue{HostState::permissionMissing, "Screen Recording permission is not granted"};
+  }
+  publishHostStatus(true);
+
+  keepAwake_ = env_.keepDisplayAwake();
+  updateKeepAwakeAssertion();
+
+  const bool asleep = env_.isDisplayAsleep();
+  env_.power->declareUserActivity();
+  co_await env_.onWakeRequested(asleep);
+
+  displays_ = co_await env_.displays->displays();
+  connection_->send(msg::displayList{displays_});
+  startBackgroundTasks();
+  if (displays_.empty()) applyNote("No displays available");
+}
+
+asio::awaitable<void> HostSession::rejectHello(const std::string& reason) {
+  connection_->send(msg::helloReject{reason});
+  status_.note = reason;
+  status_.phase = SessionStatus::Phase::ended;
+  report();
+  co_await sleepFor(kFarewellDelay);
+  connection_->close();
+}
+
+void HostSession::sendRelayConfig() {
+  if (!helloAcked_) return;
+  auto key = authGate_ ? authGate_->authenticatedPublicKey() : std::nullopt;
+  if (!key) key = fixedClientKey_;
+  if (!key) return;
+  const auto provision = env_.relayConfig(key);
+  if (!provision || provision->relays.empty()) return;
+  connection_->send(msg::relayConfig{provision->relays, provision->grant});
+}
+
+// ---- Status ----
+
+// What the computer's lifecycle says wins over what capture says, so a capture problem is hidden
+// while the computer sleeps or is locked and shows again afterwards.
+HostStatusValue HostSession::currentHostStatus() const {
+  if (lifecycleState_.state != HostState::ok) return lifecycleState_;
+  if (captureProblem_) return *captureProblem_;
+  return {};
+}
+
+void HostSession::publishHostStatus(bool force) {
+  if (!helloAcked_) return;
+  const HostStatusValue current = currentHostStatus();
+  if (!force && lastSentStatus_ == current) return;
+  lastSentStatus_ = current;
+  connection_->send(msg::hostStatus{current.state, current.detail});
+}
+
+void HostSession::setLifecycleState(HostState state, std::optional<std::string> detail) {
+  onStrand([state, detail = std::move(detail)](HostSession& self) {
+    self.lifecycleState_ = {state, detail};
+    self.publishHostStatus(false);
+  });
+}
+
+void HostSession::setNote(std::optional<std::string> text) {
+  onStrand([text = std::move(text)](HostSession& self) { self.applyNote(text); });
+}
+
+void HostSession::applyNote(std::optional<std::string> text) {
+  if (status_.note == text) return;
+  log_.info("host note: %s", text ? text->c_str() : "(cleared)");
+  status_.note = std::move(text);
+  report();
+}
+
+void HostSession::report() const {
+  if (onStatus_) onStatus_(status_);
+}
+
+// ---- Keeping the display awake ----
+
+void HostSession::setKeepAwake(bool keepAwake) {
+  onStrand([keepAwake](HostSession& self) {
+    self.keepAwake_ = keepAwake;
+    if (self.helloAcked_) self.updateKeepAwakeAssertion();
+  });
+}
+
+void HostSession::updateKeepAwakeAssertion() {
+  if (keepAwake_ && !assertionID_ && client_ && status_.phase != SessionStatus::Phase::ended) {
+    assertionID_ = env_.power->takeDisplayAssertion(kAssertionName);
+  } else if (!keepAwake_ && assertionID_) {
+    env_.power->releaseAssertion(*assertionID_);
+    assertionID_.reset();
+  }
+}
+
+// ---- Background work ----
+
+void HostSession::startBackgroundTasks() {
+  // Background loops hold the session weakly: they never keep it alive.
+  auto displayChanges = [](std::weak_ptr<HostSession> weak,
+                           ChangeStream changes) -> asio::awaitable<void> {
+    while (!co_await isCancelled() && co_await changes->next()) {
+      auto self = weak.lock();
+      if (!self) co_return;
+      co_await self->refreshDisplays();
+    }
+  };
+  tasks_.push_back(Task::spawn(strand_, displayChanges(weak_from_this(), env_.displays->changes())));
+}
+
+asio::awaitable<void> HostSession::refreshDisplays() {
+  auto list = co_await env_.displays->displays();
+  if (list == displays_) co_return;
+  displays_ = std::move(list);
+  connection_->send(msg::displayList{displays_});
+}
+
+// ---- The end ----
+
+asio::awaitable<void> HostSession::replaced(std::string byDeviceName) {
+  return asio::co_spawn(
+      strand_,
+      [self = shared_from_this(), name = std::move(byDeviceName)] {
+        return self->replacedOnStrand(name);
+      },
+      asio::use_awaitable);
+}
+
+asio::awaitable<void> HostSession::replacedOnStrand(std::string byDeviceName) {
+  connection_->send(msg::sessionReplaced{std::move(byDeviceName)});
+  co_await sleepFor(kFarewellDelay);
+  connection_->close();
+}
+
+asio::awaitable<void> HostSession::teardown() {
+  if (assertionID_) {
+    env_.power->releaseAssertion(*assertionID_);
+    assertionID_.reset();
+  }
+  for (const Task& task : tasks_) task.cancel();
+  tasks_.clear();
+  connection_->close();
+  status_.phase = SessionStatus::Phase::ended;
+  log_.info("session ended");
+  report();
+  co_return;
+}
+
+}  // namespace kelvaron::host

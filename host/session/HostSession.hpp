@@ -1,0 +1,98 @@
+#pragma once
+
+#include <asio/awaitable.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/session/HostEnvironment.hpp"
+#include "host/session/SessionStatus.hpp"
+#include "kit/async/Task.hpp"
+#include "kit/log/Logger.hpp"
+#include "kit/security/AuthGate.hpp"
+#include "kit/transport/Connection.hpp"
+
+namespace kelvaron::host {
+
+// The state the client is told about in `hostStatus`.
+struct HostStatusValue {
+  HostState state = HostState::ok;
+  std::optional<std::string> detail;
+  friend bool operator==(const HostStatusValue&, const HostStatusValue&) = default;
+};
+
+// Lives for exactly one accepted connection: runs the gate, negotiates the stream, dispatches every
+// later message, reports to the application and the client, and undoes everything when the
+// connection's messages end. A serial-executor object: all its state is touched on its own strand,
+// and every public operation moves there by itself.
+class HostSession : public std::enable_shared_from_this<HostSession> {
+ public:
+  using StatusCallback = std::function<void(const SessionStatus&)>;
+
+  // Does no work and sends nothing. Without a gate (the debug loopback path), `fixedClientKey`
+  // stands in for the authenticated key.
+  static std::shared_ptr<HostSession> make(const Executor& executor,
+                                           std::shared_ptr<Connection> connection,
+                                           HostEnvironment env, std::shared_ptr<AuthGate> gate,
+                                           std::optional<Data> fixedClientKey,
+                                           StatusCallback onStatus);
+
+  const Executor& executor() const { return strand_; }
+
+  // Returns when the session is over. Called once.
+  asio::awaitable<void> run();
+  // Ends this session because another device took over.
+  asio::awaitable<void> replaced(std::string byDeviceName);
+
+  void setNote(std::optional<std::string> text);
+  void setLifecycleState(HostState state, std::optional<std::string> detail);
+  void setKeepAwake(bool keepAwake);
+
+ private:
+  HostSession(const Executor& executor, std::shared_ptr<Connection> connection, HostEnvironment env,
+              std::shared_ptr<AuthGate> gate, std::optional<Data> fixedClientKey,
+              StatusCallback onStatus);
+
+  asio::awaitable<void> runOnStrand();
+  asio::awaitable<void> handle(const Message& message);
+  asio::awaitable<void> dispatch(const Message& message);
+  asio::awaitable<void> handleHello(const msg::hello& hello);
+  asio::awaitable<void> rejectHello(const std::string& reason);
+  asio::awaitable<void> replacedOnStrand(std::string byDeviceName);
+  void sendRelayConfig();
+  HostStatusValue currentHostStatus() const;
+  void publishHostStatus(bool force);
+  void applyNote(std::optional<std::string> text);
+  void updateKeepAwakeAssertion();
+  void startBackgroundTasks();
+  asio::awaitable<void> refreshDisplays();
+  asio::awaitable<void> teardown();
+  void report() const;
+
+  // Runs `body` on this session's strand, keeping the session alive meanwhile.
+  void onStrand(std::function<void(HostSession&)> body);
+
+  Executor strand_;
+  std::shared_ptr<Connection> connection_;
+  HostEnvironment env_;
+  StatusCallback onStatus_;
+  std::shared_ptr<AuthGate> authGate_;
+  std::optional<Data> fixedClientKey_;
+  SessionStatus status_;
+  std::optional<ClientCapabilities> client_;
+  std::vector<DisplayInfo> displays_;
+  std::vector<Task> tasks_;
+  std::optional<std::uint32_t> assertionID_;
+  bool keepAwake_ = true;
+  bool helloAcked_ = false;
+  bool videoEnabled_ = true;
+  HostStatusValue lifecycleState_;
+  std::optional<HostStatusValue> captureProblem_;
+  std::optional<HostStatusValue> lastSentStatus_;
+  Logger log_{"io.dovka.tovu.host", "session"};
+};
+
+}  // namespace kelvaron::host

@@ -1,0 +1,425 @@
+// A HostSession against an in-process client over real frames.
+
+#include "host/session/HostSession.hpp"
+
+#include <gtest/gtest.h>
+
+#include "kit/transport/InMemoryConnection.hpp"
+#include "tests/support/AsyncTest.hpp"
+
+namespace kelvaron::host {
+namespace {
+
+using namespace test;
+
+class FakeDisplays : public DisplayProviding {
+ public:
+  std::vector<DisplayInfo> list = {{1, "DP-1", true, 1920, 1080, {0, 0, 1920, 1080}}};
+
+  asio::awaitable<std::vector<DisplayInfo>> displays() override { co_return list; }
+  ChangeStream changes() override {
+    auto stream = std::make_shared<AsyncQueue<ChangeSignal>>();
+    subscribers_.push_back(stream);
+    return stream;
+  }
+  void signal() {
+    for (auto& weak : subscribers_) {
+      if (auto s = weak.lock()) s->push({});
+    }
+  }
+  std::size_t liveSubscribers() const {
+    return std::ranges::count_if(subscribers_, [](auto& w) { return !w.expired(); });
+  }
+
+ private:
+  std::vector<std::weak_ptr<AsyncQueue<ChangeSignal>>> subscribers_;
+};
+
+class FakeEncoders : public EncoderFactory {
+ public:
+  std::vector<CodecProfile> profiles = {CodecProfile::hevcMain, CodecProfile::hevcMain444};
+  std::vector<CodecProfile> supportedProfiles() const override { return profiles; }
+};
+
+class FakePower : public PowerManaging {
+ public:
+  std::vector<std::uint32_t> held;
+  int taken = 0;
+  int activityDeclared = 0;
+  std::optional<std::uint32_t> takeDisplayAssertion(const std::string& name) override {
+    EXPECT_EQ(name, "Tovu remote session");
+    held.push_back(++taken);
+    return taken;
+  }
+  void releaseAssertion(std::uint32_t id) override { std::erase(held, id); }
+  void stopAllAssertions() override { held.clear(); }
+  void declareUserActivity() override { ++activityDeclared; }
+};
+
+// Accepts the device `deviceID` and keeps the messages it consumes from the session.
+class FakeGate : public AuthGate {
+ public:
+  std::optional<UUID> deviceID;
+  std::optional<Data> publicKey;
+  bool started = false;
+  bool ended = false;
+  asio::awaitable<void> start() override {
+    started = true;
+    co_return;
+  }
+  asio::awaitable<Verdict> handle(const Message& m) override {
+    co_return isAuthentication(m) ? Verdict::consumed : Verdict::proceed;
+  }
+  asio::awaitable<void> connectionEnded() override {
+    ended = true;
+    co_return;
+  }
+  std::optional<UUID> authenticatedDeviceID() const override { return deviceID; }
+  std::optional<Data> authenticatedPublicKey() const override { return publicKey; }
+};
+
+const UUID kDevice{{1, 2, 3}};
+const UUID kHost{{9, 9, 9}};
+
+msg::hello hello(std::vector<CodecProfile> profiles = {CodecProfile::hevcMain},
+                 std::uint16_t version = 16, UUID device = kDevice) {
+  return {version, device, "Ann's iPad", {std::move(profiles), 2048, 1536, 2, "iPad8,1", false}};
+}
+
+struct Harness {
+  explicit Harness(asio::io_context& context) : io(context) {
+    std::tie(client, host) = InMemoryConnection::makePair();
+    env.hostID = kHost;
+    env.hostName = "studio";
+    env.displays = displays;
+    env.encoders = encoders;
+    env.power = power;
+  }
+
+  void start(std::shared_ptr<AuthGate> gate = nullptr, std::optional<Data> key = std::nullopt) {
+    // A session may outlive its test's body; what it calls back into outlives the harness too.
+    session = HostSession::make(io.get_executor(), host, env, std::move(gate), std::move(key),
+                                [log = reports](const SessionStatus& s) { log->push_back(s); });
+    asio::co_spawn(io, session->run(), [done = ended](std::exception_ptr e) {
+      *done = true;
+      if (e) std::rethrow_exception(e);
+    });
+  }
+
+  // The next message to the client; fails the test if none comes.
+  asio::awaitable<Message> expectMessage() {
+    auto m = co_await nextWithin(client->messages(), 5s);
+    if (!m) throw std::runtime_error("the session sent nothing");
+    co_return *m;
+  }
+  template <class Case>
+  asio::awaitable<Case> expect() {
+    const Message m = co_await expectMessage();
+    if (!std::holds_alternative<Case>(m)) {
+      throw std::runtime_error("unexpected message of type " + std::to_string(typeCode(m)));
+    }
+    co_return std::get<Case>(m);
+  }
+  asio::awaitable<bool> silent() { co_return !co_await nextWithin(client->messages(), 300ms); }
+
+  // Through the opening of a session: helloAck, hostStatus, displayList.
+  asio::awaitable<msg::helloAck> open() {
+    client->send(hello());
+    const auto ack = co_await expect<msg::helloAck>();
+    co_await expect<msg::hostStatus>();
+    co_await expect<msg::displayList>();
+    co_return ack;
+  }
+
+  const SessionStatus& lastReport() const { return reports->at(reports->size() - 1); }
+
+  asio::awaitable<void> waitForEnd() {
+    for (int i = 0; i < 500 && !*ended; ++i) co_await sleepFor(10ms);
+    EXPECT_TRUE(*ended);
+  }
+
+  asio::io_context& io;
+  std::shared_ptr<InMemoryConnection> client, host;
+  std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
+  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
+  std::shared_ptr<FakePower> power = std::make_shared<FakePower>();
+  HostEnvironment env;
+  std::shared_ptr<HostSession> session;
+  std::shared_ptr<std::vector<SessionStatus>> reports =
+      std::make_shared<std::vector<SessionStatus>>();
+  std::shared_ptr<bool> ended = std::make_shared<bool>(false);
+};
+
+TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.env.relayConfig = [](const std::optional<Data>& key) -> std::optional<RelayProvision> {
+      EXPECT_EQ(key, Data{7});
+      return RelayProvision{{{"relay.example", 443}}, {5}};
+    };
+    h.start(nullptr, Data{7});
+    h.client->send(hello());
+    const auto ack = co_await h.expect<msg::helloAck>();
+    EXPECT_EQ(ack, (msg::helloAck{16, kHost, "studio", CodecProfile::hevcMain}));
+    // Braced lists stay out of any expression that suspends: GCC 12 miscompiles the mix.
+    const msg::relayConfig relays{{{"relay.example", 443}}, {5}};
+    const auto relayMessage = co_await h.expect<msg::relayConfig>();
+    EXPECT_EQ(relayMessage, relays);
+    const auto status = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(status, (msg::hostStatus{HostState::ok, {}}));
+    const auto list = co_await h.expect<msg::displayList>();
+    EXPECT_EQ(list.displays, h.displays->list);
+    EXPECT_EQ(h.power->held.size(), 1u);
+    EXPECT_EQ(h.power->activityDeclared, 1);
+
+    h.client->send(msg::ping{42});
+    const auto pong = co_await h.expect<msg::pong>();
+    EXPECT_EQ(pong, msg::pong{42});
+    h.client->send(hello());  // a second hello has no effect
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+    h.client->close();
+    co_await h.waitForEnd();
+    EXPECT_TRUE(h.power->held.empty());
+    EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::ended);
+    EXPECT_EQ(h.lastReport().deviceName, "Ann's iPad");
+    EXPECT_EQ(h.lastReport().profile, CodecProfile::hevcMain);
+    EXPECT_EQ(h.lastReport().targetBitrateMbps, 16);
+  });
+}
+
+TEST(HostSession, TheProfileIsTheBestBothSidesHave) {
+  struct Case {
+    std::vector<CodecProfile> client, encoder;
+    std::optional<CodecProfile> chosen;
+  };
+  using enum CodecProfile;
+  const std::vector<Case> cases = {
+      {{hevcMain, hevcMain444}, {hevcMain, hevcMain444}, hevcMain444},
+      {{hevcMain, hevcMain444}, {hevcMain}, hevcMain},
+      {{hevcMain444}, {hevcMain, hevcMain444, hevcMain44410}, hevcMain444},
+      {{hevcMain10, hevcMain44410}, {hevcMain, hevcMain10, hevcMain444, hevcMain44410}, {}},
+      {{}, {hevcMain}, {}},
+  };
+  for (const Case& c : cases) {
+    runAsync([&c](asio::io_context& io) -> asio::awaitable<void> {
+      Harness h(io);
+      h.encoders->profiles = c.encoder;
+      h.start();
+      h.client->send(hello(c.client));
+      if (c.chosen) {
+        const auto ack = co_await h.expect<msg::helloAck>();
+        EXPECT_EQ(ack.profile, *c.chosen);
+      } else {
+        const auto reject = co_await h.expect<msg::helloReject>();
+        EXPECT_EQ(reject.reason, "No common video profile.");
+        co_await h.waitForEnd();
+      }
+    });
+  }
+}
+
+TEST(HostSession, AWrongVersionIsRejectedAndTheConnectionCloses) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.start();
+    h.client->send(hello({CodecProfile::hevcMain}, 15));
+    const auto reject = co_await h.expect<msg::helloReject>();
+    EXPECT_EQ(reject.reason, "Unsupported protocol version 15; this host speaks 16.");
+    const auto end = co_await h.client->messages().next();
+    EXPECT_EQ(end, std::nullopt);  // closed by the host
+    co_await h.waitForEnd();
+    // Ended twice: once by the rejection, once by the teardown.
+    EXPECT_EQ(h.reports->size(), 2u);
+    EXPECT_EQ(h.reports->at(0).note, "Unsupported protocol version 15; this host speaks 16.");
+    EXPECT_EQ(h.reports->at(0).phase, SessionStatus::Phase::ended);
+    EXPECT_TRUE(h.power->held.empty());
+  });
+}
+
+TEST(HostSession, NothingBeforeHelloIsAnsweredButTheNoVideoChoiceIsKept) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.env.screenRecordingGranted = [] { return false; };
+    h.start();
+    h.client->send(msg::ping{1});
+    h.client->send(msg::selectDisplay{1});
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+    h.client->send(msg::setVideoEnabled{false});
+    h.client->send(hello());
+    co_await h.expect<msg::helloAck>();
+    // Without video the missing capture permission is no problem of this session.
+    const auto status = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(status, (msg::hostStatus{HostState::ok, {}}));
+  });
+}
+
+TEST(HostSession, LifecycleWinsOverCaptureProblemsAndNothingIsSentTwice) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.env.screenRecordingGranted = [] { return false; };
+    h.start();
+    h.session->setLifecycleState(HostState::locked, "ignored before hello");
+    h.session->setLifecycleState(HostState::ok, std::nullopt);
+    h.client->send(hello());
+    co_await h.expect<msg::helloAck>();
+    const msg::hostStatus permission{HostState::permissionMissing,
+                                     "Screen Recording permission is not granted"};
+    const auto status = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(status, permission);
+    co_await h.expect<msg::displayList>();
+
+    h.session->setLifecycleState(HostState::locked, "Mac is locked");
+    const auto locked = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(locked, (msg::hostStatus{HostState::locked, "Mac is locked"}));
+    h.session->setLifecycleState(HostState::locked, "Mac is locked");
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+    h.session->setLifecycleState(HostState::ok, std::nullopt);
+    const auto unlocked = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(unlocked, permission);
+  });
+}
+
+TEST(HostSession, AGatedSessionSeesOnlyWhatTheGatePassesAndChecksTheDevice) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    for (const bool sameDevice : std::array{true, false}) {
+      Harness h(io);
+      auto gate = std::make_shared<FakeGate>();
+      gate->deviceID = sameDevice ? kDevice : UUID{{4, 4}};
+      gate->publicKey = Data{1};
+      h.env.relayConfig = [](const std::optional<Data>& key) -> std::optional<RelayProvision> {
+        EXPECT_EQ(key, Data{1});
+        return RelayProvision{{}, {}};  // no relay: nothing is sent
+      };
+      h.start(gate, Data{2});
+      h.client->send(msg::authResponse{kDevice, {1}, {2}});
+      if (sameDevice) {
+        co_await h.open();
+        h.client->close();
+      } else {
+        h.client->send(hello());
+        const auto reject = co_await h.expect<msg::helloReject>();
+        EXPECT_EQ(reject.reason, "Device ID does not match the authenticated device.");
+      }
+      co_await h.waitForEnd();
+      EXPECT_TRUE(gate->started);
+      EXPECT_TRUE(gate->ended);
+    }
+  });
+}
+
+TEST(HostSession, WithoutDisplaysTheSessionWaitsWithANote) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.displays->list.clear();
+    h.start();
+    h.client->send(hello());
+    co_await h.expect<msg::helloAck>();
+    co_await h.expect<msg::hostStatus>();
+    const auto list = co_await h.expect<msg::displayList>();
+    EXPECT_TRUE(list.displays.empty());
+    co_await sleepFor(50ms);
+    EXPECT_FALSE(h.reports->empty());
+    EXPECT_EQ(h.lastReport().note, "No displays available");
+    EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::negotiating);
+  });
+}
+
+TEST(HostSession, ADisplayChangeSendsTheNewListOnlyWhenItDiffers) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.start();
+    co_await h.open();
+    h.displays->signal();
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+    h.displays->list.push_back({2, "HDMI-1", false, 1280, 720, {1920, 0, 1280, 720}});
+    h.displays->signal();
+    const auto list = co_await h.expect<msg::displayList>();
+    EXPECT_EQ(list.displays.size(), 2u);
+    h.client->close();
+    co_await h.waitForEnd();
+    co_await sleepFor(20ms);
+    EXPECT_EQ(h.displays->liveSubscribers(), 0u);  // the loop ended with the session
+  });
+}
+
+TEST(HostSession, KeepAwakeFollowsTheSettingAndTheApplication) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.env.keepDisplayAwake = [] { return false; };
+    h.start();
+    h.session->setKeepAwake(true);  // before hello: stored, and replaced by the setting at hello
+    co_await h.open();
+    EXPECT_TRUE(h.power->held.empty());
+    h.session->setKeepAwake(true);
+    h.session->setKeepAwake(true);
+    co_await sleepFor(20ms);
+    EXPECT_EQ(h.power->held.size(), 1u);
+    h.session->setKeepAwake(false);
+    co_await sleepFor(20ms);
+    EXPECT_TRUE(h.power->held.empty());
+    EXPECT_EQ(h.power->taken, 1);
+  });
+}
+
+TEST(HostSession, AReplacedSessionSaysWhoTookOverAndEnds) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.start();
+    co_await h.open();
+    co_await h.session->replaced("Bob's iPhone");
+    const auto replaced = co_await h.expect<msg::sessionReplaced>();
+    EXPECT_EQ(replaced, msg::sessionReplaced{"Bob's iPhone"});
+    const auto end = co_await h.client->messages().next();
+    EXPECT_EQ(end, std::nullopt);
+    co_await h.waitForEnd();
+    EXPECT_TRUE(h.power->held.empty());
+  });
+}
+
+TEST(HostSession, ASessionThatNeverHadHelloTearsDown) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.start(std::make_shared<FakeGate>());
+    h.client->close();
+    co_await h.waitForEnd();
+    EXPECT_EQ(h.reports->size(), 1u);
+    EXPECT_EQ(h.reports->at(0).phase, SessionStatus::Phase::ended);
+    EXPECT_EQ(h.power->taken, 0);
+    EXPECT_EQ(h.displays->liveSubscribers(), 0u);
+  });
+}
+
+TEST(HostSession, DroppingEitherEndMidConversationLeavesNothingBehind) {
+  for (const bool clientHangsUp : {true, false}) {
+    runAsync([clientHangsUp](asio::io_context& io) -> asio::awaitable<void> {
+      Harness h(io);
+      h.start();
+      co_await h.open();  // the display-change loop is running now
+      std::weak_ptr<HostSession> session = h.session;
+      std::weak_ptr<Connection> hostEnd = h.host;
+      // The application lets go of the session while it runs: the run keeps it alive.
+      h.session.reset();
+      h.host.reset();
+      co_await sleepFor(20ms);
+      EXPECT_FALSE(session.expired());
+      if (clientHangsUp) {
+        h.client.reset();  // the client vanishes without a word
+      } else {
+        h.client->close();
+      }
+      co_await h.waitForEnd();
+      co_await sleepFor(20ms);
+      EXPECT_TRUE(session.expired());
+      EXPECT_TRUE(hostEnd.expired());
+      EXPECT_EQ(h.displays->liveSubscribers(), 0u);
+      EXPECT_TRUE(h.power->held.empty());
+    });
+  }
+}
+
+}  // namespace
+}  // namespace kelvaron::host

@@ -1,0 +1,79 @@
+#include "kit/transport/AsyncQueue.hpp"
+
+#include <gtest/gtest.h>
+
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
+#include <thread>
+
+#include "kit/async/Task.hpp"
+#include "tests/support/AsyncTest.hpp"
+
+namespace kelvaron {
+namespace {
+
+using namespace test;
+
+TEST(AsyncQueue, DrainsWhatWasQueuedBeforeItsEnd) {
+  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+    AsyncQueue<int> queue;
+    queue.push(1);
+    queue.push(2);
+    queue.finish();
+    queue.push(3);  // dropped: the queue has ended
+    EXPECT_EQ(queue.count(), 2u);
+    EXPECT_EQ(co_await queue.next(), 1);
+    EXPECT_EQ(co_await queue.next(), 2);
+    EXPECT_EQ(co_await queue.next(), std::nullopt);
+    EXPECT_EQ(co_await queue.next(), std::nullopt);
+  });
+}
+
+TEST(AsyncQueue, AWaitingReaderIsResumedByPushAndByFinish) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    AsyncQueue<int> queue;
+    asio::steady_timer later(io, 20ms);
+    later.async_wait([&](auto) { queue.push(7); });
+    EXPECT_EQ(co_await queue.next(), 7);
+    asio::steady_timer end(io, 20ms);
+    end.async_wait([&](auto) { queue.finish(); });
+    EXPECT_EQ(co_await queue.next(), std::nullopt);
+  });
+}
+
+TEST(AsyncQueue, ACancelledReaderResumesWithNothingAndLosesNoItem) {
+  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+    AsyncQueue<int> queue;
+    EXPECT_EQ(co_await nextWithin(queue, 20ms), std::nullopt);  // read cancelled by the timeout
+    queue.push(5);
+    EXPECT_EQ(queue.count(), 1u);  // no stale waiter took it
+    EXPECT_EQ(co_await queue.next(), 5);
+  });
+}
+
+TEST(AsyncQueue, PushesFromOtherThreadsReachAReaderOnAStrand) {
+  asio::thread_pool pool(2);
+  AsyncQueue<int> queue;
+  std::atomic<long> sum = 0;
+  std::atomic<bool> ended = false;
+  auto strand = makeStrand(pool.get_executor());
+  Task::spawn(strand, [](AsyncQueue<int>& q, std::atomic<long>& total,
+                         std::atomic<bool>& done) -> asio::awaitable<void> {
+    while (auto item = co_await q.next()) total += *item;
+    done = true;
+  }(queue, sum, ended));
+  std::vector<std::thread> pushers;
+  for (int t = 0; t < 4; ++t) {
+    pushers.emplace_back([&queue] {
+      for (int i = 1; i <= 10000; ++i) queue.push(i);
+    });
+  }
+  for (auto& p : pushers) p.join();
+  queue.finish();
+  pool.join();
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(sum, 4L * 10000 * 10001 / 2);
+}
+
+}  // namespace
+}  // namespace kelvaron

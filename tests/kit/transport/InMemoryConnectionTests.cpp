@@ -1,0 +1,105 @@
+#include "kit/transport/InMemoryConnection.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/AsyncTest.hpp"
+
+namespace kelvaron {
+namespace {
+
+using namespace test;
+
+VideoFrame frame(std::uint64_t number) {
+  VideoFrame f;
+  f.frameNumber = number;
+  f.payload = Data{1, 2, 3};
+  return f;
+}
+
+TEST(InMemoryConnection, MessagesArriveInSendOrderWhateverTheirChannel) {
+  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+    auto [a, b] = InMemoryConnection::makePair();
+    const std::vector<Message> sent = {msg::key{{{4}, true, {}}}, msg::ping{1},
+                                       msg::fileChunk{1, 0, 0, {9}}, msg::text{"x"},
+                                       msg::fileEnd{1}, msg::pong{2}};
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+      if (i == 2) {
+        EXPECT_TRUE(co_await a->sendTransfer(sent[i]));
+      } else {
+        a->send(sent[i]);
+      }
+    }
+    for (const Message& expected : sent) EXPECT_EQ(co_await b->messages().next(), expected);
+    EXPECT_EQ(co_await b->states().next(), ConnectionState::ready());
+    EXPECT_FALSE(a->peerCertificateFingerprint());
+    EXPECT_FALSE(a->tlsExporter());
+  });
+}
+
+TEST(InMemoryConnection, VideoInFlightIsWhatTheReaderHasNotTaken) {
+  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+    auto [a, b] = InMemoryConnection::makePair();
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(a->sendVideo(frame(i)));
+    EXPECT_FALSE(a->sendVideo(frame(8)));
+    EXPECT_EQ((co_await b->videoFrames().next())->frameNumber, 0u);
+    EXPECT_TRUE(a->sendVideo(frame(9)));
+    EXPECT_FALSE(a->sendVideo(frame(10)));
+
+    a->setMaxAudioInFlight(2);
+    EXPECT_TRUE(a->sendAudio({1, Data{1}}));
+    EXPECT_TRUE(a->sendAudio({2, Data{1}}));
+    EXPECT_FALSE(a->sendAudio({3, Data{1}}));
+    EXPECT_EQ((co_await b->audioPackets().next())->ptsMicros, 1u);
+  });
+}
+
+TEST(InMemoryConnection, CloseEndsBothEndsAndLeavesQueuedFramesReadable) {
+  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+    auto [a, b] = InMemoryConnection::makePair();
+    EXPECT_TRUE(a->sendVideo(frame(1)));
+    a->send(msg::ping{1});
+    a->close();
+    a->close();
+    for (auto* end : {a.get(), b.get()}) {
+      EXPECT_EQ(co_await end->states().next(), ConnectionState::ready());
+      EXPECT_EQ(co_await end->states().next(), ConnectionState::closed());
+      EXPECT_EQ(co_await end->states().next(), std::nullopt);
+    }
+    EXPECT_EQ(co_await b->messages().next(), Message(msg::ping{1}));
+    EXPECT_EQ(co_await b->messages().next(), std::nullopt);
+    EXPECT_EQ((co_await b->videoFrames().next())->frameNumber, 1u);
+    EXPECT_EQ(co_await b->videoFrames().next(), std::nullopt);
+    EXPECT_FALSE(co_await b->sendTransfer(msg::fileEnd{1}));
+    EXPECT_FALSE(b->sendVideo(frame(2)));
+    b->send(msg::ping{2});  // a no-op, not an error
+  });
+}
+
+TEST(InMemoryConnection, AFrameThatDoesNotDecodeFailsTheReceiverOnly) {
+  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+    auto [a, b] = InMemoryConnection::makePair();
+    a->send(msg::ping{1});
+    a->send(msg::authResult{static_cast<AuthResult>(9)});  // out of its domain on the wire
+    EXPECT_EQ(co_await b->messages().next(), Message(msg::ping{1}));
+    EXPECT_EQ(co_await b->states().next(), ConnectionState::ready());
+    EXPECT_EQ(co_await b->states().next(),
+              ConnectionState::failed("invalidValue(\"auth result 9\")"));
+    a->send(msg::ping{2});  // the receiver's owner decides; the pair still works
+    EXPECT_EQ(co_await b->messages().next(), Message(msg::ping{2}));
+  });
+}
+
+TEST(InMemoryConnection, APairDroppedWithoutCloseIsFreed) {
+  std::weak_ptr<InMemoryConnection> weakA, weakB;
+  {
+    auto [a, b] = InMemoryConnection::makePair();
+    a->send(msg::ping{1});
+    weakA = a;
+    weakB = b;
+  }
+  EXPECT_TRUE(weakA.expired());
+  EXPECT_TRUE(weakB.expired());
+}
+
+}  // namespace
+}  // namespace kelvaron

@@ -1,0 +1,49 @@
+#pragma once
+
+// Runs coroutine tests on a real io_context in the test's own thread, with a deadline, so that a
+// test that waits for something that never comes fails instead of hanging.
+
+#include <asio/co_spawn.hpp>
+#include <asio/experimental/awaitable_operators.hpp>
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/use_awaitable.hpp>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+
+#include "kit/transport/AsyncQueue.hpp"
+
+namespace kelvaron::test {
+
+using namespace std::chrono_literals;
+
+// Runs `body(io)` to its end; throws if it throws or if it has not ended within `deadline`.
+inline void runAsync(const std::function<asio::awaitable<void>(asio::io_context&)>& body,
+                     std::chrono::steady_clock::duration deadline = 10s) {
+  asio::io_context io;
+  bool done = false;
+  std::exception_ptr failure;
+  asio::co_spawn(io, body(io), [&](std::exception_ptr e) {
+    done = true;
+    failure = e;
+  });
+  io.run_until(std::chrono::steady_clock::now() + deadline);
+  if (failure) std::rethrow_exception(failure);
+  if (!done) throw std::runtime_error("the test did not finish before its deadline");
+}
+
+// The next item of `queue`, or nothing if none comes within `wait` (the read is then cancelled).
+template <class T>
+asio::awaitable<std::optional<T>> nextWithin(AsyncQueue<T>& queue,
+                                             std::chrono::steady_clock::duration wait) {
+  using namespace asio::experimental::awaitable_operators;
+  asio::steady_timer timer(co_await asio::this_coro::executor, wait);
+  auto result = co_await (queue.next() || timer.async_wait(asio::use_awaitable));
+  if (result.index() == 0) co_return std::get<0>(std::move(result));
+  co_return std::nullopt;
+}
+
+}  // namespace kelvaron::test
