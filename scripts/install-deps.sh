@@ -12,6 +12,8 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # executors: standalone Asio (C++20 coroutines); logging to the journal
   libasio-dev libsystemd-dev
+  # security: P-256, SHA-256, HMAC, random, X.509 parsing; JSON stores; certtool for tests
+  libgnutls28-dev nettle-dev libgmp-dev nlohmann-json3-dev gnutls-bin
 )
 
 missing=()
