@@ -15,8 +15,8 @@ namespace kelvaron {
 
 // An unbounded queue with one reader and an explicit end. Anyone may push or finish from any
 // thread; the reader awaits `next()` on a serial executor. Items pushed before `finish()` stay
-// readable; after it, `next()` drains them and then yields nothing. A reader that is cancelled while
-// it waits resumes with nothing. Limits are the pusher's business (`count()`).
+// readable; after it, `next()` drains them and then yields nothing. A reader that is cancelled
+// while it waits resumes with nothing. Limits are the pusher's business (`count()`).
 template <class T>
 class AsyncQueue {
  public:

@@ -57,11 +57,12 @@ TEST(AsyncQueue, PushesFromOtherThreadsReachAReaderOnAStrand) {
   std::atomic<long> sum = 0;
   std::atomic<bool> ended = false;
   auto strand = makeStrand(pool.get_executor());
-  Task::spawn(strand, [](AsyncQueue<int>& q, std::atomic<long>& total,
-                         std::atomic<bool>& done) -> asio::awaitable<void> {
-    while (auto item = co_await q.next()) total += *item;
-    done = true;
-  }(queue, sum, ended));
+  Task::spawn(strand,
+              [](AsyncQueue<int>& q, std::atomic<long>& total,
+                 std::atomic<bool>& done) -> asio::awaitable<void> {
+                while (auto item = co_await q.next()) total += *item;
+                done = true;
+              }(queue, sum, ended));
   std::vector<std::thread> pushers;
   for (int t = 0; t < 4; ++t) {
     pushers.emplace_back([&queue] {

@@ -19,9 +19,9 @@ VideoFrame frame(std::uint64_t number) {
 TEST(InMemoryConnection, MessagesArriveInSendOrderWhateverTheirChannel) {
   runAsync([](asio::io_context&) -> asio::awaitable<void> {
     auto [a, b] = InMemoryConnection::makePair();
-    const std::vector<Message> sent = {msg::key{{{4}, true, {}}}, msg::ping{1},
-                                       msg::fileChunk{1, 0, 0, {9}}, msg::text{"x"},
-                                       msg::fileEnd{1}, msg::pong{2}};
+    const std::vector<Message> sent = {
+        msg::key{{{4}, true, {}}}, msg::ping{1}, msg::fileChunk{1, 0, 0, {9}}, msg::text{"x"},
+        msg::fileEnd{1},           msg::pong{2}};
     for (std::size_t i = 0; i < sent.size(); ++i) {
       if (i == 2) {
         EXPECT_TRUE(co_await a->sendTransfer(sent[i]));

@@ -1,0 +1,100 @@
+#include "kit/security/SecretStore.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace kelvaron {
+
+namespace fs = std::filesystem;
+
+namespace {
+[[noreturn]] void fail(const std::string& what, const fs::path& path) {
+  throw SecretStoreError(what + " " + path.string() + ": " + std::strerror(errno));
+}
+}  // namespace
+
+void writeFileAtomically(const fs::path& path, const Data& bytes) {
+  std::error_code ignored;
+  fs::create_directories(path.parent_path(), ignored);
+  fs::permissions(path.parent_path(), fs::perms::owner_all, ignored);
+  fs::path temporary = path;
+  temporary += ".tmp" + std::to_string(getpid());
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) fail("cannot write", temporary);
+  std::size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ::close(fd);
+      ::unlink(temporary.c_str());
+      fail("cannot write", temporary);
+    }
+    written += static_cast<std::size_t>(n);
+  }
+  if (::fsync(fd) != 0 || ::close(fd) != 0) {
+    ::unlink(temporary.c_str());
+    fail("cannot write", temporary);
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    ::unlink(temporary.c_str());
+    fail("cannot replace", path);
+  }
+}
+
+fs::path userDataDirectory(const std::string& name) {
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) return fs::path(xdg) / name;
+  const char* home = std::getenv("HOME");
+  return fs::path(home && *home ? home : "/tmp") / ".local" / "share" / name;
+}
+
+std::optional<Data> FileSecretStore::read() const {
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) return std::nullopt;
+    fail("cannot read", path_);
+  }
+  Data bytes;
+  std::uint8_t chunk[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      fail("cannot read", path_);
+    }
+    if (n == 0) break;
+    bytes.insert(bytes.end(), chunk, chunk + n);
+  }
+  ::close(fd);
+  return bytes;
+}
+
+void FileSecretStore::write(const Data& bytes) { writeFileAtomically(path_, bytes); }
+
+void FileSecretStore::remove() {
+  std::error_code ignored;
+  fs::remove(path_, ignored);
+}
+
+std::optional<Data> MemorySecretStore::read() const {
+  std::lock_guard guard(lock_);
+  return data_;
+}
+
+void MemorySecretStore::write(const Data& bytes) {
+  std::lock_guard guard(lock_);
+  data_ = bytes;
+}
+
+void MemorySecretStore::remove() {
+  std::lock_guard guard(lock_);
+  data_.reset();
+}
+
+}  // namespace kelvaron

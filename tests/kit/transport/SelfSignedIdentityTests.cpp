@@ -1,0 +1,119 @@
+#include "kit/transport/SelfSignedIdentity.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "kit/security/AuthCrypto.hpp"
+#include "kit/security/DER.hpp"
+#include "tests/support/TempDirectory.hpp"
+
+namespace kelvaron {
+namespace {
+
+using test::TempDirectory;
+
+// Runs a command and yields its exit status and what it printed.
+std::pair<int, std::string> run(const std::string& command) {
+  std::string output;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return {-1, ""};
+  char buffer[4096];
+  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+void writePEM(const std::filesystem::path& path, const Data& der) {
+  const std::string body = AuthCrypto::base64Encode(der);
+  std::ofstream out(path);
+  out << "-----BEGIN CERTIFICATE-----\n";
+  for (std::size_t i = 0; i < body.size(); i += 64) out << body.substr(i, 64) << "\n";
+  out << "-----END CERTIFICATE-----\n";
+}
+
+TEST(SelfSignedIdentity, TheCertificateParsesAndVerifiesInCerttool) {
+  if (run("certtool --version").first != 0)
+    GTEST_SKIP() << "certtool (gnutls-bin) is not installed";
+  TempDirectory dir;
+  const std::string longName(200, 'n');
+  const auto identity = SelfSignedIdentity::temporary(longName);
+  const auto pem = dir / "host.pem";
+  writePEM(pem, identity.certificateDER());
+
+  const auto [status, info] = run("certtool -i --infile " + pem.string());
+  ASSERT_EQ(status, 0) << info;
+  EXPECT_NE(info.find("Version: 3"), std::string::npos) << info;
+  EXPECT_NE(info.find("CN=" + longName), std::string::npos) << info;
+  EXPECT_NE(info.find("ECDSA-SHA256"), std::string::npos) << info;
+  EXPECT_NE(info.find("SECP256R1"), std::string::npos) << info;
+
+  const auto [verified, chain] =
+      run("certtool --verify --load-ca-certificate " + pem.string() + " --infile " + pem.string());
+  EXPECT_EQ(verified, 0) << chain;
+  EXPECT_NE(chain.find("Verified"), std::string::npos) << chain;
+}
+
+TEST(SelfSignedIdentity, TheDERFollowsItsRules) {
+  EXPECT_EQ(der::length(127), (Data{0x7F}));
+  EXPECT_EQ(der::length(200), (Data{0x81, 0xC8}));
+  EXPECT_EQ(der::length(300), (Data{0x82, 0x01, 0x2C}));
+  EXPECT_EQ(der::integer(Data{0x00, 0x00, 0x01}), (Data{0x02, 0x01, 0x01}));
+  EXPECT_EQ(der::integer(Data{0x80}), (Data{0x02, 0x02, 0x00, 0x80}));
+  EXPECT_EQ(der::integer(Data{0x00}), (Data{0x02, 0x01, 0x00}));
+  const auto time = std::chrono::system_clock::from_time_t(2556144000);  // 2051-01-01
+  const Data text = der::generalizedTime(time);
+  EXPECT_EQ(std::string(text.begin() + 2, text.end()), "20510101000000Z");
+
+  // The serial is positive: the INTEGER's first content byte never has its top bit set.
+  for (int i = 0; i < 20; ++i) {
+    const Data cert = SelfSignedIdentity::temporary("h").certificateDER();
+    // Certificate SEQUENCE, TBSCertificate SEQUENCE, the version [0] (5 bytes), then the serial.
+    auto header = [&](std::size_t at) -> std::size_t {
+      return cert[at + 1] < 0x80 ? 2 : 2 + (cert[at + 1] & 0x7F);
+    };
+    const std::size_t tbs = header(0);
+    const std::size_t serialTag = tbs + header(tbs) + 5;
+    ASSERT_EQ(cert[serialTag], 0x02);
+    EXPECT_EQ(cert[serialTag + 2] & 0x80, 0);
+  }
+  // A 200-byte common name needs a long-form length.
+  const Data cert = SelfSignedIdentity::temporary(std::string(200, 'x')).certificateDER();
+  const Data longUTF8{0x0C, 0x81, 0xC8};
+  EXPECT_NE(std::search(cert.begin(), cert.end(), longUTF8.begin(), longUTF8.end()), cert.end());
+}
+
+TEST(SelfSignedIdentity, APersistentIdentitySurvivesAndHalfOfOneIsReplaced) {
+  TempDirectory dir;
+  const auto stores = IdentityStores::files(dir.path(), kHostIdentityTag);
+  const auto first = SelfSignedIdentity::loadOrCreate(stores, "studio");
+  const auto again = SelfSignedIdentity::loadOrCreate(stores, "studio");
+  EXPECT_EQ(first.fingerprint(), again.fingerprint());
+  EXPECT_EQ(first.fingerprint().size(), 32u);
+  struct stat info {};
+  ASSERT_EQ(stat((dir / (std::string(kHostIdentityTag) + ".key")).c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+  stores.certificate->remove();  // the key stays: it is purged and a new identity made
+  const auto afterLostCertificate = SelfSignedIdentity::loadOrCreate(stores, "studio");
+  EXPECT_NE(afterLostCertificate.fingerprint(), first.fingerprint());
+
+  stores.key->remove();
+  const auto afterLostKey = SelfSignedIdentity::loadOrCreate(stores, "studio");
+  EXPECT_NE(afterLostKey.fingerprint(), afterLostCertificate.fingerprint());
+
+  // A key that does not belong to the certificate, or a key that does not parse.
+  stores.key->write(P256PrivateKey::generate().rawRepresentation());
+  const auto afterForeignKey = SelfSignedIdentity::loadOrCreate(stores, "studio");
+  EXPECT_NE(afterForeignKey.fingerprint(), afterLostKey.fingerprint());
+  stores.key->write(Data{1, 2, 3});
+  const auto afterGarbage = SelfSignedIdentity::loadOrCreate(stores, "studio");
+  EXPECT_NE(afterGarbage.fingerprint(), afterForeignKey.fingerprint());
+  EXPECT_EQ(SelfSignedIdentity::loadOrCreate(stores, "studio").fingerprint(),
+            afterGarbage.fingerprint());
+}
+
+}  // namespace
+}  // namespace kelvaron
