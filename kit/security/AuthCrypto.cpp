@@ -51,6 +51,15 @@ Data randomBytes(std::size_t count) {
   return bytes;
 }
 
+UUID randomUUID() {
+  UUID id;
+  const Data bytes = randomBytes(16);
+  std::copy(bytes.begin(), bytes.end(), id.bytes.begin());
+  id.bytes[6] = static_cast<std::uint8_t>((id.bytes[6] & 0x0F) | 0x40);
+  id.bytes[8] = static_cast<std::uint8_t>((id.bytes[8] & 0x3F) | 0x80);
+  return id;
+}
+
 Data authTranscript(ByteView nonce, ByteView hostFingerprint, const UUID& deviceID,
                     const std::optional<Data>& exporter) {
   // The label says whether the TLS session is bound in; an empty exporter still selects it.

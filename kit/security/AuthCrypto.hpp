@@ -20,6 +20,8 @@ Data sha256(ByteView bytes);
 Data hmacSHA256(ByteView key, ByteView bytes);
 // Random bytes from the system's generator; a failing generator stops the process.
 Data randomBytes(std::size_t count);
+// A random (version 4) UUID.
+UUID randomUUID();
 
 // The digest a device signs to prove its key: bound to the challenge, the host's certificate, the
 // device's identity and, where the connection has one, the TLS session.

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelvaron {
@@ -50,6 +54,45 @@ class SharedBytes {
 struct UUID {
   std::array<std::uint8_t, 16> bytes{};
   friend bool operator==(const UUID&, const UUID&) = default;
+  friend auto operator<=>(const UUID&, const UUID&) = default;
+
+  // Upper-case hyphenated text: "E621E1F8-C36C-495A-93FC-0C247A3E6E5F".
+  std::string string() const {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+      if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+      text += kHex[bytes[i] >> 4];
+      text += kHex[bytes[i] & 15];
+    }
+    return text;
+  }
+
+  // The hyphenated form in either case; nothing for anything else.
+  static std::optional<UUID> parse(std::string_view text) {
+    if (text.size() != 36) return std::nullopt;
+    UUID id;
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      const char c = text[i];
+      if (i == 8 || i == 13 || i == 18 || i == 23) {
+        if (c != '-') return std::nullopt;
+        continue;
+      }
+      int v;
+      if (c >= '0' && c <= '9')
+        v = c - '0';
+      else if (c >= 'A' && c <= 'F')
+        v = c - 'A' + 10;
+      else if (c >= 'a' && c <= 'f')
+        v = c - 'a' + 10;
+      else
+        return std::nullopt;
+      id.bytes[at / 2] = static_cast<std::uint8_t>(at % 2 ? id.bytes[at / 2] | v : v << 4);
+      ++at;
+    }
+    return id;
+  }
 };
 
 }  // namespace kelvaron

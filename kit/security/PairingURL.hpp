@@ -1,0 +1,35 @@
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kit/wire/Bytes.hpp"
+
+namespace kelvaron {
+
+// What a pairing QR code carries: how to find the host, its certificate's fingerprint to pin, and
+// a one-time token. tovu://pair?v=1&h=<host ID>&n=<name>&fp=<fingerprint>&t=<token>
+struct PairingURL {
+  UUID hostID;
+  std::string hostName;
+  Data fingerprint;  // 32 bytes
+  Data token;        // 16 bytes
+
+  // Always with the scheme "tovu".
+  std::string url() const;
+  // Nothing unless every part is there and well-formed.
+  static std::optional<PairingURL> parse(std::string_view text);
+  // Schemes taken on parsing, compared in lower case; invite links share them.
+  static constexpr std::array<std::string_view, 2> acceptedSchemes{"tovu", "kelvaron"};
+
+  friend bool operator==(const PairingURL&, const PairingURL&) = default;
+};
+
+// Query values of a URL, percent-encoded and decoded. Decoding yields nothing for a malformed
+// escape; "+" stays "+".
+std::string percentEncode(std::string_view text);
+std::optional<std::string> percentDecode(std::string_view text);
+
+}  // namespace kelvaron
