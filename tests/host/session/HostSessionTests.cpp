@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include "kit/security/AuthCrypto.hpp"
+#include "kit/security/ClientHandshake.hpp"
+#include "kit/security/HostAuthGate.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
 
@@ -307,6 +310,45 @@ TEST(HostSession, AGatedSessionSeesOnlyWhatTheGatePassesAndChecksTheDevice) {
       EXPECT_TRUE(gate->started);
       EXPECT_TRUE(gate->ended);
     }
+  });
+}
+
+TEST(HostSession, TheRealGateAdmitsAPairedDeviceAndItsHelloOnly) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    const Data fingerprint(32, 1);
+    auto store = std::make_shared<PairedDeviceStore>(std::nullopt);
+    auto service = std::make_shared<HostPairingService>(kHost, "studio", fingerprint, store,
+                                                        nullptr, [] { return WallClock::now(); });
+    const ClientIdentity device{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    std::optional<Data> relayKey;
+    h.env.relayConfig = [&relayKey](const std::optional<Data>& key) {
+      relayKey = key;
+      return std::optional<RelayProvision>();
+    };
+    h.start(HostAuthGate::make(io.get_executor(), h.host, service, AuthTimeouts{}, nullptr));
+    const msg::hello greeting = hello({CodecProfile::hevcMain}, 16, device.deviceID);
+    h.client->send(greeting);  // before the gate: dropped
+    const auto token = service->issueToken();
+    // Named arguments only: GCC 12 destroys temporaries that live across a suspension twice.
+    const auto purpose = ClientHandshake::Purpose::pairWithToken(token.value);
+    const std::string name = "Ann's iPad";
+    const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
+    const std::function<void(const std::string&)> noCode;
+    const auto event =
+        co_await ClientHandshake::run(h.client, device, purpose, name, pinned, 5s, noCode);
+    EXPECT_EQ(event, ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+
+    h.client->send(greeting);
+    const auto ack = co_await h.expect<msg::helloAck>();
+    EXPECT_EQ(ack.profile, CodecProfile::hevcMain);
+    EXPECT_EQ(relayKey, device.privateKey.publicKey());
+    EXPECT_EQ(service->connectedDeviceIDs().count(device.deviceID), 1u);
+    h.client->close();
+    co_await h.waitForEnd();
+    EXPECT_TRUE(service->connectedDeviceIDs().empty());
   });
 }
 

@@ -1,0 +1,177 @@
+#include "kit/security/ClientHandshake.hpp"
+
+#include <atomic>
+
+#include "kit/async/Task.hpp"
+#include "kit/security/AuthCrypto.hpp"
+
+namespace kelvaron {
+
+using Event = ClientHandshake::Event;
+using Kind = ClientHandshake::Purpose::Kind;
+
+ClientHandshake::ClientHandshake(std::shared_ptr<Connection> connection,
+                                 const ClientIdentity& identity, Purpose purpose,
+                                 std::string deviceName,
+                                 std::function<std::optional<Data>()> hostFingerprint,
+                                 std::function<void(const Event&)> onEvent)
+    : connection_(std::move(connection)),
+      identity_(identity),
+      purpose_(std::move(purpose)),
+      deviceName_(std::move(deviceName)),
+      hostFingerprint_(std::move(hostFingerprint)),
+      onEvent_(std::move(onEvent)),
+      clientNonce_(AuthCrypto::randomBytes(AuthCrypto::kNonceSize)) {}
+
+bool ClientHandshake::handle(const Message& message) {
+  const Data publicKey = identity_.privateKey.publicKey();
+  if (const auto* challenge = std::get_if<msg::authChallenge>(&message)) {
+    // Read now: TLS may have finished only by the time the challenge comes.
+    const auto fingerprint = hostFingerprint_();
+    if (!fingerprint) {
+      finish(Event::failed("no host fingerprint"));
+      return true;
+    }
+    {
+      std::lock_guard guard(lock_);
+      fingerprintUsed_ = *fingerprint;
+    }
+    Data signature;
+    try {
+      signature = AuthCrypto::signChallenge(challenge->nonce, *fingerprint, identity_.deviceID,
+                                            connection_->tlsExporter(), identity_.privateKey);
+    } catch (const CryptoError&) {
+      finish(Event::failed("signing failed"));
+      return true;
+    }
+    send(msg::authResponse{identity_.deviceID, publicKey, signature});
+    return true;
+  }
+  if (const auto* result = std::get_if<msg::authResult>(&message)) {
+    switch (result->result) {
+      case AuthResult::ok:
+        finish(Event::of(Event::Kind::authenticated));
+        break;
+      case AuthResult::denied:
+        finish(Event::of(Event::Kind::denied));
+        break;
+      case AuthResult::notPaired:
+        if (purpose_.kind == Kind::authenticate) {
+          finish(Event::of(Event::Kind::notPaired));
+        } else if (purpose_.kind == Kind::pairByComparison) {
+          send(msg::pairRequest{PairMethod::compare, deviceName_,
+                                AuthCrypto::commitment(clientNonce_)});
+        } else {
+          Data fingerprint;
+          {
+            std::lock_guard guard(lock_);
+            fingerprint = fingerprintUsed_;
+          }
+          send(msg::pairRequest{PairMethod::token, deviceName_,
+                                AuthCrypto::pairingProof(purpose_.token, fingerprint, publicKey,
+                                                         identity_.deviceID)});
+        }
+        break;
+    }
+    return true;
+  }
+  if (const auto* nonce = std::get_if<msg::pairNonce>(&message)) {
+    if (purpose_.kind != Kind::pairByComparison) {
+      finish(Event::failed("unexpected pairNonce"));
+      return true;
+    }
+    Data fingerprint;
+    {
+      std::lock_guard guard(lock_);
+      fingerprint = fingerprintUsed_;
+    }
+    send(msg::pairReveal{clientNonce_});
+    onEvent_(Event::showCode(
+        AuthCrypto::comparisonCode(fingerprint, publicKey, nonce->nonce, clientNonce_)));
+    return true;
+  }
+  if (const auto* result = std::get_if<msg::pairResult>(&message)) {
+    // A paired device is authenticated at once: there is no second challenge.
+    finish(result->result == PairResult::accepted ? Event::of(Event::Kind::authenticated)
+                                                  : Event::pairingFailed(result->result));
+    return true;
+  }
+  return false;
+}
+
+void ClientHandshake::finish(const Event& event) {
+  {
+    std::lock_guard guard(lock_);
+    if (finished_) return;
+    finished_ = true;
+  }
+  onEvent_(event);
+}
+
+namespace {
+
+// Where the final event lands, written once.
+struct ResultBox {
+  std::mutex lock;
+  std::optional<Event> event;
+  std::atomic<bool> readerEnded = false;
+
+  void put(const Event& e) {
+    std::lock_guard guard(lock);
+    if (!event) event = e;
+  }
+  std::optional<Event> get() {
+    std::lock_guard guard(lock);
+    return event;
+  }
+};
+
+asio::awaitable<Event> drive(std::shared_ptr<Connection> connection,
+                             std::shared_ptr<ClientHandshake> handshake,
+                             std::shared_ptr<ResultBox> box,
+                             std::chrono::duration<double> timeout) {
+  const auto executor = co_await asio::this_coro::executor;
+  Task reader = Task::spawn(executor,
+                            [](std::shared_ptr<Connection> c, std::shared_ptr<ClientHandshake> h,
+                               std::shared_ptr<ResultBox> b) -> asio::awaitable<void> {
+                              while (auto message = co_await c->messages().next())
+                                h->handle(*message);
+                              if (!co_await isCancelled())
+                                b->put(Event::failed("connection closed"));
+                              b->readerEnded = true;
+                            }(connection, handshake, box));
+
+  const auto deadline = WallClock::now() + std::chrono::duration_cast<WallClock::duration>(timeout);
+  while (!box->get() && WallClock::now() < deadline && !co_await isCancelled()) {
+    co_await sleepFor(std::chrono::milliseconds(20));
+  }
+  // The caller may read the messages itself once this returns: the reader must be gone by then.
+  reader.cancel();
+  while (!box->readerEnded) co_await sleepFor(std::chrono::milliseconds(1));
+  co_return box->get().value_or(Event::failed("timed out"));
+}
+
+}  // namespace
+
+// A plain function around the coroutine, so that arguments a caller builds in its `co_await`
+// expression are never coroutine parameters (GCC 12 destroys such temporaries twice).
+asio::awaitable<Event> ClientHandshake::run(std::shared_ptr<Connection> connection,
+                                            const ClientIdentity& identity, Purpose purpose,
+                                            std::string deviceName,
+                                            std::function<std::optional<Data>()> hostFingerprint,
+                                            std::chrono::duration<double> timeout,
+                                            std::function<void(const std::string&)> onCode) {
+  auto box = std::make_shared<ResultBox>();
+  auto handshake = std::make_shared<ClientHandshake>(
+      connection, identity, std::move(purpose), std::move(deviceName), std::move(hostFingerprint),
+      [box, onCode = std::move(onCode)](const Event& e) {
+        if (e.kind == Event::Kind::showCode) {
+          if (onCode) onCode(e.text);
+        } else {
+          box->put(e);
+        }
+      });
+  return drive(connection, handshake, box, timeout);
+}
+
+}  // namespace kelvaron
