@@ -128,25 +128,21 @@ std::optional<P256PrivateKey> P256PrivateKey::fromRaw(ByteView scalar) {
   return result;
 }
 
-Data P256PrivateKey::rawRepresentation() const {
+// The key's coordinates and scalar, each as exactly 32 bytes.
+P256PrivateKey::RawParts P256PrivateKey::exportRaw() const {
   gnutls_ecc_curve_t curve;
   gnutls_datum_t x{}, y{}, k{};
   check(gnutls_privkey_export_ecc_raw2(key_.get(), &curve, &x, &y, &k, 0), "key export");
-  gnutls_free(x.data);
-  gnutls_free(y.data);
-  return fixedWidth(take(k));
+  return {fixedWidth(take(x)), fixedWidth(take(y)), fixedWidth(take(k))};
 }
 
+Data P256PrivateKey::rawRepresentation() const { return exportRaw().k; }
+
 Data P256PrivateKey::publicKey() const {
-  gnutls_ecc_curve_t curve;
-  gnutls_datum_t x{}, y{}, k{};
-  check(gnutls_privkey_export_ecc_raw2(key_.get(), &curve, &x, &y, &k, 0), "key export");
-  gnutls_free(k.data);
+  const RawParts raw = exportRaw();
   Data out{0x04};
-  for (gnutls_datum_t* c : {&x, &y}) {
-    const Data coordinate = fixedWidth(take(*c));
-    out.insert(out.end(), coordinate.begin(), coordinate.end());
-  }
+  out.insert(out.end(), raw.x.begin(), raw.x.end());
+  out.insert(out.end(), raw.y.begin(), raw.y.end());
   return out;
 }
 

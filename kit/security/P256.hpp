@@ -38,6 +38,11 @@ class P256PrivateKey {
   gnutls_privkey_t native() const { return key_.get(); }
 
  private:
+  struct RawParts {
+    Data x, y, k;
+  };
+  RawParts exportRaw() const;
+
   struct Free {
     void operator()(gnutls_privkey_t key) const;
   };

@@ -43,30 +43,31 @@ std::shared_ptr<InMemoryConnection> InMemoryConnection::livePeer() const {
 }
 
 void InMemoryConnection::send(const Message& message) {
-  if (auto peer = livePeer()) {
+  if (auto peer = livePeer())
     peer->receiveMessage(WireCodec::encodeMessage(message), isTransfer(message));
-  }
 }
 
 void InMemoryConnection::receiveMessage(const Data& frame, bool transfer) {
-  auto [messages, error] = drain<Message>(lock_, transfer ? transferDecoder_ : messageDecoder_,
-                                          frame, [](WireDecoder& d) { return d.nextMessage(); });
-  for (auto& m : messages) messages_.push(std::move(m));
+  receive(frame, transfer ? transferDecoder_ : messageDecoder_, messages_,
+          [](WireDecoder& d) { return d.nextMessage(); });
+}
+
+// Appends a frame to one of this end's decoders and queues what decodes, outside the lock. A
+// frame that does not decode fails this end's states; the end stays usable.
+template <class T, class Next>
+void InMemoryConnection::receive(const Data& frame, WireDecoder& decoder, AsyncQueue<T>& queue,
+                                 Next next) {
+  auto [items, error] = drain<T>(lock_, decoder, frame, next);
+  for (auto& item : items) queue.push(std::move(item));
   if (error) states_.push(ConnectionState::failed(error->what()));
 }
 
 bool InMemoryConnection::sendVideo(const VideoFrame& frame) {
   auto peer = livePeer();
   if (!peer || peer->videoQueue_.count() >= static_cast<std::size_t>(maxInFlight())) return false;
-  peer->receiveVideo(WireCodec::encodeVideoFrame(frame));
+  peer->receive(WireCodec::encodeVideoFrame(frame), peer->videoDecoder_, peer->videoQueue_,
+                [](WireDecoder& d) { return d.nextVideoFrame(); });
   return true;
-}
-
-void InMemoryConnection::receiveVideo(const Data& frame) {
-  auto [frames, error] = drain<VideoFrame>(lock_, videoDecoder_, frame,
-                                           [](WireDecoder& d) { return d.nextVideoFrame(); });
-  for (auto& f : frames) videoQueue_.push(std::move(f));
-  if (error) states_.push(ConnectionState::failed(error->what()));
 }
 
 bool InMemoryConnection::sendAudio(const AudioPacket& packet) {
@@ -74,15 +75,9 @@ bool InMemoryConnection::sendAudio(const AudioPacket& packet) {
   if (!peer || peer->audioQueue_.count() >= static_cast<std::size_t>(maxAudioInFlight())) {
     return false;
   }
-  peer->receiveAudio(WireCodec::encodeAudioPacket(packet));
+  peer->receive(WireCodec::encodeAudioPacket(packet), peer->audioDecoder_, peer->audioQueue_,
+                [](WireDecoder& d) { return d.nextAudioPacket(); });
   return true;
-}
-
-void InMemoryConnection::receiveAudio(const Data& frame) {
-  auto [packets, error] = drain<AudioPacket>(lock_, audioDecoder_, frame,
-                                             [](WireDecoder& d) { return d.nextAudioPacket(); });
-  for (auto& p : packets) audioQueue_.push(std::move(p));
-  if (error) states_.push(ConnectionState::failed(error->what()));
 }
 
 asio::awaitable<bool> InMemoryConnection::sendTransfer(const Message& message) {

@@ -44,8 +44,8 @@ class InMemoryConnection final : public Connection {
   // The peer, unless this end is closed or the peer is gone.
   std::shared_ptr<InMemoryConnection> livePeer() const;
   void receiveMessage(const Data& frame, bool transfer);
-  void receiveVideo(const Data& frame);
-  void receiveAudio(const Data& frame);
+  template <class T, class Next>
+  void receive(const Data& frame, WireDecoder& decoder, AsyncQueue<T>& queue, Next next);
   void closeHere();
 
   mutable std::mutex lock_;
