@@ -1,15 +1,16 @@
 #pragma once
 
-// The executor model. Every object with state of its own runs on a serial executor (an Asio strand);
-// its suspending operations are coroutines on that strand, and after each `co_await` they re-read
-// what they need. Background work runs as a `Task`: a coroutine that can be asked to stop, which it
-// notices at its next suspension and at the head of its loop (`isCancelled()`).
+// The executor model. Every object with state of its own runs on a serial executor (an Asio
+// strand); its suspending operations are coroutines on that strand, and after each `co_await` they
+// re-read what they need. Background work runs as a `Task`: a coroutine that can be asked to stop,
+// which it notices at its next suspension and at the head of its loop (`isCancelled()`).
 
 #include <asio/any_io_executor.hpp>
 #include <asio/awaitable.hpp>
 #include <asio/cancellation_signal.hpp>
 #include <asio/strand.hpp>
 #include <chrono>
+#include <functional>
 #include <memory>
 
 namespace kelvaron {
@@ -40,6 +41,9 @@ class Task {
 
 // True once the running task has been asked to stop.
 asio::awaitable<bool> isCancelled();
+
+// A replaceable monotonic sleep: objects with timers take one, so that tests can drive their time.
+using Sleeper = std::function<asio::awaitable<void>(std::chrono::duration<double>)>;
 
 // Sleeps on the monotonic clock. Cancellation ends the sleep early and is not an error: the caller
 // tests `isCancelled()` where it matters.

@@ -22,9 +22,6 @@ struct AuthTimeouts {
   std::chrono::duration<double> flush{0.2};      // lets a last failure message leave
 };
 
-// A monotonic sleep that ends early, without error, when its task is cancelled.
-using Sleeper = std::function<asio::awaitable<void>(std::chrono::duration<double>)>;
-
 // Stands in front of one connection: runs the host's side of the challenge and of both ways of
 // pairing, and lets nothing through to the session until the device is authenticated. Messages
 // out of turn are dropped without a word; failures are told only by result codes. A
