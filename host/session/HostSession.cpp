@@ -1,9 +1,10 @@
 #include "host/session/HostSession.hpp"
 
+#include <algorithm>
 #include <asio/co_spawn.hpp>
 #include <asio/dispatch.hpp>
+#include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
-#include <algorithm>
 
 namespace kelvaron::host {
 
@@ -19,10 +20,14 @@ const std::string kNoCommonProfile = "No common video profile.";
 
 const char* profileLabel(CodecProfile profile) {
   switch (profile) {
-    case CodecProfile::hevcMain: return "HEVC 4:2:0";
-    case CodecProfile::hevcMain10: return "HEVC 4:2:0 10-bit";
-    case CodecProfile::hevcMain444: return "HEVC 4:4:4";
-    case CodecProfile::hevcMain44410: return "HEVC 4:4:4 10-bit";
+    case CodecProfile::hevcMain:
+      return "HEVC 4:2:0";
+    case CodecProfile::hevcMain10:
+      return "HEVC 4:2:0 10-bit";
+    case CodecProfile::hevcMain444:
+      return "HEVC 4:4:4";
+    case CodecProfile::hevcMain44410:
+      return "HEVC 4:4:4 10-bit";
   }
   return "unknown";
 }
@@ -55,9 +60,9 @@ std::shared_ptr<HostSession> HostSession::make(const Executor& executor,
                                                HostEnvironment env, std::shared_ptr<AuthGate> gate,
                                                std::optional<Data> fixedClientKey,
                                                StatusCallback onStatus) {
-  return std::shared_ptr<HostSession>(new HostSession(executor, std::move(connection),
-                                                      std::move(env), std::move(gate),
-                                                      std::move(fixedClientKey), std::move(onStatus)));
+  return std::shared_ptr<HostSession>(
+      new HostSession(executor, std::move(connection), std::move(env), std::move(gate),
+                      std::move(fixedClientKey), std::move(onStatus)));
 }
 
 HostSession::HostSession(const Executor& executor, std::shared_ptr<Connection> connection,
@@ -79,11 +84,14 @@ void HostSession::onStrand(std::function<void(HostSession&)> body) {
 // The public suspending operations are plain functions that hand back the awaitable of work spawned
 // on the session's strand: whoever awaits them, from whatever executor, the work runs here.
 asio::awaitable<void> HostSession::run() {
-  return asio::co_spawn(strand_, [self = shared_from_this()] { return self->runOnStrand(); },
-                        asio::use_awaitable);
+  return asio::co_spawn(
+      strand_, [self = shared_from_this()] { return self->runOnStrand(); }, asio::use_awaitable);
 }
 
 asio::awaitable<void> HostSession::runOnStrand() {
+  // A session ends when its messages end, and then always tears down: a cancellation only ends the
+  // wait under way and is never thrown.
+  co_await asio::this_coro::throw_if_cancelled(false);
   log_.info("connection accepted");
   if (authGate_) co_await authGate_->start();
   // One message at a time: each takes effect before the next is looked at.
@@ -135,8 +143,8 @@ asio::awaitable<void> HostSession::handleHello(const msg::hello& hello) {
     co_return;
   }
   const auto& capabilities = hello.capabilities;
-  const auto profile = chooseProfile(capabilities.decodableProfiles,
-                                     env_.encoders->supportedProfiles());
+  const auto profile =
+      chooseProfile(capabilities.decodableProfiles, env_.encoders->supportedProfiles());
   if (!profile) {
     co_await rejectHello(kNoCommonProfile);
     co_return;
@@ -256,13 +264,16 @@ void HostSession::startBackgroundTasks() {
   // Background loops hold the session weakly: they never keep it alive.
   auto displayChanges = [](std::weak_ptr<HostSession> weak,
                            ChangeStream changes) -> asio::awaitable<void> {
-    while (!co_await isCancelled() && co_await changes->next()) {
+    for (;;) {
+      if (co_await isCancelled()) co_return;
+      const auto signal = co_await changes->next();
       auto self = weak.lock();
-      if (!self) co_return;
+      if (!signal || !self) co_return;
       co_await self->refreshDisplays();
     }
   };
-  tasks_.push_back(Task::spawn(strand_, displayChanges(weak_from_this(), env_.displays->changes())));
+  tasks_.push_back(
+      Task::spawn(strand_, displayChanges(weak_from_this(), env_.displays->changes())));
 }
 
 asio::awaitable<void> HostSession::refreshDisplays() {

@@ -1,7 +1,7 @@
 #include "kit/async/Task.hpp"
 
-#include <asio/co_spawn.hpp>
 #include <asio/bind_cancellation_slot.hpp>
+#include <asio/co_spawn.hpp>
 #include <asio/post.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/steady_timer.hpp>
@@ -41,6 +41,8 @@ Task Task::spawn(const Executor& executor, asio::awaitable<void> body) {
                          std::rethrow_exception(e);
                        } catch (const std::exception& error) {
                          taskLog().error("task ended by an exception: %s", error.what());
+                       } catch (...) {
+                         taskLog().error("task ended by an exception of no known type");
                        }
                      }));
   return task;
@@ -59,8 +61,9 @@ asio::awaitable<bool> isCancelled() {
 }
 
 asio::awaitable<void> sleepFor(std::chrono::duration<double> seconds) {
-  asio::steady_timer timer(co_await asio::this_coro::executor,
-                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds));
+  asio::steady_timer timer(
+      co_await asio::this_coro::executor,
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds));
   asio::error_code ignored;
   co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
 }

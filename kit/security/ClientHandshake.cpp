@@ -126,29 +126,42 @@ struct ResultBox {
   }
 };
 
+asio::awaitable<void> readMessages(std::shared_ptr<Connection> connection,
+                                   std::shared_ptr<ClientHandshake> handshake,
+                                   std::shared_ptr<ResultBox> box) {
+  struct Ended {
+    ResultBox& box;
+    ~Ended() { box.readerEnded = true; }
+  } ended{*box};
+  for (;;) {
+    if (co_await isCancelled()) co_return;
+    const auto message = co_await connection->messages().next();
+    if (!message) break;
+    handshake->handle(*message);
+  }
+  if (!co_await isCancelled()) box->put(Event::failed("connection closed"));
+}
+
 asio::awaitable<Event> drive(std::shared_ptr<Connection> connection,
                              std::shared_ptr<ClientHandshake> handshake,
                              std::shared_ptr<ResultBox> box,
                              std::chrono::duration<double> timeout) {
+  co_await asio::this_coro::throw_if_cancelled(false);
   const auto executor = co_await asio::this_coro::executor;
-  Task reader = Task::spawn(executor,
-                            [](std::shared_ptr<Connection> c, std::shared_ptr<ClientHandshake> h,
-                               std::shared_ptr<ResultBox> b) -> asio::awaitable<void> {
-                              while (auto message = co_await c->messages().next())
-                                h->handle(*message);
-                              if (!co_await isCancelled())
-                                b->put(Event::failed("connection closed"));
-                              b->readerEnded = true;
-                            }(connection, handshake, box));
+  // The reader gets a strand of its own: a queue's reader must run on a serial executor.
+  const Task reader = Task::spawn(makeStrand(executor), readMessages(connection, handshake, box));
 
   const auto deadline = WallClock::now() + std::chrono::duration_cast<WallClock::duration>(timeout);
-  while (!box->get() && WallClock::now() < deadline && !co_await isCancelled()) {
+  for (;;) {
+    if (box->get() || WallClock::now() >= deadline) break;
+    if (co_await isCancelled()) break;
     co_await sleepFor(std::chrono::milliseconds(20));
   }
   // The caller may read the messages itself once this returns: the reader must be gone by then.
   reader.cancel();
   while (!box->readerEnded) co_await sleepFor(std::chrono::milliseconds(1));
-  co_return box->get().value_or(Event::failed("timed out"));
+  const std::optional<Event> event = box->get();
+  co_return event.value_or(Event::failed("timed out"));
 }
 
 }  // namespace

@@ -63,7 +63,7 @@ class ClientHandshake {
   void send(const Message& message) { connection_->send(message); }
 
   std::shared_ptr<Connection> connection_;
-  const ClientIdentity& identity_;
+  const ClientIdentity identity_;
   Purpose purpose_;
   std::string deviceName_;
   std::function<std::optional<Data>()> hostFingerprint_;

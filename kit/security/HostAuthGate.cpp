@@ -172,18 +172,22 @@ void HostAuthGate::endHere() {
 // progress through pairing does not extend it.
 void HostAuthGate::armDeadline(std::chrono::duration<double> after) {
   deadline_.cancel();
-  deadline_ = Task::spawn(strand_,
-                          [](std::weak_ptr<HostAuthGate> weak, Sleeper sleep,
-                             std::chrono::duration<double> delay) -> asio::awaitable<void> {
-                            co_await sleep(delay);
-                            if (co_await isCancelled()) co_return;
-                            if (auto self = weak.lock()) self->expire();
-                          }(weak_from_this(), sleep_, after));
+  deadline_ =
+      Task::spawn(strand_, deadline(weak_from_this(), sleep_, after, ++deadlineGeneration_));
+}
+
+// A deadline that fired just before it was replaced finds a newer generation and does nothing.
+asio::awaitable<void> HostAuthGate::deadline(std::weak_ptr<HostAuthGate> weak, Sleeper sleep,
+                                             std::chrono::duration<double> delay, int generation) {
+  co_await sleep(delay);
+  if (co_await isCancelled()) co_return;
+  if (auto self = weak.lock()) self->expire(generation);
 }
 
 // A peer that runs out of time learns of it from the closing connection alone.
-void HostAuthGate::expire() {
+void HostAuthGate::expire(int generation) {
   const Phase now = phase_;
+  if (generation != deadlineGeneration_) return;
   if (now == Phase::authenticated || now == Phase::closed) return;
   phase_ = Phase::closed;
   decision_.cancel();
@@ -282,17 +286,17 @@ void HostAuthGate::onReveal(const msg::pairReveal& reveal) {
   // The prompt runs on its own, so that the gate stays responsive while it is up.
   decision_ = Task::spawn(
       strand_, [](std::shared_ptr<HostAuthGate> self, std::string shown) -> asio::awaitable<void> {
-        co_await self->decide(std::move(shown));
+        co_await self->decide(shown);
       }(shared_from_this(), code));
 }
 
-asio::awaitable<void> HostAuthGate::decide(std::string code) {
+asio::awaitable<void> HostAuthGate::decide(const std::string& code) {
   bool accepted = false;
   if (const auto confirmer = service_->confirmer()) {
     using namespace asio::experimental::awaitable_operators;
-    auto prompt = confirmer->confirm(deviceName_, code);
-    auto timeout = sleep_(timeouts_.confirm);
-    const auto answer = co_await (std::move(prompt) || std::move(timeout));
+    // Named, so that no temporary lives across the suspension (GCC 12 destroys those twice).
+    auto race = confirmer->confirm(deviceName_, code) || sleep_(timeouts_.confirm);
+    const auto answer = co_await std::move(race);
     accepted = answer.index() == 0 && std::get<0>(answer);
   }
   // The answer of a person who took too long, or of a gate that moved on, is dropped.

@@ -61,12 +61,14 @@ class HostAuthGate final : public AuthGate, public std::enable_shared_from_this<
   Verdict handleHere(const Message& message);
   void endHere();
   void armDeadline(std::chrono::duration<double> after);
-  void expire();
+  static asio::awaitable<void> deadline(std::weak_ptr<HostAuthGate> weak, Sleeper sleep,
+                                        std::chrono::duration<double> delay, int generation);
+  void expire(int generation);
   void fail(const Message& last);
   void onResponse(const msg::authResponse& response);
   void onPairRequest(const msg::pairRequest& request);
   void onReveal(const msg::pairReveal& reveal);
-  asio::awaitable<void> decide(std::string code);
+  asio::awaitable<void> decide(const std::string& code);
   void finishPairing();
   void completeAuthentication(const UUID& deviceID);
 
@@ -87,6 +89,7 @@ class HostAuthGate final : public AuthGate, public std::enable_shared_from_this<
   std::string deviceName_;
   std::optional<UUID> attempt_;
   Task deadline_;
+  int deadlineGeneration_ = 0;
   Task decision_;
   mutable std::mutex authenticatedLock_;  // the session reads these from its own executor
   std::optional<UUID> authenticatedDeviceID_;

@@ -37,7 +37,9 @@ void writeFileAtomically(const fs::path& path, const Data& bytes) {
     }
     written += static_cast<std::size_t>(n);
   }
-  if (::fsync(fd) != 0 || ::close(fd) != 0) {
+  const bool synced = ::fsync(fd) == 0;
+  const bool closed = ::close(fd) == 0;
+  if (!synced || !closed) {
     ::unlink(temporary.c_str());
     fail("cannot write", temporary);
   }

@@ -57,6 +57,7 @@ class AsyncQueue {
 
   asio::awaitable<std::optional<T>> next() {
     auto executor = co_await asio::this_coro::executor;
+    const auto cancellation = co_await asio::this_coro::cancellation_state;
     std::shared_ptr<Waiter> waiter;
     {
       std::lock_guard lock(lock_);
@@ -65,7 +66,11 @@ class AsyncQueue {
         items_.pop_front();
         co_return item;
       }
-      if (finished_) co_return std::nullopt;
+      // A reader whose task was cancelled before it came here would wait for a cancellation that
+      // has already happened.
+      if (finished_ || cancellation.cancelled() != asio::cancellation_type::none) {
+        co_return std::nullopt;
+      }
       waiter = std::make_shared<Waiter>(executor);
       waiter_ = waiter;
     }

@@ -60,7 +60,8 @@ class Connection {
   virtual bool sendVideo(const VideoFrame& frame) = 0;
   virtual bool sendAudio(const AudioPacket& packet) = 0;
   // For `fileChunk` and `fileEnd`: waits until the transfer budget admits the message; false if
-  // the connection went away.
+  // the connection went away. The message is taken (encoded) at the call, before any suspension,
+  // so the caller's value need not outlive it.
   virtual asio::awaitable<bool> sendTransfer(const Message& message) = 0;
   // Idempotent.
   virtual void close() = 0;

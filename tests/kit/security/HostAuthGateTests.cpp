@@ -255,6 +255,24 @@ TEST(HostAuthGate, DeadlinesCloseSilentlyAndALateAnswerIsDropped) {
     EXPECT_FALSE(closed);
     EXPECT_TRUE(quiet.client->messages().isFinished());
 
+    // A response that arrives as the first deadline fires: whichever comes first wins, and a
+    // gate that said "not paired" is not closed by the old deadline.
+    const auto racer = newIdentity();
+    const auto race = host.connect();
+    const auto raceChallenge = co_await race.client->messages().next();
+    const auto raceNonce = std::get<msg::authChallenge>(raceChallenge.value()).nonce;
+    race.client->send(
+        msg::authResponse{racer.deviceID, racer.privateKey.publicKey(),
+                          AuthCrypto::signChallenge(raceNonce, kFingerprint, racer.deviceID,
+                                                    std::nullopt, racer.privateKey)});
+    host.clock.advance(10s);
+    const auto raceAnswer = co_await nextWithin(race.client->messages(), 2s);
+    co_await settle();
+    if (raceAnswer) {
+      EXPECT_EQ(*raceAnswer, Message(msg::authResult{AuthResult::notPaired}));
+      EXPECT_EQ(race.gate->phase(), HostAuthGate::Phase::pairingOnly);
+    }
+
     // The person accepts 121 s after "not paired": the pairing deadline closed the gate at 120 s
     // and the answer is dropped. Nothing is stored.
     const auto device = newIdentity();

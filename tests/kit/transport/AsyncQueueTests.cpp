@@ -51,6 +51,23 @@ TEST(AsyncQueue, ACancelledReaderResumesWithNothingAndLosesNoItem) {
   });
 }
 
+TEST(AsyncQueue, AReaderCancelledBeforeItAsksDoesNotWait) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    AsyncQueue<int> queue;
+    auto answered = std::make_shared<std::optional<std::optional<int>>>();
+    const Task reader =
+        Task::spawn(io.get_executor(), [](AsyncQueue<int>& q, auto out) -> asio::awaitable<void> {
+          co_await sleepFor(std::chrono::hours(1));  // cancelled here, before it reads
+          *out = co_await q.next();
+        }(queue, answered));
+    co_await sleepFor(10ms);
+    reader.cancel();
+    co_await sleepFor(10ms);
+    EXPECT_TRUE(answered->has_value());  // it answered,
+    EXPECT_FALSE(answered->value_or(7));   // and with nothing
+  });
+}
+
 TEST(AsyncQueue, PushesFromOtherThreadsReachAReaderOnAStrand) {
   asio::thread_pool pool(2);
   AsyncQueue<int> queue;
