@@ -11,12 +11,6 @@ namespace kelvaron::AuthCrypto {
 
 namespace {
 
-Data concat(std::initializer_list<ByteView> parts) {
-  Data out;
-  for (ByteView p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-
 ByteView label(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }

@@ -17,9 +17,7 @@ const Data kECPublicKey{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01};
 const Data kPrime256v1{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
 
 Data constructed(std::uint8_t tag, std::initializer_list<ByteView> items) {
-  Data content;
-  for (ByteView item : items) content.insert(content.end(), item.begin(), item.end());
-  return tlv(tag, content);
+  return tlv(tag, concat(items));
 }
 
 Data name(std::string_view commonName) {
@@ -39,11 +37,8 @@ Data length(std::size_t n) {
 }
 
 Data tlv(std::uint8_t tag, ByteView content) {
-  Data out{tag};
-  const Data len = length(content.size());
-  out.insert(out.end(), len.begin(), len.end());
-  out.insert(out.end(), content.begin(), content.end());
-  return out;
+  const std::uint8_t tagByte[] = {tag};
+  return concat({tagByte, length(content.size()), content});
 }
 
 Data sequence(std::initializer_list<ByteView> items) { return constructed(kSequence, items); }
@@ -64,9 +59,8 @@ Data utf8String(std::string_view text) {
 }
 
 Data bitString(ByteView bytes) {
-  Data content{0x00};
-  content.insert(content.end(), bytes.begin(), bytes.end());
-  return tlv(kBitString, content);
+  const std::uint8_t noUnusedBits[] = {0x00};
+  return tlv(kBitString, concat({noUnusedBits, bytes}));
 }
 
 Data generalizedTime(std::chrono::system_clock::time_point time) {

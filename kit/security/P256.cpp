@@ -140,10 +140,8 @@ Data P256PrivateKey::rawRepresentation() const { return exportRaw().k; }
 
 Data P256PrivateKey::publicKey() const {
   const RawParts raw = exportRaw();
-  Data out{0x04};
-  out.insert(out.end(), raw.x.begin(), raw.x.end());
-  out.insert(out.end(), raw.y.begin(), raw.y.end());
-  return out;
+  const std::uint8_t uncompressed[] = {0x04};
+  return concat({uncompressed, raw.x, raw.y});
 }
 
 Data P256PrivateKey::signDigest(ByteView digest) const {

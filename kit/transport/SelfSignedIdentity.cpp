@@ -38,10 +38,8 @@ std::optional<Data> certificatePublicKey(const Data& der) {
       out.insert(out.end(), v.begin(), v.end());
       return out;
     };
-    Data point{0x04};
-    for (const Data& c : {coordinate(x), coordinate(y)})
-      point.insert(point.end(), c.begin(), c.end());
-    key = std::move(point);
+    const std::uint8_t uncompressed[] = {0x04};
+    key = concat({uncompressed, coordinate(x), coordinate(y)});
   }
   gnutls_free(x.data);
   gnutls_free(y.data);

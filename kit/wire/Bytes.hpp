@@ -5,6 +5,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -16,6 +17,16 @@ namespace kelvaron {
 
 // The wire's `Data`: an owned byte string.
 using Data = std::vector<std::uint8_t>;
+
+// The parts one after the other.
+inline Data concat(std::initializer_list<std::span<const std::uint8_t>> parts) {
+  std::size_t size = 0;
+  for (auto part : parts) size += part.size();
+  Data out;
+  out.reserve(size);
+  for (auto part : parts) out.insert(out.end(), part.begin(), part.end());
+  return out;
+}
 
 // A read-only slice of a shared byte buffer. Media frames carry their payload as one, so that a
 // decoded frame points into the bytes that were copied out of the receive buffer instead of
