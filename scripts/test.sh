@@ -7,6 +7,9 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 
+# ccache hits across clones in other folders (CI builds a fresh clone each time).
+export CCACHE_BASEDIR="$PWD"
+
 build() {
   local dir=$1
   shift
