@@ -14,6 +14,10 @@ packages=(
   libasio-dev libsystemd-dev
   # security: P-256, SHA-256, HMAC, random, X.509 parsing; JSON stores; certtool for tests
   libgnutls28-dev nettle-dev libgmp-dev nlohmann-json3-dev gnutls-bin
+  # transport: QUIC with its GnuTLS crypto helper; DNS-SD through avahi-daemon
+  libngtcp2-dev libngtcp2-crypto-gnutls-dev libavahi-client-dev
+  # discovery tests: a private bus and avahi-daemon in a network namespace, avahi-browse beside ours
+  avahi-daemon avahi-utils dbus-daemon iproute2 util-linux
 )
 
 missing=()

@@ -8,10 +8,13 @@
 #include <asio/any_io_executor.hpp>
 #include <asio/awaitable.hpp>
 #include <asio/cancellation_signal.hpp>
+#include <asio/co_spawn.hpp>
 #include <asio/strand.hpp>
+#include <asio/use_awaitable.hpp>
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 namespace kelvaron {
 
@@ -38,6 +41,16 @@ class Task {
   };
   std::shared_ptr<State> state_;
 };
+
+// Runs `body` on `executor` and hands its result to whoever awaits it, from any executor: the
+// door through which a serial-executor object's plain operations are awaited.
+template <class F>
+auto runOn(const Executor& executor, F body) -> asio::awaitable<std::invoke_result_t<F>> {
+  return asio::co_spawn(
+      executor,
+      [body = std::move(body)]() -> asio::awaitable<std::invoke_result_t<F>> { co_return body(); },
+      asio::use_awaitable);
+}
 
 // True once the running task has been asked to stop.
 asio::awaitable<bool> isCancelled();

@@ -91,32 +91,15 @@ HostAuthGate::HostAuthGate(const Executor& executor, std::shared_ptr<Connection>
 // ---- The doors: each runs on the gate's strand ----
 
 asio::awaitable<void> HostAuthGate::start() {
-  return asio::co_spawn(
-      strand_,
-      [self = shared_from_this()]() -> asio::awaitable<void> {
-        self->startHere();
-        co_return;
-      },
-      asio::use_awaitable);
+  return runOn(strand_, [self = shared_from_this()] { self->startHere(); });
 }
 
 asio::awaitable<AuthGate::Verdict> HostAuthGate::handle(const Message& message) {
-  return asio::co_spawn(
-      strand_,
-      [self = shared_from_this(), message]() -> asio::awaitable<Verdict> {
-        co_return self->handleHere(message);
-      },
-      asio::use_awaitable);
+  return runOn(strand_, [self = shared_from_this(), message] { return self->handleHere(message); });
 }
 
 asio::awaitable<void> HostAuthGate::connectionEnded() {
-  return asio::co_spawn(
-      strand_,
-      [self = shared_from_this()]() -> asio::awaitable<void> {
-        self->endHere();
-        co_return;
-      },
-      asio::use_awaitable);
+  return runOn(strand_, [self = shared_from_this()] { self->endHere(); });
 }
 
 std::optional<UUID> HostAuthGate::authenticatedDeviceID() const {
