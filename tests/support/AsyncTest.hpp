@@ -35,6 +35,12 @@ inline void runAsync(const std::function<asio::awaitable<void>(asio::io_context&
   if (!done) throw std::runtime_error("the test did not finish before its deadline");
 }
 
+// ASSERT_ cannot return from a coroutine; this ends the test by throwing instead.
+#define CO_ASSERT_TRUE(condition)                                                \
+  do {                                                                           \
+    if (!(condition)) throw std::runtime_error("assertion failed: " #condition); \
+  } while (false)
+
 // The next item of `queue`, or nothing if none comes within `wait` (the read is then cancelled).
 template <class T>
 asio::awaitable<std::optional<T>> nextWithin(AsyncQueue<T>& queue,

@@ -1,0 +1,92 @@
+#include "kit/transport/QUICHostPort.hpp"
+
+#include <ngtcp2/ngtcp2.h>
+
+#include <asio/post.hpp>
+
+#include "kit/transport/QUICConfiguration.hpp"
+#include "kit/transport/QUICConnection.hpp"
+
+namespace kelvaron {
+
+namespace {
+
+// The ports this process has open, so that a listener started again finds its old one.
+std::mutex registryLock;
+std::map<std::uint16_t, std::weak_ptr<QUICHostPort>>& registry() {
+  static std::map<std::uint16_t, std::weak_ptr<QUICHostPort>> ports;
+  return ports;
+}
+
+}  // namespace
+
+std::shared_ptr<QUICHostPort> QUICHostPort::open(const Executor& executor, std::uint16_t port) {
+  std::lock_guard guard(registryLock);
+  if (port != 0) {
+    if (auto open = registry()[port].lock()) return open;
+  }
+  std::shared_ptr<QUICHostPort> opened(
+      new QUICHostPort(UDPSocket::listen(makeStrand(executor), port)));
+  registry()[opened->port()] = opened;
+  std::weak_ptr<QUICHostPort> weak = opened;
+  opened->socket_->startReceiving(
+      [weak](std::span<const std::uint8_t> datagram, const Endpoint& from) {
+        if (auto self = weak.lock()) self->route(datagram, from);
+      },
+      nullptr);
+  return opened;
+}
+
+QUICHostPort::~QUICHostPort() {
+  socket_->stop();
+  std::lock_guard guard(registryLock);
+  const auto found = registry().find(port());
+  if (found != registry().end() && found->second.expired()) registry().erase(found);
+}
+
+void QUICHostPort::setAcceptor(Acceptor acceptor) {
+  std::lock_guard guard(lock_);
+  acceptor_ = std::move(acceptor);
+}
+
+void QUICHostPort::add(ID id, std::weak_ptr<QUICConnection> connection) {
+  std::lock_guard guard(lock_);
+  routes_[Data(id.begin(), id.end())] = std::move(connection);
+}
+
+void QUICHostPort::remove(ID id) {
+  std::lock_guard guard(lock_);
+  const auto found = routes_.find(id);
+  if (found != routes_.end()) routes_.erase(found);
+}
+
+std::shared_ptr<QUICConnection> QUICHostPort::find(ID id) const {
+  std::lock_guard guard(lock_);
+  const auto found = routes_.find(id);
+  return found == routes_.end() ? nullptr : found->second.lock();
+}
+
+// A datagram goes to the connection its destination ID names, on that connection's executor;
+// one that names none may start a connection; anything else is dropped.
+void QUICHostPort::route(std::span<const std::uint8_t> datagram, const Endpoint& from) {
+  ngtcp2_version_cid header;
+  if (datagram.empty() || ngtcp2_pkt_decode_version_cid(&header, datagram.data(), datagram.size(),
+                                                        kQUICConnectionIDLength) != 0) {
+    return;
+  }
+  if (auto connection = find({header.dcid, header.dcidlen})) {
+    asio::post(connection->executor(), [weak = std::weak_ptr(connection),
+                                        bytes = Data(datagram.begin(), datagram.end()), from] {
+      if (auto target = weak.lock()) target->receive(bytes, from);
+    });
+    return;
+  }
+  Acceptor acceptor;
+  {
+    std::lock_guard guard(lock_);
+    acceptor = acceptor_;
+  }
+  if (acceptor) acceptor(datagram, from);
+}
+
+}  // namespace kelvaron
