@@ -4,12 +4,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <asio/detached.hpp>
 
 #include <ngtcp2/ngtcp2.h>
 
 #include <filesystem>
 #include <map>
 
+#include "kit/security/AuthCrypto.hpp"
+#include "kit/security/ClientHandshake.hpp"
+#include "kit/security/HostAuthGate.hpp"
+#include "kit/security/HostPairingService.hpp"
 #include "kit/transport/QUICHostListener.hpp"
 #include "kit/transport/SelfSignedIdentity.hpp"
 #include "kit/wire/WireCodec.hpp"
@@ -292,6 +297,70 @@ TEST(QUICConnection, AnUnknownMessageCostsOnlyItselfButAnOversizedFrameEndsTheCo
     const auto state = co_await finalState(*strict);
     EXPECT_EQ(state.kind, ConnectionState::Kind::failed);
     EXPECT_THAT(state.failure, testing::StartsWith("closed by peer: protocol error: "));
+  });
+}
+
+// A client's end that claims another TLS session than the one it is on.
+class ForeignExporter final : public Connection {
+ public:
+  explicit ForeignExporter(std::shared_ptr<Connection> inner) : inner_(std::move(inner)) {}
+  AsyncQueue<ConnectionState>& states() override { return inner_->states(); }
+  AsyncQueue<Message>& messages() override { return inner_->messages(); }
+  AsyncQueue<VideoFrame>& videoFrames() override { return inner_->videoFrames(); }
+  AsyncQueue<AudioPacket>& audioPackets() override { return inner_->audioPackets(); }
+  void send(const Message& message) override { inner_->send(message); }
+  bool sendVideo(const VideoFrame& frame) override { return inner_->sendVideo(frame); }
+  bool sendAudio(const AudioPacket& packet) override { return inner_->sendAudio(packet); }
+  asio::awaitable<bool> sendTransfer(const Message& message) override {
+    return inner_->sendTransfer(message);
+  }
+  void close() override { inner_->close(); }
+  std::optional<Data> peerCertificateFingerprint() const override {
+    return inner_->peerCertificateFingerprint();
+  }
+  std::optional<Data> tlsExporter() const override { return Data(32, 9); }
+
+ private:
+  std::shared_ptr<Connection> inner_;
+};
+
+asio::awaitable<void> runGate(std::shared_ptr<HostAuthGate> gate,
+                              std::shared_ptr<Connection> host) {
+  co_await gate->start();
+  while (auto message = co_await host->messages().next()) co_await gate->handle(*message);
+}
+
+TEST(QUICConnection, AuthenticationIsBoundToTheTLSSessionOfTheConnection) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Loopback loopback(io.get_executor());
+    auto service = std::make_shared<HostPairingService>(
+        AuthCrypto::randomUUID(), "studio", loopback.identity.fingerprint(),
+        std::make_shared<PairedDeviceStore>(std::nullopt), nullptr,
+        [] { return WallClock::now(); });
+    const ClientIdentity device{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    const std::string deviceName = "Ann's iPad";
+    const Data fingerprint = loopback.identity.fingerprint();
+    const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
+    const std::function<void(const std::string&)> noCode;
+    using Event = ClientHandshake::Event;
+
+    for (const bool honest : {true, false}) {
+      const std::shared_ptr<Connection> client =
+          co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
+      const auto host = co_await loopback.accepted();
+      auto gate = HostAuthGate::make(io.get_executor(), host, service, AuthTimeouts{}, nullptr);
+      asio::co_spawn(io, runGate(gate, host), asio::detached);
+      const auto token = service->issueToken();
+      const auto purpose = ClientHandshake::Purpose::pairWithToken(token.value);
+      const std::shared_ptr<Connection> signer =
+          honest ? client : std::make_shared<ForeignExporter>(client);
+      const auto event =
+          co_await ClientHandshake::run(signer, device, purpose, deviceName, pinned, 5s, noCode);
+      // A signature over another session's secret is worth nothing on this one.
+      EXPECT_EQ(event.kind, honest ? Event::Kind::authenticated : Event::Kind::denied);
+      client->close();
+      co_await finalState(*host);
+    }
   });
 }
 
