@@ -735,14 +735,13 @@ void QUICConnection::noteSendError(std::error_code error) {
       });
 }
 
+// Setting a timer costs a system call, and the stack's next deadline moves with every packet;
+// the timer is moved only when the deadline comes earlier. Waking early is harmless: the stack
+// finds nothing due and says when to come back.
 void QUICConnection::armTimer() {
   const ngtcp2_tstamp expiry = ngtcp2_conn_get_expiry(connection_.get());
-  if (expiry == armedExpiry_) return;
+  if (expiry >= armedExpiry_) return;
   armedExpiry_ = expiry;
-  if (expiry == UINT64_MAX) {
-    timer_.cancel();
-    return;
-  }
   timer_.expires_at(timePointOf(expiry));
   timer_.async_wait([weak = weak_from_this()](std::error_code error) {
     auto self = weak.lock();

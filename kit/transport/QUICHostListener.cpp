@@ -27,6 +27,11 @@ std::shared_ptr<QUICHostListener> QUICHostListener::make(const Executor& executo
       [weak](std::span<const std::uint8_t> datagram, const UDPSocket::Endpoint& from) {
         if (auto self = weak.lock()) self->accept(datagram, from);
       });
+  if (listener->options_.advertise) {
+    listener->advertiser_ =
+        std::make_unique<DNSSDAdvertiser>(makeStrand(executor), listener->options_.hostName,
+                                          listener->boundPort_, listener->options_.hostID);
+  }
   listener->log_.info("listener ready port=%hu advertise=%d", listener->boundPort_,
                       listener->options_.advertise);
   return listener;
@@ -49,11 +54,14 @@ asio::awaitable<std::uint16_t> QUICHostListener::waitUntilReady() {
 }
 
 void QUICHostListener::stop() {
+  std::unique_ptr<DNSSDAdvertiser> advertiser;
   {
     std::lock_guard guard(lock_);
     if (stopped_) return;
     stopped_ = true;
+    advertiser = std::move(advertiser_);
   }
+  advertiser.reset();  // withdraws the service
   port_->setAcceptor(nullptr);
   connections_.finish();
 }

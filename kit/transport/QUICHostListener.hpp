@@ -9,6 +9,7 @@
 #include "kit/async/Task.hpp"
 #include "kit/log/Logger.hpp"
 #include "kit/transport/Connection.hpp"
+#include "kit/transport/DNSSDAdvertiser.hpp"
 #include "kit/transport/QUICConfiguration.hpp"
 #include "kit/transport/QUICHostPort.hpp"
 #include "kit/transport/QUICTLS.hpp"
@@ -64,6 +65,7 @@ class QUICHostListener final : public HostListener,
 
   std::mutex lock_;
   bool stopped_ = false;
+  std::unique_ptr<DNSSDAdvertiser> advertiser_;
   AsyncQueue<std::shared_ptr<Connection>> connections_;
 };
 

@@ -63,8 +63,8 @@ TEST(AsyncQueue, AReaderCancelledBeforeItAsksDoesNotWait) {
     co_await sleepFor(10ms);
     reader.cancel();
     co_await sleepFor(10ms);
-    EXPECT_TRUE(answered->has_value());  // it answered,
-    EXPECT_FALSE(answered->value_or(7));   // and with nothing
+    EXPECT_TRUE(answered->has_value());   // it answered,
+    EXPECT_FALSE(answered->value_or(7));  // and with nothing
   });
 }
 

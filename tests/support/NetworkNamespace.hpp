@@ -1,0 +1,112 @@
+#pragma once
+
+// A network namespace of the test's own: the calling thread (which runs the test's io_context) is
+// moved into a fresh one for the life of the object, and back after. Programs started from the
+// thread meanwhile run in it too, so a test sees no interface but those it makes, and tests run in
+// parallel do not meet.
+
+#include <fcntl.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/support/ChildProcess.hpp"
+
+namespace kelvaron::test {
+
+class NetworkNamespace {
+ public:
+  NetworkNamespace() {
+    if (::geteuid() != 0) {
+      problem_ = "a network namespace needs root";
+      return;
+    }
+    original_ = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (original_ < 0 || ::unshare(CLONE_NEWNET) != 0) {
+      problem_ = std::string("cannot make a network namespace: ") + std::strerror(errno);
+      return;
+    }
+    entered_ = true;
+    const auto loopback = runCommand({"ip", "link", "set", "lo", "up"});
+    if (!loopback.succeeded()) {
+      problem_ = "cannot run ip: " + loopback.output;
+      return;
+    }
+    // The tests' interfaces are virtual Ethernet pairs: a kernel without them cannot run these.
+    const auto veth =
+        runCommand({"ip", "link", "add", "probe0", "type", "veth", "peer", "name", "probe1"});
+    if (!veth.succeeded()) problem_ = "no virtual Ethernet interfaces: " + veth.output;
+    runCommand({"ip", "link", "delete", "probe0"});
+  }
+
+  ~NetworkNamespace() {
+    if (entered_) ::setns(original_, CLONE_NEWNET);
+    if (original_ >= 0) ::close(original_);
+  }
+  NetworkNamespace(const NetworkNamespace&) = delete;
+  NetworkNamespace& operator=(const NetworkNamespace&) = delete;
+
+  // Empty when the namespace is there; otherwise why not.
+  const std::string& problem() const { return problem_; }
+
+  // Runs `ip` with these arguments; throws with its output when it fails.
+  static void ip(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{"ip"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const auto result = runCommand(command);
+    if (!result.succeeded()) throw std::runtime_error("ip failed: " + result.output);
+  }
+
+  // Two ends of a virtual Ethernet cable, both up, so that `name` has a carrier; `name` gets
+  // `address` (with its prefix) unless it is empty. Neither end makes an IPv6 link-local address of
+  // its own, so an interface has exactly the addresses it is given.
+  static void addEthernet(const std::string& name, const std::string& peer,
+                          const std::string& address) {
+    ip({"link", "add", name, "type", "veth", "peer", "name", peer});
+    ip({"link", "set", name, "addrgenmode", "none"});
+    ip({"link", "set", peer, "addrgenmode", "none"});
+    ip({"link", "set", name, "multicast", "on", "up"});
+    ip({"link", "set", peer, "up"});
+    if (!address.empty()) ip({"address", "add", address, "dev", name});
+  }
+
+ private:
+  int original_ = -1;
+  bool entered_ = false;
+  std::string problem_;
+};
+
+// A layer-3 tunnel (an interface of neither Ethernet nor Wi-Fi), with a carrier for as long as
+// the object holds it open; it goes with the object.
+class TunInterface {
+ public:
+  static bool available() { return ::access("/dev/net/tun", R_OK | W_OK) == 0; }
+
+  explicit TunInterface(const std::string& name) {
+    fd_ = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    if (fd_ < 0)
+      throw std::runtime_error("cannot open /dev/net/tun: " + std::string(strerror(errno)));
+    ifreq request{};
+    request.ifr_flags = IFF_TUN | IFF_NO_PI;
+    name.copy(request.ifr_name, IFNAMSIZ - 1);
+    if (::ioctl(fd_, TUNSETIFF, &request) != 0) {
+      ::close(fd_);
+      throw std::runtime_error("cannot make " + name + ": " + std::string(strerror(errno)));
+    }
+  }
+  ~TunInterface() { ::close(fd_); }
+  TunInterface(const TunInterface&) = delete;
+  TunInterface& operator=(const TunInterface&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace kelvaron::test
