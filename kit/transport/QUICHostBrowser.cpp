@@ -302,7 +302,8 @@ void QUICHostBrowser::stop() {
 
 asio::awaitable<std::shared_ptr<Connection>> QUICHostBrowser::connect(const std::string& id,
                                                                       ServerTrust trust) {
-  return dial(browse_, strand_, makeStrand(executor_), id, std::move(trust), configuration_);
+  const Executor connectionExecutor = makeStrand(executor_);
+  return dial(browse_, strand_, connectionExecutor, id, std::move(trust), configuration_);
 }
 
 // Takes everything by value: the caller's arguments may be gone when the dial runs.

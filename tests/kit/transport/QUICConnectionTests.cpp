@@ -278,6 +278,33 @@ TEST(QUICConnection, ACleanCloseOnOneEndIsClosedOnTheOther) {
   });
 }
 
+TEST(QUICConnection, AListenerStartedAgainOnItsPortKeepsTheConnectionsOfTheOldOne) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Loopback loopback(io.get_executor());
+    const auto client =
+        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
+    const auto host = co_await loopback.accepted();
+
+    loopback.listener->stop();
+    loopback.listener = QUICHostListener::make(
+        io.get_executor(), loopback.identity,
+        {.hostName = "Test Host", .port = loopback.endpoint.port(), .advertise = false});
+    EXPECT_EQ(loopback.listener->port(), loopback.endpoint.port());
+    client->send(msg::ping{1});
+    const auto ping = co_await nextWithin(host->messages(), 5s);
+    EXPECT_EQ(ping, Message(msg::ping{1}));
+
+    const auto second =
+        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
+    const auto secondHost = co_await loopback.accepted();
+    second->send(msg::ping{2});
+    const auto secondPing = co_await nextWithin(secondHost->messages(), 5s);
+    EXPECT_EQ(secondPing, Message(msg::ping{2}));
+    client->close();
+    second->close();
+  });
+}
+
 TEST(QUICConnection, AnUnknownMessageCostsOnlyItselfButAnOversizedFrameEndsTheConnection) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());

@@ -6,6 +6,8 @@
 #include <ostream>
 
 #include "kit/transport/DNSSDAdvertiser.hpp"
+#include "kit/transport/QUICHostListener.hpp"
+#include "kit/transport/SelfSignedIdentity.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/DiscoveryNetwork.hpp"
 
@@ -63,6 +65,47 @@ TEST(QUICHostBrowser, FindsAnAdvertisedHostOnceWithItsHostIDAndSeesItGo) {
         advertiser.reset();
         const auto gone = co_await listWith(*browser, nobody);
         EXPECT_TRUE(gone);
+        browser->stop();
+      },
+      30s);
+}
+
+TEST(QUICHostBrowser, FindsTheListenerThatAdvertisesAndConnectsToIt) {
+  START_DISCOVERY_NETWORK(network);
+  runAsync(
+      [](asio::io_context& io) -> asio::awaitable<void> {
+        const auto identity = SelfSignedIdentity::temporary("Studio");
+        auto listener = QUICHostListener::make(
+            io.get_executor(), identity,
+            {.hostName = "Studio", .hostID = kHostID, .port = 0, .advertise = true});
+        const auto browser = QUICHostBrowser::start(io.get_executor());
+        const std::vector<std::string> studio{"Studio"}, nobody;
+        const auto found = co_await listWith(*browser, studio);
+        CO_ASSERT_TRUE(found);
+        EXPECT_EQ(found->front().hostID, kHostID);
+
+        // An independent client of the same daemon sees the same service and record.
+        const auto listing = DiscoveryNetwork::browseWithAvahiUtils("_tovu._udp").output;
+        EXPECT_NE(listing.find(";Studio;_tovu._udp;local;"), std::string::npos) << listing;
+        EXPECT_NE(listing.find("\"id=" + kHostID.string() + "\""), std::string::npos) << listing;
+        EXPECT_NE(listing.find(";" + std::to_string(listener->port()) + ";"), std::string::npos)
+            << listing;
+
+        const auto client = co_await browser->connect(found->front().id,
+                                                      ServerTrust::pinned(identity.fingerprint()));
+        const auto host = co_await nextWithin(listener->connections(), 5s);
+        CO_ASSERT_TRUE(host);
+        client->send(msg::ping{3});
+        const auto ping = co_await nextWithin((*host)->messages(), 5s);
+        EXPECT_EQ(ping, Message(msg::ping{3}));
+
+        listener->stop();  // no longer advertised; the connection goes on
+        const auto gone = co_await listWith(*browser, nobody);
+        EXPECT_TRUE(gone);
+        client->send(msg::ping{4});
+        const auto after = co_await nextWithin((*host)->messages(), 5s);
+        EXPECT_EQ(after, Message(msg::ping{4}));
+        client->close();
         browser->stop();
       },
       30s);
