@@ -32,13 +32,23 @@ struct Loopback {
   std::shared_ptr<QUICHostListener> listener;
   Endpoint endpoint;
 
-  explicit Loopback(const Executor& executor, QUICConfiguration configuration = {}) {
+  Executor executor;
+
+  explicit Loopback(const Executor& e, QUICConfiguration configuration = {}) : executor(e) {
     listener = QUICHostListener::make(
         executor, identity,
         {.hostName = "Test Host", .advertise = false, .configuration = configuration});
     endpoint = {asio::ip::make_address("127.0.0.1"), listener->port()};
   }
   ServerTrust trust() const { return ServerTrust::pinned(identity.fingerprint()); }
+
+  // A client connected with the right pin, and the host's end of it.
+  asio::awaitable<std::pair<std::shared_ptr<QUICConnection>, std::shared_ptr<Connection>>>
+  connected() {
+    auto client = co_await QUICConnection::connect(executor, endpoint, trust());
+    auto host = co_await accepted();
+    co_return std::pair(std::move(client), std::move(host));
+  }
 
   asio::awaitable<std::shared_ptr<Connection>> accepted() {
     auto connection = co_await nextWithin(listener->connections(), 5s);
@@ -109,9 +119,7 @@ TEST(QUICConnection, BothEndsGetReadyWithThePinnedIdentityAndOneExporter) {
 TEST(QUICConnection, CarriesEveryChannelBothWays) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
-    const auto client =
-        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-    const auto host = co_await loopback.accepted();
+    const auto [client, host] = co_await loopback.connected();
 
     client->send(msg::ping{7});
     client->send(msg::pointer{.seq = 3, .event = pointer::moveRelative{1, 2}});
@@ -160,9 +168,7 @@ TEST(QUICConnection, AWrongPinEndsInPinMismatchAndTheListenerServesOn) {
     EXPECT_EQ(state, ConnectionState::failed("pin mismatch"));
     EXPECT_EQ(client->peerCertificateFingerprint(), loopback.identity.fingerprint());
 
-    const auto good =
-        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-    const auto host = co_await loopback.accepted();
+    const auto [good, host] = co_await loopback.connected();
     EXPECT_EQ(loopback.listener->connections().count(), 0u);  // the refused one never came out
     good->close();
   });
@@ -209,9 +215,7 @@ TEST(QUICConnection, TheHostIsReadyWithoutTheTransferStream) {
 TEST(QUICConnection, VideoInFlightIsBoundedAndAKeyFrameLargerThanTheLimitStillGoes) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
-    const auto client =
-        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-    const auto host = co_await loopback.accepted();
+    const auto [client, host] = co_await loopback.connected();
 
     const auto keyFrame = videoFrame(3 << 20, 1);
     EXPECT_TRUE(host->sendVideo(keyFrame));
@@ -238,9 +242,7 @@ TEST(QUICConnection, VideoInFlightIsBoundedAndAKeyFrameLargerThanTheLimitStillGo
 TEST(QUICConnection, TheTransferBudgetAdmitsAnyMessageWhenIdleAndMakesOthersWait) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
-    const auto client =
-        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-    const auto host = co_await loopback.accepted();
+    const auto [client, host] = co_await loopback.connected();
 
     const bool large = co_await client->sendTransfer(chunk(400'000, 0));  // above the budget
     EXPECT_TRUE(large);
@@ -261,9 +263,7 @@ TEST(QUICConnection, ACleanCloseOnOneEndIsClosedOnTheOther) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
     for (const bool clientCloses : {true, false}) {
-      const auto client =
-          co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-      const auto host = co_await loopback.accepted();
+      const auto [client, host] = co_await loopback.connected();
       Connection& closing = clientCloses ? static_cast<Connection&>(*client) : *host;
       Connection& other = clientCloses ? *host : static_cast<Connection&>(*client);
       closing.close();
@@ -281,9 +281,7 @@ TEST(QUICConnection, ACleanCloseOnOneEndIsClosedOnTheOther) {
 TEST(QUICConnection, AListenerStartedAgainOnItsPortKeepsTheConnectionsOfTheOldOne) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
-    const auto client =
-        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-    const auto host = co_await loopback.accepted();
+    const auto [client, host] = co_await loopback.connected();
 
     loopback.listener->stop();
     loopback.listener = QUICHostListener::make(
@@ -294,9 +292,7 @@ TEST(QUICConnection, AListenerStartedAgainOnItsPortKeepsTheConnectionsOfTheOldOn
     const auto ping = co_await nextWithin(host->messages(), 5s);
     EXPECT_EQ(ping, Message(msg::ping{1}));
 
-    const auto second =
-        co_await QUICConnection::connect(io.get_executor(), loopback.endpoint, loopback.trust());
-    const auto secondHost = co_await loopback.accepted();
+    const auto [second, secondHost] = co_await loopback.connected();
     second->send(msg::ping{2});
     const auto secondPing = co_await nextWithin(secondHost->messages(), 5s);
     EXPECT_EQ(secondPing, Message(msg::ping{2}));
