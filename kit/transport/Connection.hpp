@@ -43,8 +43,10 @@ struct DiscoveredHost {
   friend bool operator==(const DiscoveredHost&, const DiscoveredHost&) = default;
 };
 
-// One peer, over whatever transport. Messages keep their send order whatever their channel. Media
-// sends never block: they refuse what back-pressure does not admit. Only transfer sends suspend.
+// One peer, over whatever transport. Messages of one channel keep their send order (in memory,
+// even across channels; over QUIC each channel is a stream of its own, and nothing orders them
+// against each other). Media sends never block: they refuse what back-pressure does not admit.
+// Only transfer sends suspend.
 class Connection {
  public:
   virtual ~Connection() = default;

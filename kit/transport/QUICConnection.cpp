@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <asio/post.hpp>
+#include <cstdlib>
 #include <cstring>
 
 #include "kit/wire/WireCodec.hpp"
@@ -48,6 +49,18 @@ std::chrono::steady_clock::time_point timePointOf(ngtcp2_tstamp stamp) {
 void randomFill(std::uint8_t* destination, std::size_t count) {
   if (gnutls_rnd(GNUTLS_RND_RANDOM, destination, count) < 0) {
     throw QUICError::failed("no random numbers");
+  }
+}
+
+// Runs a callback's body; nothing may be thrown through the stack's C frames, so a failure ends
+// the connection through the stack instead.
+template <class Body>
+int guarded(Body body) noexcept {
+  try {
+    body();
+    return 0;
+  } catch (...) {
+    return NGTCP2_ERR_CALLBACK_FAILURE;
   }
 }
 
@@ -119,57 +132,64 @@ struct QUICConnection::Callbacks {
 
   static int streamData(ngtcp2_conn*, std::uint32_t flags, std::int64_t id, std::uint64_t,
                         const std::uint8_t* data, std::size_t length, void* userData, void*) {
-    auto& connection = self(userData);
-    connection.receiveStreamData(connection.streamFor(id), {data, length},
-                                 flags & NGTCP2_STREAM_DATA_FLAG_FIN);
-    return 0;
+    return guarded([&] {
+      auto& connection = self(userData);
+      connection.receiveStreamData(connection.streamFor(id), {data, length},
+                                   flags & NGTCP2_STREAM_DATA_FLAG_FIN);
+    });
   }
 
   static int acknowledged(ngtcp2_conn*, std::int64_t id, std::uint64_t offset, std::uint64_t length,
                           void* userData, void*) {
-    auto& connection = self(userData);
-    connection.acknowledged(connection.streamFor(id), offset, length);
-    return 0;
+    return guarded([&] {
+      auto& connection = self(userData);
+      connection.acknowledged(connection.streamFor(id), offset, length);
+    });
   }
 
   static int streamReset(ngtcp2_conn*, std::int64_t id, std::uint64_t, std::uint64_t code,
                          void* userData, void*) {
-    auto& connection = self(userData);
-    const Stream& stream = connection.streamFor(id);
-    const std::string prefix = connection.role_ == Role::client && stream.kind
-                                   ? std::string(name(*stream.kind)) + " stream failed: "
-                                   : std::string("stream failed: ");
-    connection.finish(
-        ConnectionState::failed(prefix + "reset by peer (" + std::to_string(code) + ")"));
-    return 0;
+    return guarded([&] {
+      auto& connection = self(userData);
+      const Stream& stream = connection.streamFor(id);
+      const std::string prefix = connection.role_ == Role::client && stream.kind
+                                     ? std::string(name(*stream.kind)) + " stream failed: "
+                                     : std::string("stream failed: ");
+      connection.finish(
+          ConnectionState::failed(prefix + "reset by peer (" + std::to_string(code) + ")"));
+    });
   }
 
   static int stopSending(ngtcp2_conn*, std::int64_t id, std::uint64_t code, void* userData, void*) {
-    auto& connection = self(userData);
-    const Stream& stream = connection.streamFor(id);
-    if (!stream.kind) return 0;  // nothing of ours goes there
-    connection.finish(ConnectionState::failed(std::string(sendFailurePrefix(*stream.kind)) +
-                                              "stopped by peer (" + std::to_string(code) + ")"));
-    return 0;
+    return guarded([&] {
+      auto& connection = self(userData);
+      const Stream& stream = connection.streamFor(id);
+      if (!stream.kind) return;  // nothing of ours goes there
+      connection.finish(ConnectionState::failed(std::string(sendFailurePrefix(*stream.kind)) +
+                                                "stopped by peer (" + std::to_string(code) + ")"));
+    });
   }
 
+  // Without randomness there is nothing safe left to do.
   static void random(std::uint8_t* destination, std::size_t count, const ngtcp2_rand_ctx*) {
-    randomFill(destination, count);
+    if (gnutls_rnd(GNUTLS_RND_RANDOM, destination, count) < 0) std::abort();
   }
 
   static int newConnectionID(ngtcp2_conn*, ngtcp2_cid* id, std::uint8_t* token, std::size_t length,
                              void* userData) {
-    id->datalen = length;
-    randomFill(id->data, length);
-    randomFill(token, NGTCP2_STATELESS_RESET_TOKENLEN);
-    self(userData).registerID({id->data, id->datalen});
-    return 0;
+    return guarded([&] {
+      id->datalen = length;
+      randomFill(id->data, length);
+      randomFill(token, NGTCP2_STATELESS_RESET_TOKENLEN);
+      self(userData).registerID({id->data, id->datalen});
+    });
   }
 
   static int retireConnectionID(ngtcp2_conn*, const ngtcp2_cid* id, void* userData) {
-    auto& connection = self(userData);
-    if (connection.hostPort_) connection.hostPort_->remove({id->data, id->datalen});
-    return 0;
+    return guarded([&] {
+      auto& connection = self(userData);
+      if (connection.hostPort_) connection.hostPort_->remove({id->data, id->datalen});
+    });
   }
 
   static ngtcp2_conn* connectionOf(ngtcp2_crypto_conn_ref* reference) {
@@ -248,7 +268,7 @@ std::shared_ptr<QUICConnection> QUICConnection::accept(std::shared_ptr<QUICHostP
                                                        const ngtcp2_pkt_hd& initial,
                                                        const Endpoint& remote,
                                                        QUICConfiguration configuration) {
-  const Executor strand = makeStrand(port->executor());
+  const Executor strand = makeStrand(port->contextExecutor());
   auto socket = port->socket();
   std::shared_ptr<QUICConnection> connection(
       new QUICConnection(Role::host, strand, std::move(socket), std::move(port), remote,
@@ -566,14 +586,16 @@ void QUICConnection::goReady() {
     exporter_ = exporter;
     isReady_ = true;
     waiters.swap(readyWaiters_);
+    // Under the lock, so that no final state can come before it.
+    states_.push(ConnectionState::ready());
   }
   handshakeTimer_.cancel();
-  states_.push(ConnectionState::ready());
   for (const auto& waiter : waiters) Wakeup::wake(waiter);
 }
 
 asio::awaitable<void> QUICConnection::waitUntilReady() {
-  const auto wakeup = std::make_shared<Wakeup>(co_await asio::this_coro::executor);
+  const auto executor = co_await asio::this_coro::executor;
+  const auto wakeup = std::make_shared<Wakeup>(executor);
   if (readyOrWait(wakeup)) co_return;
   co_await wakeup->wait();
   if (!readyOrWait(nullptr)) throw QUICError::failed("cancelled");
@@ -596,9 +618,8 @@ void QUICConnection::scheduleWrite() {
     if (writeScheduled_) return;
     writeScheduled_ = true;
   }
-  asio::post(executor_, [weak = weak_from_this()] {
-    if (auto self = weak.lock()) self->writePackets();
-  });
+  // The write holds the connection: what was sent before it was dropped still goes.
+  asio::post(executor_, [self = shared_from_this()] { self->writePackets(); });
 }
 
 void QUICConnection::takeQueuedSends() {
@@ -806,24 +827,25 @@ bool QUICConnection::sendAudio(const AudioPacket& packet) {
 
 asio::awaitable<bool> QUICConnection::sendTransfer(const Message& message) {
   Data bytes = WireCodec::encodeMessage(message);
-  return admitTransfer(std::move(bytes));
+  auto self = shared_from_this();
+  return admitTransfer(std::move(self), std::move(bytes));
 }
 
 // An idle budget admits a message of any size; otherwise it must fit. A refused sender waits for
 // the next transfer bytes to go out and tries again.
-asio::awaitable<bool> QUICConnection::admitTransfer(Data bytes) {
-  const auto self = shared_from_this();
+asio::awaitable<bool> QUICConnection::admitTransfer(std::shared_ptr<QUICConnection> self,
+                                                    Data bytes) {
   const auto executor = co_await asio::this_coro::executor;
   for (;;) {
     const auto wakeup = std::make_shared<Wakeup>(executor);
-    const Enqueued result = enqueue(
+    const Enqueued result = self->enqueue(
         StreamKind::transfer, bytes,
-        [this](std::size_t size) {
-          if (transferBytesInFlight_ != 0 &&
-              transferBytesInFlight_ + size > configuration_.maxTransferBytesInFlight) {
+        [&self](std::size_t size) {
+          auto& inFlight = self->transferBytesInFlight_;
+          if (inFlight != 0 && inFlight + size > self->configuration_.maxTransferBytesInFlight) {
             return false;
           }
-          transferBytesInFlight_ += size;
+          inFlight += size;
           return true;
         },
         wakeup);
@@ -866,20 +888,18 @@ void QUICConnection::finish(ConnectionState target) {
     waiters.swap(readyWaiters_);
     waiters.insert(waiters.end(), transferWaiters_.begin(), transferWaiters_.end());
     transferWaiters_.clear();
+    states_.push(final);
+    states_.finish();
   }
   if (final.kind == ConnectionState::Kind::failed) {
     log_.info("connection failed: %s", final.failure.c_str());
   }
   for (const auto& waiter : waiters) Wakeup::wake(waiter);
-  states_.push(final);
-  states_.finish();
   messages_.finish();
   videoQueue_.finish();
   audioQueue_.finish();
   const bool clean = final.kind == ConnectionState::Kind::closed;
-  asio::post(executor_, [weak = weak_from_this(), clean] {
-    if (auto self = weak.lock()) self->shutdownTransport(clean);
-  });
+  asio::post(executor_, [self = shared_from_this(), clean] { self->shutdownTransport(clean); });
 }
 
 // A clean close ends the control stream first, so that the peer reads a clean end; the
@@ -891,9 +911,8 @@ void QUICConnection::shutdownTransport(bool clean) {
     control->out.finish();
     writePackets();
     closeTimer_.expires_after(kCloseDelay);
-    closeTimer_.async_wait([weak = weak_from_this()](std::error_code error) {
-      auto self = weak.lock();
-      if (error || !self) return;
+    closeTimer_.async_wait([self = shared_from_this()](std::error_code error) {
+      if (error) return;
       const auto goodbye = applicationClose(NGTCP2_NO_ERROR, {});
       self->closeTransport(&goodbye);
     });

@@ -136,7 +136,7 @@ class QUICConnection final : public Connection,
   template <class Admit>
   Enqueued enqueue(StreamKind kind, Data& bytes, Admit admit,
                    const std::shared_ptr<Wakeup>& waiter = nullptr);
-  asio::awaitable<bool> admitTransfer(Data bytes);
+  static asio::awaitable<bool> admitTransfer(std::shared_ptr<QUICConnection> self, Data bytes);
   void finish(ConnectionState target);
 
   const Role role_;

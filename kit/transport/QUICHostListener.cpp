@@ -11,6 +11,12 @@
 
 namespace kelvaron {
 
+namespace {
+// Every Initial from anywhere costs a TLS session and a connection until its handshake ends or
+// times out; beyond this many at once, new ones are not answered.
+constexpr int kMaxHandshaking = 128;
+}  // namespace
+
 std::shared_ptr<QUICHostListener> QUICHostListener::make(const Executor& executor,
                                                          const SelfSignedIdentity& identity,
                                                          Options options) {
@@ -23,10 +29,10 @@ std::shared_ptr<QUICHostListener> QUICHostListener::make(const Executor& executo
   std::shared_ptr<QUICHostListener> listener(new QUICHostListener(
       std::move(options), identity.fingerprint(), TLSCredentials::host(identity), port));
   std::weak_ptr<QUICHostListener> weak = listener;
-  port->setAcceptor(
-      [weak](std::span<const std::uint8_t> datagram, const UDPSocket::Endpoint& from) {
-        if (auto self = weak.lock()) self->accept(datagram, from);
-      });
+  port->setAcceptor(listener.get(), [weak](std::span<const std::uint8_t> datagram,
+                                           const UDPSocket::Endpoint& from) {
+    if (auto self = weak.lock()) self->accept(datagram, from);
+  });
   if (listener->options_.advertise) {
     listener->advertiser_ =
         std::make_unique<DNSSDAdvertiser>(makeStrand(executor), listener->options_.hostName,
@@ -62,7 +68,7 @@ void QUICHostListener::stop() {
     advertiser = std::move(advertiser_);
   }
   advertiser.reset();  // withdraws the service
-  port_->setAcceptor(nullptr);
+  port_->clearAcceptor(this);
   connections_.finish();
 }
 
@@ -71,34 +77,44 @@ void QUICHostListener::accept(std::span<const std::uint8_t> datagram,
                               const UDPSocket::Endpoint& from) {
   ngtcp2_pkt_hd initial;
   if (ngtcp2_accept(&initial, datagram.data(), datagram.size()) != 0) return;
+  {
+    std::lock_guard guard(lock_);
+    if (stopped_ || handshaking_ >= kMaxHandshaking) return;
+    ++handshaking_;
+  }
   std::shared_ptr<QUICConnection> connection;
   try {
     connection = QUICConnection::accept(port_, credentials_, initial, from, options_.configuration);
   } catch (const QUICError& error) {
     log_.error("could not accept a connection: %s", error.what());
+    std::lock_guard guard(lock_);
+    --handshaking_;
     return;
   }
   asio::post(connection->executor(), [connection, bytes = Data(datagram.begin(), datagram.end()),
                                       from] { connection->receive(bytes, from); });
   std::weak_ptr<QUICHostListener> weak = weak_from_this();
-  asio::co_spawn(port_->executor(), handOverWhenReady(weak, connection), asio::detached);
+  asio::co_spawn(connection->executor(), handOverWhenReady(weak, connection), asio::detached);
 }
 
 // A connection that fails before it is ready is dropped; one that becomes ready after the
 // listener stopped is closed.
 asio::awaitable<void> QUICHostListener::handOverWhenReady(
     std::weak_ptr<QUICHostListener> listener, std::shared_ptr<QUICConnection> connection) {
+  bool ready = true;
   try {
     co_await connection->waitUntilReady();
   } catch (const QUICError&) {
-    co_return;
+    ready = false;
   }
   const auto self = listener.lock();
   bool stopped = true;
   if (self) {
     std::lock_guard guard(self->lock_);
+    --self->handshaking_;
     stopped = self->stopped_;
   }
+  if (!ready) co_return;
   if (stopped) {
     connection->close();
   } else {

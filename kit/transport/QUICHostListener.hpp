@@ -65,6 +65,7 @@ class QUICHostListener final : public HostListener,
 
   std::mutex lock_;
   bool stopped_ = false;
+  int handshaking_ = 0;  // connections accepted and not yet ready or failed
   std::unique_ptr<DNSSDAdvertiser> advertiser_;
   AsyncQueue<std::shared_ptr<Connection>> connections_;
 };

@@ -4,6 +4,7 @@
 
 #include <asio/post.hpp>
 
+#include "kit/log/Logger.hpp"
 #include "kit/transport/QUICConfiguration.hpp"
 #include "kit/transport/QUICConnection.hpp"
 
@@ -26,27 +27,46 @@ std::shared_ptr<QUICHostPort> QUICHostPort::open(const Executor& executor, std::
     if (auto open = registry()[port].lock()) return open;
   }
   std::shared_ptr<QUICHostPort> opened(
-      new QUICHostPort(UDPSocket::listen(makeStrand(executor), port)));
+      new QUICHostPort(executor, UDPSocket::listen(makeStrand(executor), port)));
   registry()[opened->port()] = opened;
   std::weak_ptr<QUICHostPort> weak = opened;
   opened->socket_->startReceiving(
       [weak](std::span<const std::uint8_t> datagram, const Endpoint& from) {
         if (auto self = weak.lock()) self->route(datagram, from);
       },
-      nullptr);
+      [weak](std::error_code error) {
+        // A port that cannot read is forgotten, so that the next listener binds a new one.
+        Logger("io.dovka.tovu.transport", "listener")
+            .error("UDP port failed: %s", error.message().c_str());
+        if (auto self = weak.lock()) self->forget();
+      });
   return opened;
 }
 
-QUICHostPort::~QUICHostPort() {
-  socket_->stop();
+// The socket closes with its last owner, at once: a listener started again on this port right
+// after must be able to bind it.
+QUICHostPort::~QUICHostPort() { forget(); }
+
+// Leaves the registry, unless another port of the same number has taken the place meanwhile.
+void QUICHostPort::forget() {
   std::lock_guard guard(registryLock);
   const auto found = registry().find(port());
-  if (found != registry().end() && found->second.expired()) registry().erase(found);
+  if (found == registry().end()) return;
+  const auto current = found->second.lock();
+  if (!current || current.get() == this) registry().erase(found);
 }
 
-void QUICHostPort::setAcceptor(Acceptor acceptor) {
+void QUICHostPort::setAcceptor(const void* owner, Acceptor acceptor) {
   std::lock_guard guard(lock_);
+  acceptorOwner_ = owner;
   acceptor_ = std::move(acceptor);
+}
+
+void QUICHostPort::clearAcceptor(const void* owner) {
+  std::lock_guard guard(lock_);
+  if (acceptorOwner_ != owner) return;
+  acceptorOwner_ = nullptr;
+  acceptor_ = nullptr;
 }
 
 void QUICHostPort::add(ID id, std::weak_ptr<QUICConnection> connection) {

@@ -25,25 +25,31 @@ class QUICHostPort : public std::enable_shared_from_this<QUICHostPort> {
   // Handed every datagram that belongs to no connection yet, on the port's executor.
   using Acceptor = std::function<void(std::span<const std::uint8_t>, const Endpoint& from)>;
 
-  // The open port `port` of this process, or a newly bound one (port 0: any free port). Throws
-  // std::system_error.
+  // The open port `port` of this process, or a newly bound one (port 0: any free port). Give it
+  // the execution context's executor, not a strand: the port and each of its connections make
+  // strands of their own on it, so that they run side by side. Throws std::system_error.
   static std::shared_ptr<QUICHostPort> open(const Executor& executor, std::uint16_t port);
   ~QUICHostPort();
 
   std::uint16_t port() const { return socket_->localEndpoint().port(); }
   const std::shared_ptr<UDPSocket>& socket() const { return socket_; }
-  const Executor& executor() const { return socket_->executor(); }
+  // The executor the port was opened with, on which connections make their strands.
+  const Executor& contextExecutor() const { return contextExecutor_; }
 
-  // Replaces the acceptor; an empty one refuses new connections.
-  void setAcceptor(Acceptor acceptor);
+  // Who takes new connections from now on: `owner`, through `acceptor`.
+  void setAcceptor(const void* owner, Acceptor acceptor);
+  // Refuses new connections, unless another owner has taken over meanwhile.
+  void clearAcceptor(const void* owner);
 
   void add(ID id, std::weak_ptr<QUICConnection> connection);
   void remove(ID id);
   std::shared_ptr<QUICConnection> find(ID id) const;
 
  private:
-  explicit QUICHostPort(std::shared_ptr<UDPSocket> socket) : socket_(std::move(socket)) {}
+  QUICHostPort(const Executor& executor, std::shared_ptr<UDPSocket> socket)
+      : contextExecutor_(executor), socket_(std::move(socket)) {}
   void route(std::span<const std::uint8_t> datagram, const Endpoint& from);
+  void forget();
 
   // Looks IDs up as slices of the datagram, without copying them.
   struct Less {
@@ -53,9 +59,11 @@ class QUICHostPort : public std::enable_shared_from_this<QUICHostPort> {
     }
   };
 
+  const Executor contextExecutor_;
   const std::shared_ptr<UDPSocket> socket_;
   mutable std::mutex lock_;
   std::map<Data, std::weak_ptr<QUICConnection>, Less> routes_;
+  const void* acceptorOwner_ = nullptr;
   Acceptor acceptor_;
 };
 

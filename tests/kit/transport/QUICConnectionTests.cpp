@@ -281,6 +281,16 @@ TEST(QUICConnection, ACleanCloseOnOneEndIsClosedOnTheOther) {
 TEST(QUICConnection, AListenerStartedAgainOnItsPortKeepsTheConnectionsOfTheOldOne) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
+    {
+      // With nothing left of the old one, the port is free again at once.
+      Loopback previous(io.get_executor());
+      const std::uint16_t port = previous.endpoint.port();
+      previous.listener.reset();
+      const auto again =
+          QUICHostListener::make(io.get_executor(), previous.identity,
+                                 {.hostName = "Again", .port = port, .advertise = false});
+      EXPECT_EQ(again->port(), port);
+    }
     const auto [client, host] = co_await loopback.connected();
 
     loopback.listener->stop();
