@@ -36,7 +36,6 @@ class StreamSendQueue {
   // Acknowledgements come in order and without overlap.
   void acknowledge(std::uint64_t offset, std::uint64_t length);
 
-  std::uint64_t sentOffset() const { return sentOffset_; }
   std::uint64_t ackedOffset() const { return ackedOffset_; }
   std::size_t heldItems() const { return items_.size(); }
 
