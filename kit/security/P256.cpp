@@ -9,15 +9,13 @@
 
 #include <algorithm>
 
+#include "kit/security/GnuTLSDatum.hpp"
+
 namespace kelvaron {
 
 namespace {
 
 constexpr std::size_t kCoordinate = 32;
-
-gnutls_datum_t datum(ByteView bytes) {
-  return {const_cast<unsigned char*>(bytes.data()), static_cast<unsigned>(bytes.size())};
-}
 
 // Takes ownership of a datum GnuTLS allocated.
 Data take(gnutls_datum_t& d) {

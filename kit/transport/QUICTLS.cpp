@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "kit/security/AuthCrypto.hpp"
+#include "kit/security/GnuTLSDatum.hpp"
 #include "kit/transport/QUICConfiguration.hpp"
 #include "kit/transport/SelfSignedIdentity.hpp"
 
@@ -25,10 +26,6 @@ void check(int result, const char* what) {
   if (result < 0) {
     throw QUICError::failed(std::string(what) + ": " + gnutls_strerror(result));
   }
-}
-
-gnutls_datum_t datum(const Data& bytes) {
-  return {const_cast<unsigned char*>(bytes.data()), static_cast<unsigned>(bytes.size())};
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "kit/security/AuthCrypto.hpp"
 #include "kit/security/DER.hpp"
+#include "kit/security/GnuTLSDatum.hpp"
 
 namespace kelvaron {
 
@@ -23,8 +24,7 @@ std::mutex& identityLock() {
 std::optional<Data> certificatePublicKey(const Data& der) {
   gnutls_x509_crt_t crt;
   if (gnutls_x509_crt_init(&crt) < 0) return std::nullopt;
-  const gnutls_datum_t input{const_cast<unsigned char*>(der.data()),
-                             static_cast<unsigned>(der.size())};
+  const gnutls_datum_t input = datum(der);
   std::optional<Data> key;
   gnutls_ecc_curve_t curve;
   gnutls_datum_t x{}, y{};
