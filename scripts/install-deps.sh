@@ -18,6 +18,11 @@ packages=(
   libngtcp2-dev libngtcp2-crypto-gnutls-dev libavahi-client-dev
   # discovery tests: a private bus and avahi-daemon in a network namespace, avahi-browse beside ours
   avahi-daemon avahi-utils dbus-daemon iproute2 util-linux
+  # video: X11 capture (MIT-SHM, DAMAGE, RANDR), pixel conversion, HEVC through libavcodec
+  libxcb1-dev libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-randr0-dev libyuv-dev
+  libavcodec-dev libavutil-dev
+  # capture tests: a virtual X server
+  xvfb
 )
 
 missing=()

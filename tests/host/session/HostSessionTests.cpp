@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "kit/security/AuthCrypto.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/HostAuthGate.hpp"
@@ -38,10 +40,32 @@ class FakeDisplays : public DisplayProviding {
   std::vector<std::weak_ptr<AsyncQueue<ChangeSignal>>> subscribers_;
 };
 
+// Records what the session asks of its encoder; its output is driven by the test.
+class FakeEncoder : public VideoEncoder {
+ public:
+  explicit FakeEncoder(EncoderOutputHandler handler) : output(std::move(handler)) {}
+  void encode(const CapturedFrame&, bool, bool) override { ++encoded; }
+  void requestKeyframe() override { ++keyframeRequests; }
+  void setBitrate(std::int64_t value) override { bitrates.push_back(value); }
+  void stop() override { stopped = true; }
+
+  EncoderOutputHandler output;
+  std::atomic<int> encoded = 0;
+  std::atomic<int> keyframeRequests = 0;
+  std::vector<std::int64_t> bitrates;
+  bool stopped = false;
+};
+
 class FakeEncoders : public EncoderFactory {
  public:
   std::vector<CodecProfile> profiles = {CodecProfile::hevcMain, CodecProfile::hevcMain444};
+  mutable std::shared_ptr<FakeEncoder> made;
   std::vector<CodecProfile> supportedProfiles() const override { return profiles; }
+  std::shared_ptr<VideoEncoder> makeEncoder(CodecProfile, std::int64_t,
+                                            EncoderOutputHandler output) const override {
+    made = std::make_shared<FakeEncoder>(std::move(output));
+    return made;
+  }
 };
 
 class FakePower : public PowerManaging {
