@@ -6,6 +6,8 @@
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
 
+#include "host/video/CodecProfileNames.hpp"
+
 namespace kelvaron::host {
 
 namespace {
@@ -17,20 +19,6 @@ constexpr const char* kAssertionName = "Tovu remote session";
 // The client shows these to a person.
 const std::string kDeviceMismatch = "Device ID does not match the authenticated device.";
 const std::string kNoCommonProfile = "No common video profile.";
-
-const char* profileLabel(CodecProfile profile) {
-  switch (profile) {
-    case CodecProfile::hevcMain:
-      return "HEVC 4:2:0";
-    case CodecProfile::hevcMain10:
-      return "HEVC 4:2:0 10-bit";
-    case CodecProfile::hevcMain444:
-      return "HEVC 4:4:4";
-    case CodecProfile::hevcMain44410:
-      return "HEVC 4:4:4 10-bit";
-  }
-  return "unknown";
-}
 
 std::string profileList(const std::vector<CodecProfile>& profiles) {
   std::string text = "[";

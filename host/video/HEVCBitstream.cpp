@@ -1,0 +1,226 @@
+#include "host/video/HEVCBitstream.hpp"
+
+#include <array>
+
+#include "host/video/BitReader.hpp"
+#include "kit/wire/WireWriter.hpp"
+
+namespace kelvaron::host::hevc {
+
+namespace {
+
+constexpr std::size_t kStartCodeSize = 3;  // 00 00 01; a 4-byte start code is a zero before it
+constexpr std::size_t kHeaderSize = 2;
+constexpr std::size_t kLengthSize = 4;
+
+// Where the next start code begins at or after `from`, or the stream's size.
+std::size_t findStartCode(std::span<const std::uint8_t> stream, std::size_t from) {
+  for (std::size_t i = from; i + kStartCodeSize <= stream.size();) {
+    if (stream[i + 2] > 1) {
+      i += 3;  // no start code can begin at i, i + 1 or i + 2: each would need this byte 0 or 1
+    } else if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1) {
+      return i;
+    } else {
+      ++i;
+    }
+  }
+  return stream.size();
+}
+
+// A unit never ends in a zero (its last byte holds the stop bit, or an encoder's 03), so zeros at
+// its end are the first byte of a 4-byte start code or padding between units.
+NALUnit withoutTrailingZeros(NALUnit unit) {
+  while (!unit.empty() && unit.back() == 0) unit = unit.first(unit.size() - 1);
+  return unit;
+}
+
+std::uint32_t bigEndianU32(std::span<const std::uint8_t, kLengthSize> bytes) {
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
+         std::uint32_t{bytes[2]} << 8 | bytes[3];
+}
+
+// The forbidden bit clear and layer 0: units of other layers lay out their SPS differently, and
+// our encoders make a single layer.
+bool isSoundBaseLayerHeader(NALUnit unit) {
+  const bool forbiddenBit = (unit[0] & 0x80) != 0;
+  const unsigned layerID = (unit[0] & 0x01) << 5 | unit[1] >> 3;
+  return !forbiddenBit && layerID == 0;
+}
+
+// The unit's payload as the syntax is written: an encoder puts 03 after every two zeros that
+// would otherwise be followed by 00...03, so that nothing inside a unit looks like a start code.
+Data withoutEmulationPrevention(std::span<const std::uint8_t> payload) {
+  Data rbsp;
+  rbsp.reserve(payload.size());
+  unsigned zeros = 0;
+  for (const std::uint8_t byte : payload) {
+    if (zeros >= 2 && byte == 0x03) {
+      zeros = 0;
+      continue;
+    }
+    zeros = byte == 0 ? zeros + 1 : 0;
+    rbsp.push_back(byte);
+  }
+  return rbsp;
+}
+
+// Fixed-width fields of profile_tier_level.
+constexpr unsigned kProfileSpaceAndTierBits = 3;
+constexpr unsigned kProfileIdcBits = 5;
+// Compatibility flags, source flags, constraint flags and the in-band flag after the idc.
+constexpr unsigned kProfileFlagsBits = 32 + 4 + 43 + 1;
+constexpr unsigned kProfileBits = kProfileSpaceAndTierBits + kProfileIdcBits + kProfileFlagsBits;
+constexpr unsigned kLevelBits = 8;
+constexpr unsigned kMaxSubLayersMinus1 = 6;  // 7 is reserved
+constexpr unsigned kSubLayerSlots = 8;       // present flags are padded to 8 pairs
+
+// The general profile idc, leaving the reader after the whole profile_tier_level with the parts
+// of its sub-layers.
+std::optional<std::uint8_t> readProfileTierLevel(BitReader& reader, unsigned maxSubLayersMinus1) {
+  if (!reader.skip(kProfileSpaceAndTierBits)) return std::nullopt;
+  const auto profileIdc = reader.bits(kProfileIdcBits);
+  if (!profileIdc || !reader.skip(kProfileFlagsBits + kLevelBits)) return std::nullopt;
+
+  std::size_t subLayerBits = 0;
+  for (unsigned i = 0; i < maxSubLayersMinus1; ++i) {
+    const auto profilePresent = reader.flag();
+    const auto levelPresent = reader.flag();
+    if (!profilePresent || !levelPresent) return std::nullopt;
+    subLayerBits += (*profilePresent ? kProfileBits : 0) + (*levelPresent ? kLevelBits : 0);
+  }
+  if (maxSubLayersMinus1 > 0) subLayerBits += 2 * (kSubLayerSlots - maxSubLayersMinus1);
+  if (!reader.skip(subLayerBits)) return std::nullopt;
+  return static_cast<std::uint8_t>(*profileIdc);
+}
+
+constexpr std::uint32_t kMaxSPSID = 15;
+constexpr std::uint32_t kMaxChromaFormatIdc = 3;
+constexpr std::uint32_t kChroma420 = 1, kChroma422 = 2, kChroma444 = 3;
+// The longest side any level allows (the square root of eight times its largest picture).
+constexpr std::uint32_t kMaxPictureSide = 16888;
+constexpr std::uint32_t kMaxBitDepthMinus8 = 8;
+
+struct PictureShape {
+  std::uint32_t chromaFormatIdc = 0;
+  bool separateColourPlanes = false;
+  std::uint32_t width = 0, height = 0;
+};
+
+std::optional<PictureShape> readPictureShape(BitReader& reader) {
+  PictureShape shape;
+  const auto chroma = reader.ue();
+  if (!chroma || *chroma > kMaxChromaFormatIdc) return std::nullopt;
+  shape.chromaFormatIdc = *chroma;
+  if (*chroma == kChroma444) {
+    const auto separate = reader.flag();
+    if (!separate) return std::nullopt;
+    shape.separateColourPlanes = *separate;
+  }
+  const auto width = reader.ue();
+  const auto height = reader.ue();
+  if (!width || !height) return std::nullopt;
+  if (*width == 0 || *height == 0 || *width > kMaxPictureSide || *height > kMaxPictureSide) {
+    return std::nullopt;
+  }
+  shape.width = *width;
+  shape.height = *height;
+  return shape;
+}
+
+// Reads past the conformance window; false if it is cut short or leaves nothing of the picture.
+// Its offsets count chroma samples, so they are scaled to luma samples before the comparison.
+bool skipConformanceWindow(BitReader& reader, const PictureShape& shape) {
+  const auto present = reader.flag();
+  if (!present) return false;
+  if (!*present) return true;
+  std::array<std::uint64_t, 4> offsets{};  // left, right, top, bottom
+  for (auto& offset : offsets) {
+    const auto value = reader.ue();
+    if (!value) return false;
+    offset = *value;
+  }
+  const bool subsampled = !shape.separateColourPlanes;
+  const std::uint64_t subWidth =
+      subsampled && (shape.chromaFormatIdc == kChroma420 || shape.chromaFormatIdc == kChroma422)
+          ? 2
+          : 1;
+  const std::uint64_t subHeight = subsampled && shape.chromaFormatIdc == kChroma420 ? 2 : 1;
+  return subWidth * (offsets[0] + offsets[1]) < shape.width &&
+         subHeight * (offsets[2] + offsets[3]) < shape.height;
+}
+
+}  // namespace
+
+std::vector<NALUnit> splitAnnexB(std::span<const std::uint8_t> stream) {
+  std::vector<NALUnit> units;
+  for (std::size_t start = findStartCode(stream, 0); start < stream.size();) {
+    const std::size_t begin = start + kStartCodeSize;
+    const std::size_t next = findStartCode(stream, begin);
+    const NALUnit unit = withoutTrailingZeros(stream.subspan(begin, next - begin));
+    if (!unit.empty()) units.push_back(unit);
+    start = next;
+  }
+  return units;
+}
+
+std::optional<std::uint8_t> nalType(NALUnit unit) {
+  if (unit.size() < kHeaderSize) return std::nullopt;
+  return static_cast<std::uint8_t>(unit[0] >> 1 & 0x3F);
+}
+
+bool isParameterSet(std::uint8_t type) { return type >= kVPS && type <= kPPS; }
+
+bool isRandomAccessPoint(std::uint8_t type) { return type >= 16 && type <= 23; }
+
+Data lengthPrefixed(const std::vector<NALUnit>& units) {
+  std::size_t size = 0;
+  for (const NALUnit unit : units) size += kLengthSize + unit.size();
+  Data out;
+  out.reserve(size);
+  WireWriter writer(out);
+  for (const NALUnit unit : units) {
+    writer.u32(static_cast<std::uint32_t>(unit.size()));  // an encoder's unit is far below 4 GiB
+    writer.raw(unit);
+  }
+  return out;
+}
+
+std::optional<std::vector<NALUnit>> splitLengthPrefixed(std::span<const std::uint8_t> payload) {
+  std::vector<NALUnit> units;
+  while (!payload.empty()) {
+    if (payload.size() < kLengthSize) return std::nullopt;
+    const std::uint32_t length = bigEndianU32(payload.first<kLengthSize>());
+    payload = payload.subspan(kLengthSize);
+    if (length > payload.size()) return std::nullopt;
+    units.push_back(payload.first(length));
+    payload = payload.subspan(length);
+  }
+  return units;
+}
+
+std::optional<StreamFormat> readStreamFormat(NALUnit sps) {
+  if (nalType(sps) != kSPS || !isSoundBaseLayerHeader(sps)) return std::nullopt;
+  const Data rbsp = withoutEmulationPrevention(sps.subspan(kHeaderSize));
+  BitReader reader(rbsp);
+
+  // sps_video_parameter_set_id, sps_max_sub_layers_minus1, sps_temporal_id_nesting_flag
+  const auto maxSubLayersMinus1 = reader.skip(4) ? reader.bits(3) : std::nullopt;
+  if (!maxSubLayersMinus1 || *maxSubLayersMinus1 > kMaxSubLayersMinus1 || !reader.skip(1)) {
+    return std::nullopt;
+  }
+  const auto profileIdc = readProfileTierLevel(reader, *maxSubLayersMinus1);
+  if (!profileIdc) return std::nullopt;
+
+  const auto spsID = reader.ue();
+  if (!spsID || *spsID > kMaxSPSID) return std::nullopt;
+  const auto shape = readPictureShape(reader);
+  if (!shape || !skipConformanceWindow(reader, *shape)) return std::nullopt;
+  const auto bitDepthLumaMinus8 = reader.ue();
+  if (!bitDepthLumaMinus8 || *bitDepthLumaMinus8 > kMaxBitDepthMinus8) return std::nullopt;
+
+  return StreamFormat{.profileIdc = *profileIdc,
+                      .chromaFormatIdc = static_cast<std::uint8_t>(shape->chromaFormatIdc),
+                      .bitDepthLuma = static_cast<std::uint8_t>(8 + *bitDepthLumaMinus8)};
+}
+
+}  // namespace kelvaron::host::hevc

@@ -1,0 +1,474 @@
+#include "host/video/LibavHEVCEncoder.hpp"
+
+#include <libyuv/convert_from_argb.h>
+#include <libyuv/planar_functions.h>
+
+#include <algorithm>
+#include <deque>
+#include <stdexcept>
+
+#include "host/video/CaptureClock.hpp"
+#include "host/video/CodecProfileNames.hpp"
+#include "host/video/HEVCBitstream.hpp"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/error.h>
+#include <libavutil/intreadwrite.h>
+#include <libavutil/opt.h>
+}
+
+namespace kelvaron::host {
+
+namespace {
+
+constexpr int kExpectedFrameRate = 60;
+constexpr int kMaxKeyFrameInterval = 7200;  // frames; key frames come when asked for
+constexpr int kHighQualityQP = 20;          // the quantiser limit of the idle refresh
+
+std::string avError(int code) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, text, sizeof text);
+  return text;
+}
+
+// What the stream must say of itself for each profile.
+hevc::StreamFormat expectedFormat(CodecProfile profile) {
+  switch (profile) {
+    case CodecProfile::hevcMain:
+      return {1, 1, 8};
+    case CodecProfile::hevcMain10:
+      return {2, 1, 10};
+    case CodecProfile::hevcMain444:
+      return {4, 3, 8};
+    case CodecProfile::hevcMain44410:
+      return {4, 3, 10};
+  }
+  return {};
+}
+
+// The layouts we can fill from BGRA for each profile, in order of preference.
+std::vector<AVPixelFormat> pixelFormatsFor(CodecProfile profile) {
+  switch (profile) {
+    case CodecProfile::hevcMain:
+      return {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12};
+    case CodecProfile::hevcMain10:
+      return {AV_PIX_FMT_YUV420P10};
+    case CodecProfile::hevcMain444:
+      return {AV_PIX_FMT_YUV444P};
+    case CodecProfile::hevcMain44410:
+      return {AV_PIX_FMT_YUV444P10};
+  }
+  return {};
+}
+
+std::optional<AVPixelFormat> pixelFormatFor(const AVCodec& codec, CodecProfile profile) {
+  for (AVPixelFormat wanted : pixelFormatsFor(profile)) {
+    if (!codec.pix_fmts) return wanted;
+    for (const AVPixelFormat* f = codec.pix_fmts; *f != AV_PIX_FMT_NONE; ++f) {
+      if (*f == wanted) return wanted;
+    }
+  }
+  return std::nullopt;
+}
+
+struct PacketDeleter {
+  void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
+
+struct FrameDeleter {
+  void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
+
+struct ContextDeleter {
+  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+using ContextPtr = std::unique_ptr<AVCodecContext, ContextDeleter>;
+
+FramePtr allocatePicture(AVPixelFormat format, int width, int height) {
+  FramePtr frame(av_frame_alloc());
+  if (!frame) throw std::runtime_error("out of memory");
+  frame->format = format;
+  frame->width = width;
+  frame->height = height;
+  const int status = av_frame_get_buffer(frame.get(), 0);
+  if (status < 0) throw std::runtime_error("av_frame_get_buffer " + avError(status));
+  return frame;
+}
+
+// The QP of an encoded picture, as the encoder reports it; 0 when it does not.
+int packetQP(const AVPacket& packet) {
+  std::size_t size = 0;
+  const std::uint8_t* stats = av_packet_get_side_data(&packet, AV_PKT_DATA_QUALITY_STATS, &size);
+  if (!stats || size < 4) return 0;
+  return int(AV_RL32(stats) / FF_QP2LAMBDA);
+}
+
+}  // namespace
+
+LibavBackend LibavBackend::libx265() {
+  return {"libx265",
+          {{"preset", "ultrafast"},
+           {"tune", "zerolatency"},
+           {"forced-idr", "1"},
+           // Quantiser offsets (the idle refresh) need adaptive quantisation on.
+           {"x265-params", "log-level=error:info=0:aq-mode=1:scenecut=0:open-gop=0"}}};
+}
+
+std::vector<LibavBackend> LibavBackend::hardware() {
+  return {{"hevc_nvenc", {{"preset", "p1"}, {"tune", "ull"}, {"zerolatency", "1"},
+                          {"forced-idr", "1"}, {"delay", "0"}}},
+          {"hevc_qsv", {{"preset", "veryfast"}, {"async_depth", "1"}, {"forced_idr", "1"}}}};
+}
+
+// One opened codec context for one size, profile and rate.
+class LibavHEVCEncoder::Session {
+ public:
+  struct Output {
+    Pending frame;
+    PacketPtr packet;
+  };
+
+  // Throws with a text for a person.
+  Session(const LibavBackend& backend, CodecProfile codecProfile, int pictureWidth,
+          int pictureHeight, std::int64_t bitsPerSecond)
+      : profile(codecProfile),
+        width(pictureWidth),
+        height(pictureHeight),
+        bitrate(bitsPerSecond) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(backend.codecName.c_str());
+    if (!codec) throw std::runtime_error("avcodec_find_encoder_by_name " + backend.codecName);
+    const auto format = pixelFormatFor(*codec, profile);
+    if (!format) {
+      throw std::runtime_error(std::string("ProfileLevel ") + profileCaseName(profile) +
+                               " rejected: " + backend.codecName + " has no pixel format for it");
+    }
+    context_.reset(avcodec_alloc_context3(codec));
+    if (!context_) throw std::runtime_error("out of memory");
+    configure(*context_, *format);
+    AVDictionary* options = nullptr;
+    for (const auto& [key, value] : backend.options) {
+      av_dict_set(&options, key.c_str(), value.c_str(), 0);
+    }
+    const int status = avcodec_open2(context_.get(), codec, &options);
+    av_dict_free(&options);
+    if (status < 0) throw std::runtime_error("avcodec_open2 " + avError(status));
+    picture_ = allocatePicture(*format, width, height);
+    if (*format == AV_PIX_FMT_YUV420P10 || *format == AV_PIX_FMT_YUV444P10) {
+      eightBit_ = allocatePicture(
+          *format == AV_PIX_FMT_YUV420P10 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P, width,
+          height);
+    }
+  }
+
+  // Encodes one picture; what the codec hands back comes out in order. `qpOffset` lowers the
+  // quantiser of the whole picture. Throws with a text for a person.
+  std::vector<Output> encode(Pending frame, bool keyframe, int qpOffset) {
+    const PixelBuffer& source = *frame.job.frame.pixelBuffer;
+    int status = av_frame_make_writable(picture_.get());
+    if (status < 0) throw std::runtime_error("av_frame_make_writable " + avError(status));
+    fill(source);
+    picture_->pts = std::int64_t(frame.pts);
+    picture_->pict_type = keyframe ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    setQPOffset(qpOffset);
+    status = avcodec_send_frame(context_.get(), picture_.get());
+    if (status < 0) throw std::runtime_error("avcodec_send_frame " + avError(status));
+    pending_.push_back(std::move(frame));
+
+    std::vector<Output> outputs;
+    for (;;) {
+      PacketPtr packet(av_packet_alloc());
+      status = avcodec_receive_packet(context_.get(), packet.get());
+      if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) break;
+      if (status < 0) throw std::runtime_error("avcodec_receive_packet " + avError(status));
+      // Without reordering, packets come in the order of their pictures.
+      while (!pending_.empty() && pending_.front().pts < std::uint64_t(packet->pts)) {
+        pending_.pop_front();
+      }
+      if (pending_.empty()) continue;
+      outputs.push_back({std::move(pending_.front()), std::move(packet)});
+      pending_.pop_front();
+    }
+    return outputs;
+  }
+
+  const CodecProfile profile;
+  const int width;
+  const int height;
+  const std::int64_t bitrate;
+
+ private:
+  void configure(AVCodecContext& c, AVPixelFormat format) const {
+    c.width = width;
+    c.height = height;
+    c.pix_fmt = format;
+    c.time_base = AVRational{1, 1000000000};  // time stamps are capture nanoseconds
+    c.framerate = AVRational{kExpectedFrameRate, 1};
+    c.gop_size = kMaxKeyFrameInterval;
+    c.max_b_frames = 0;  // decode order is display order
+    c.bit_rate = bitrate;
+    c.rc_max_rate = bitrate;
+    c.rc_buffer_size = int(std::min<std::int64_t>(bitrate / 2, INT32_MAX));
+    // The colours of an sRGB screen, converted with the BT.601 matrix in limited range, which is
+    // what libyuv's BGRA conversions do; the decoder learns it from the stream.
+    c.color_primaries = AVCOL_PRI_BT709;
+    c.color_trc = AVCOL_TRC_BT709;
+    c.colorspace = AVCOL_SPC_SMPTE170M;
+    c.color_range = AVCOL_RANGE_MPEG;
+  }
+
+  void fill(const PixelBuffer& source) {
+    AVFrame& target = eightBit_ ? *eightBit_ : *picture_;
+    const std::uint8_t* bgra = source.bytes.data();
+    const int w = std::min(width, source.width);
+    const int h = std::min(height, source.height);
+    switch (target.format) {
+      case AV_PIX_FMT_YUV420P:
+        libyuv::ARGBToI420(bgra, source.stride, target.data[0], target.linesize[0],
+                           target.data[1], target.linesize[1], target.data[2],
+                           target.linesize[2], w, h);
+        break;
+      case AV_PIX_FMT_NV12:
+        libyuv::ARGBToNV12(bgra, source.stride, target.data[0], target.linesize[0],
+                           target.data[1], target.linesize[1], w, h);
+        break;
+      case AV_PIX_FMT_YUV444P:
+        libyuv::ARGBToI444(bgra, source.stride, target.data[0], target.linesize[0],
+                           target.data[1], target.linesize[1], target.data[2],
+                           target.linesize[2], w, h);
+        break;
+      default:
+        break;
+    }
+    if (eightBit_) widenTo10Bit(w, h);
+  }
+
+  void widenTo10Bit(int w, int h) {
+    const bool subsampled = picture_->format == AV_PIX_FMT_YUV420P10;
+    for (int plane = 0; plane < 3; ++plane) {
+      const int pw = plane && subsampled ? (w + 1) / 2 : w;
+      const int ph = plane && subsampled ? (h + 1) / 2 : h;
+      libyuv::Convert8To16Plane(eightBit_->data[plane], eightBit_->linesize[plane],
+                                reinterpret_cast<std::uint16_t*>(picture_->data[plane]),
+                                picture_->linesize[plane] / 2, 1024, pw, ph);
+    }
+  }
+
+  void setQPOffset(int qpOffset) {
+    av_frame_remove_side_data(picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST);
+    if (qpOffset >= 0) return;
+    AVFrameSideData* data = av_frame_new_side_data(
+        picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST, sizeof(AVRegionOfInterest));
+    if (!data) return;
+    auto* region = reinterpret_cast<AVRegionOfInterest*>(data->data);
+    *region = AVRegionOfInterest{};
+    region->self_size = sizeof(AVRegionOfInterest);
+    region->right = width;
+    region->bottom = height;
+    // The offset is a fraction of the QP range of the bit depth.
+    const int range = eightBit_ ? 63 : 51;
+    region->qoffset = AVRational{qpOffset, range};
+  }
+
+  ContextPtr context_;
+  FramePtr picture_;
+  FramePtr eightBit_;  // 10-bit profiles: the 8-bit conversion before widening
+  std::deque<Pending> pending_;
+};
+
+LibavHEVCEncoder::LibavHEVCEncoder(LibavBackend backend, CodecProfile profile,
+                                   std::int64_t bitsPerSecond, EncoderOutputHandler output)
+    : backend_(std::move(backend)),
+      output_(std::move(output)),
+      bitrate_(bitsPerSecond),
+      activeProfile_(profile),
+      worker_([this] { run(); }) {}
+
+LibavHEVCEncoder::~LibavHEVCEncoder() {
+  stop();
+  if (worker_.joinable()) worker_.detach();  // only when the encoding thread itself let go last
+}
+
+void LibavHEVCEncoder::encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality) {
+  if (!frame.pixelBuffer) return;
+  {
+    std::lock_guard guard(lock_);
+    if (stopped_) return;
+    // A frame still waiting was never encoded, so replacing it leaves no gap; its key-frame
+    // request carries over.
+    const bool carriedKey = pending_ && pending_->forceKeyframe;
+    pending_ = Job{frame, forceKeyframe || carriedKey, highQuality};
+  }
+  wake_.notify_one();
+}
+
+void LibavHEVCEncoder::requestKeyframe() {
+  std::lock_guard guard(lock_);
+  forceNext_ = true;
+}
+
+void LibavHEVCEncoder::setBitrate(std::int64_t bitsPerSecond) {
+  std::lock_guard guard(lock_);
+  bitrate_ = bitsPerSecond;
+}
+
+void LibavHEVCEncoder::stop() {
+  {
+    std::lock_guard guard(lock_);
+    stopped_ = true;
+    pending_.reset();
+  }
+  wake_.notify_one();
+  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+}
+
+void LibavHEVCEncoder::run() {
+  for (;;) {
+    Job job;
+    {
+      std::unique_lock guard(lock_);
+      wake_.wait(guard, [this] { return stopped_ || pending_; });
+      if (stopped_) break;
+      job = std::move(*pending_);
+      pending_.reset();
+    }
+    process(job);
+  }
+  session_.reset();
+}
+
+bool LibavHEVCEncoder::takeForceNext() {
+  std::lock_guard guard(lock_);
+  return std::exchange(forceNext_, false);
+}
+
+std::int64_t LibavHEVCEncoder::currentBitrate() {
+  std::lock_guard guard(lock_);
+  return bitrate_;
+}
+
+void LibavHEVCEncoder::process(const Job& job) {
+  const PixelBuffer& picture = *job.frame.pixelBuffer;
+  bool keyframeDue;
+  {
+    std::lock_guard guard(lock_);
+    keyframeDue = forceNext_ || job.forceKeyframe;
+  }
+  if (!ensureSession(picture.width, picture.height, keyframeDue)) {
+    emit(encoderOutput::failed{sessionError_.value_or("encoder session unavailable")});
+    return;
+  }
+  const bool keyframe = takeForceNext() || job.forceKeyframe;
+  const std::uint64_t number = ++frameNumber_;
+  const std::uint64_t time = job.highQuality ? monotonicRawNs() : job.frame.captureTimeNs;
+  lastPTS_ = std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
+  const int qpOffset =
+      job.highQuality && lastQP_ > kHighQualityQP ? kHighQualityQP - lastQP_ : 0;
+
+  std::vector<Session::Output> outputs;
+  try {
+    outputs = session_->encode({lastPTS_, number, job}, keyframe, qpOffset);
+  } catch (const std::exception& e) {
+    emit(encoderOutput::failed{e.what()});
+    return;
+  }
+  for (auto& output : outputs) {
+    if (!session_) return;  // a fallback replaced the session: what is left belongs to the old one
+    lastQP_ = packetQP(*output.packet);
+    const std::span<const std::uint8_t> bytes(output.packet->data, std::size_t(output.packet->size));
+    if (!verified_ && !verify(output.frame.job, bytes)) return;
+    const bool key = output.packet->flags & AV_PKT_FLAG_KEY;
+    deliver(output.frame, bytes, key);
+  }
+}
+
+bool LibavHEVCEncoder::ensureSession(int width, int height, bool keyframeDue) {
+  const std::int64_t bitrate = currentBitrate();
+  if (session_ && session_->width == width && session_->height == height &&
+      !(keyframeDue && session_->bitrate != bitrate)) {
+    return true;
+  }
+  session_.reset();
+  verified_ = false;
+  {
+    std::lock_guard guard(lock_);
+    forceNext_ = true;  // every session starts with a key frame
+  }
+  try {
+    session_ = std::make_unique<Session>(backend_, activeProfile_, width, height, bitrate);
+    sessionError_.reset();
+    return true;
+  } catch (const std::exception& e) {
+    sessionError_ = e.what();
+    return false;
+  }
+}
+
+bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> packet) {
+  const CodecProfile profile = session_->profile;
+  std::optional<hevc::StreamFormat> format;
+  for (hevc::NALUnit unit : hevc::splitAnnexB(packet)) {
+    if (hevc::nalType(unit) == hevc::kSPS) format = hevc::readStreamFormat(unit);
+  }
+  if (format != expectedFormat(profile)) {
+    fallBack(job, profile);
+    return false;
+  }
+  verified_ = true;
+  log_.info("encoder verified profile %s %ux%u", profileLabel(profile), unsigned(session_->width),
+            unsigned(session_->height));
+  return true;
+}
+
+void LibavHEVCEncoder::fallBack(const Job& job, CodecProfile from) {
+  if (from == CodecProfile::hevcMain || from != activeProfile_) {
+    emit(encoderOutput::failed{std::string("encoder produced a stream that does not match ") +
+                               profileCaseName(from)});
+    return;
+  }
+  // Straight to the one profile every decoder has, in one step.
+  activeProfile_ = CodecProfile::hevcMain;
+  session_.reset();
+  emit(encoderOutput::profileFallback{from, CodecProfile::hevcMain});
+  process(Job{job.frame, true, false});
+}
+
+void LibavHEVCEncoder::deliver(const Pending& frame, std::span<const std::uint8_t> bytes,
+                               bool keyframe) {
+  std::vector<SharedBytes> parameterSets;
+  std::vector<hevc::NALUnit> picture;
+  for (hevc::NALUnit unit : hevc::splitAnnexB(bytes)) {
+    const auto type = hevc::nalType(unit);
+    if (type && hevc::isParameterSet(*type)) {
+      if (keyframe) parameterSets.emplace_back(Data(unit.begin(), unit.end()));
+    } else {
+      picture.push_back(unit);
+    }
+  }
+  if (picture.empty()) return;
+  const CapturedFrame& captured = frame.job.frame;
+  VideoFrame video{.displayID = captured.displayID,
+                   .frameNumber = frame.number,
+                   .captureTimeNs = captured.captureTimeNs,
+                   .isKeyframe = keyframe,
+                   .profile = session_->profile,
+                   .width = std::uint32_t(session_->width),
+                   .height = std::uint32_t(session_->height),
+                   .sourceRect = captured.sourceRect,
+                   .parameterSets = std::move(parameterSets),
+                   .payload = hevc::lengthPrefixed(picture)};
+  const double latencyMs = double(monotonicRawNs() - captured.captureTimeNs) / 1e6;
+  emit(encoderOutput::frame{std::move(video), latencyMs});
+}
+
+void LibavHEVCEncoder::emit(EncoderOutput output) {
+  {
+    std::lock_guard guard(lock_);
+    if (stopped_) return;
+  }
+  output_(std::move(output));
+}
+
+}  // namespace kelvaron::host

@@ -1,0 +1,583 @@
+#include "host/video/X11CaptureSource.hpp"
+
+#include <libyuv/planar_functions.h>
+#include <libyuv/scale_argb.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <xcb/damage.h>
+#include <xcb/randr.h>
+#include <xcb/shm.h>
+
+#include <algorithm>
+#include <asio/steady_timer.hpp>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <optional>
+#include <system_error>
+#include <vector>
+
+#include "host/video/CaptureClock.hpp"
+#include "host/video/RandrDisplayManager.hpp"
+#include "host/video/RegionTagger.hpp"
+#include "host/video/X11Connection.hpp"
+
+namespace kelvaron::host {
+
+namespace {
+
+// At most 60 pictures a second.
+constexpr std::chrono::nanoseconds kMinFrameInterval{1'000'000'000 / 60};
+// The encoder, the pipeline's retained frame and one in flight: when the consumers hold more than
+// this, they are behind, and a picture is better taken later than a buffer allocated.
+constexpr std::size_t kPoolLimit = 6;
+constexpr int kBytesPerPixel = 4;
+// Far beyond any X screen (coordinates there are 16-bit), and safe to round to an integer.
+constexpr double kCoordinateLimit = 1 << 20;
+
+struct FreeWithStd {
+  void operator()(void* pointer) const { std::free(pointer); }
+};
+template <class T>
+using Reply = std::unique_ptr<T, FreeWithStd>;
+
+// A rectangle of whole pixels on the root window; right and bottom are exclusive.
+struct PixelRect {
+  std::int64_t left = 0, top = 0, right = 0, bottom = 0;
+  std::int64_t width() const { return right - left; }
+  std::int64_t height() const { return bottom - top; }
+  bool empty() const { return width() <= 0 || height() <= 0; }
+  friend bool operator==(const PixelRect&, const PixelRect&) = default;
+};
+
+PixelRect intersection(const PixelRect& a, const PixelRect& b) {
+  const PixelRect result{std::max(a.left, b.left), std::max(a.top, b.top),
+                         std::min(a.right, b.right), std::min(a.bottom, b.bottom)};
+  return result.empty() ? PixelRect{} : result;
+}
+
+// What one picture takes from the root window and where it goes in the output.
+struct GrabPlan {
+  PixelRect wanted;  // the source rectangle in root pixels
+  PixelRect area;    // the part of it on the root window; empty when there is none
+  PixelSize output;
+  PixelRect placement;  // where `area` lands in the output
+
+  bool clipped() const { return area != wanted; }
+  std::size_t bytes() const {
+    return std::size_t(area.width()) * std::size_t(area.height()) * kBytesPerPixel;
+  }
+};
+
+// Part of the source may lie off the screen (a monitor that shrank or went away under a running
+// capture): only the part on it is grabbed, and it keeps its place in the picture.
+GrabPlan clipToRoot(const PixelRect& wanted, PixelSize output, PixelSize root) {
+  GrabPlan plan{wanted, intersection(wanted, {0, 0, root.width, root.height}), output, {}};
+  if (plan.area.empty()) return plan;
+  const double scaleX = double(output.width) / double(wanted.width());
+  const double scaleY = double(output.height) / double(wanted.height());
+  const auto scaled = [](std::int64_t offset, double scale, std::uint32_t limit) {
+    return std::clamp<std::int64_t>(std::llround(double(offset) * scale), 0, limit);
+  };
+  PixelRect& placed = plan.placement;
+  placed.left = scaled(plan.area.left - wanted.left, scaleX, output.width - 1);
+  placed.top = scaled(plan.area.top - wanted.top, scaleY, output.height - 1);
+  placed.right =
+      std::max(scaled(plan.area.right - wanted.left, scaleX, output.width), placed.left + 1);
+  placed.bottom =
+      std::max(scaled(plan.area.bottom - wanted.top, scaleY, output.height), placed.top + 1);
+  return plan;
+}
+
+PixelRect wholePixels(const Rect& rect) {
+  const bool finite = std::isfinite(rect.x) && std::isfinite(rect.y) && std::isfinite(rect.width) &&
+                      std::isfinite(rect.height);
+  if (!finite || !(rect.width > 0) || !(rect.height > 0)) {
+    throw std::invalid_argument("The capture region is not a valid rectangle.");
+  }
+  const auto edge = [](double value) {
+    return std::llround(std::clamp(value, -kCoordinateLimit, kCoordinateLimit));
+  };
+  PixelRect result{edge(rect.x), edge(rect.y), edge(rect.x + rect.width),
+                   edge(rect.y + rect.height)};
+  result.right = std::max(result.right, result.left + 1);
+  result.bottom = std::max(result.bottom, result.top + 1);
+  return result;
+}
+
+// The active monitors, as the display list sees them. All names are asked for at once, and every
+// reply is read, so that xcb keeps none of them.
+std::vector<RandrMonitor> activeMonitors(X11Connection& connection) {
+  xcb_connection_t* c = connection.get();
+  const Reply<xcb_randr_get_monitors_reply_t> reply(
+      xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, connection.root(), 1), nullptr));
+  if (!reply) throw std::runtime_error("The X server did not list its monitors.");
+  std::vector<RandrMonitor> monitors;
+  std::vector<xcb_atom_t> atoms;
+  std::vector<xcb_get_atom_name_cookie_t> names;
+  for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
+       xcb_randr_monitor_info_next(&it)) {
+    monitors.push_back(
+        {{}, it.data->primary != 0, it.data->x, it.data->y, it.data->width, it.data->height});
+    atoms.push_back(it.data->name);
+    names.push_back(xcb_get_atom_name(c, it.data->name));
+  }
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const Reply<xcb_get_atom_name_reply_t> name(xcb_get_atom_name_reply(c, names[i], nullptr));
+    if (!name) throw std::runtime_error("The X server did not name its monitors.");
+    monitors[i].name.assign(xcb_get_atom_name_name(name.get()),
+                            std::size_t(xcb_get_atom_name_name_length(name.get())));
+    // As the display list names a monitor without a name, so that its ID is the same here.
+    if (monitors[i].name.empty()) monitors[i].name = "Display " + std::to_string(atoms[i]);
+  }
+  return monitors;
+}
+
+// Where a display and the desktop's origin lie on the root window now. On X11 a point is a pixel.
+// The desktop's origin is the top left corner of the main display, as the display list chose it:
+// its frames, measured from there, and the monitors' places on the root give the offset, so the
+// rule of which monitor is the main one lives in one place only.
+struct RootPlacement {
+  double displayX = 0, displayY = 0;
+  double originX = 0, originY = 0;
+};
+
+// Nothing when no monitor has `displayID`, which the display list made, clashes and all.
+std::optional<RootPlacement> placeOnRoot(X11Connection& connection, std::uint32_t displayID) {
+  const std::vector<RandrMonitor> monitors = activeMonitors(connection);
+  const std::vector<DisplayInfo> displays = displayListFromMonitors(monitors);
+  const auto display = std::ranges::find(displays, displayID, &DisplayInfo::id);
+  if (display == displays.end()) return std::nullopt;
+  const auto monitor = std::ranges::find(monitors, display->name, &RandrMonitor::name);
+  const double x = monitor->x, y = monitor->y;
+  return RootPlacement{x, y, x - display->frame.x, y - display->frame.y};
+}
+
+PixelSize rootSize(X11Connection& connection) {
+  xcb_connection_t* c = connection.get();
+  const Reply<xcb_get_geometry_reply_t> geometry(
+      xcb_get_geometry_reply(c, xcb_get_geometry(c, connection.root()), nullptr));
+  if (!geometry) throw std::runtime_error("The X server did not tell the size of its screen.");
+  return {geometry->width, geometry->height};
+}
+
+// The source rectangle in root pixels: the `display` scope's is relative to the display, the
+// others' are in desktop points.
+Rect onRoot(Rect source, const RootPlacement& place, const CaptureScope& scope) {
+  const bool relativeToDisplay = std::holds_alternative<scope::display>(scope);
+  source.x += relativeToDisplay ? place.displayX : place.originX;
+  source.y += relativeToDisplay ? place.displayY : place.originY;
+  return source;
+}
+
+// Every scope shows all windows here: an `app` scope captures everything within its base
+// rectangle, not yet only its application's windows (that comes with focus mode).
+GrabPlan planGrab(X11Connection& connection, const DisplayInfo& display, const Viewport& viewport,
+                  const CaptureScope& scope) {
+  const auto place = placeOnRoot(connection, display.id);
+  if (!place) throw CaptureError::displayNotFound(display.id);
+  const SourceGeometry geometry = sourceGeometry(display, viewport, scope);
+  const PixelRect wanted = wholePixels(onRoot(geometry.source, *place, scope));
+  return clipToRoot(wanted, geometry.output, rootSize(connection));
+}
+
+// The picture as B, G, R, X bytes: straight from the screen when the sizes agree, else scaled.
+// Box filtering costs the same as bilinear here (about 0.73 ms from 1920x1080 to 1280x720 on one
+// core) and keeps fine text legible when scaling down.
+void render(const std::uint8_t* pixels, const GrabPlan& plan, PixelBuffer& buffer) {
+  if (plan.clipped()) {
+    libyuv::ARGBRect(buffer.bytes.data(), buffer.stride, 0, 0, buffer.width, buffer.height, 0);
+  }
+  const PixelRect& to = plan.placement;
+  std::uint8_t* destination =
+      buffer.bytes.data() + to.top * buffer.stride + to.left * kBytesPerPixel;
+  const int width = int(plan.area.width());
+  const int height = int(plan.area.height());
+  if (width == to.width() && height == to.height()) {
+    libyuv::ARGBCopy(pixels, width * kBytesPerPixel, destination, buffer.stride, width, height);
+    return;
+  }
+  libyuv::ARGBScale(pixels, width * kBytesPerPixel, width, height, destination, buffer.stride,
+                    int(to.width()), int(to.height()), libyuv::kFilterBox);
+}
+
+// A SysV shared-memory segment that the X server writes pictures into.
+class SharedImage {
+ public:
+  explicit SharedImage(xcb_connection_t* connection) : connection_(connection) {}
+  ~SharedImage() { release(); }
+  SharedImage(const SharedImage&) = delete;
+  SharedImage& operator=(const SharedImage&) = delete;
+
+  // Room for at least `bytes`: a segment only grows, and is made anew when it must.
+  void reserve(std::size_t bytes) {
+    if (bytes <= capacity_) return;
+    const int id = ::shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
+    if (id < 0) {
+      throw std::system_error(errno, std::generic_category(),
+                              "Cannot make shared memory for screen capture");
+    }
+    void* address = ::shmat(id, nullptr, SHM_RDONLY);
+    const int attachError = address == reinterpret_cast<void*>(-1) ? errno : 0;
+    const xcb_shm_seg_t segment = xcb_generate_id(connection_);
+    const Reply<xcb_generic_error_t> refused(
+        attachError
+            ? nullptr
+            : xcb_request_check(connection_, xcb_shm_attach_checked(connection_, segment, id, 0)));
+    // Removed once both sides have let go of it, even if this process dies first.
+    ::shmctl(id, IPC_RMID, nullptr);
+    if (attachError) {
+      throw std::system_error(attachError, std::generic_category(),
+                              "Cannot map shared memory for screen capture");
+    }
+    if (refused || xcb_connection_has_error(connection_)) {
+      ::shmdt(address);
+      throw std::runtime_error(
+          "The X server cannot share memory with this process (does it run on another "
+          "machine?), and screen capture needs that.");
+    }
+    release();
+    segment_ = segment;
+    address_ = address;
+    capacity_ = bytes;
+  }
+
+  const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(address_); }
+  xcb_shm_seg_t segment() const { return segment_; }
+
+  void release() {
+    if (!address_) return;
+    xcb_shm_detach(connection_, segment_);  // a no-op on a broken connection
+    ::shmdt(address_);
+    address_ = nullptr;
+    capacity_ = 0;
+  }
+
+ private:
+  xcb_connection_t* const connection_;
+  xcb_shm_seg_t segment_ = 0;
+  void* address_ = nullptr;
+  std::size_t capacity_ = 0;
+};
+
+// A few pixel buffers that go round: a buffer nobody else holds any more is written again, so
+// steady capture allocates nothing.
+class PixelBufferPool {
+ public:
+  // Nothing when the consumers hold every buffer the pool may have.
+  std::shared_ptr<PixelBuffer> take(PixelSize size) {
+    std::shared_ptr<PixelBuffer>* chosen = nullptr;
+    for (auto& buffer : buffers_) {
+      if (buffer.use_count() != 1) continue;
+      const bool fits = buffer->width == int(size.width) && buffer->height == int(size.height);
+      if (!chosen || fits) chosen = &buffer;
+      if (fits) break;
+    }
+    if (!chosen) {
+      if (buffers_.size() >= kPoolLimit) return nullptr;
+      chosen = &buffers_.emplace_back(std::make_shared<PixelBuffer>());
+    }
+    // The last holder let go on another thread: what it did must be seen before this writes.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    PixelBuffer& buffer = **chosen;
+    buffer.width = int(size.width);
+    buffer.height = int(size.height);
+    buffer.stride = buffer.width * kBytesPerPixel;
+    buffer.bytes.resize(std::size_t(buffer.stride) * std::size_t(buffer.height));
+    return *chosen;
+  }
+
+ private:
+  std::vector<std::shared_ptr<PixelBuffer>> buffers_;
+};
+
+// Pictures are copied from the server's memory as 32-bit B, G, R, X pixels.
+void requirePixelFormat(const X11Connection& connection) {
+  const xcb_setup_t* setup = xcb_get_setup(connection.get());
+  const std::uint8_t depth = connection.screen().root_depth;
+  bool thirtyTwoBits = false;
+  for (auto it = xcb_setup_pixmap_formats_iterator(setup); it.rem > 0; xcb_format_next(&it)) {
+    if (it.data->depth == depth) thirtyTwoBits = it.data->bits_per_pixel == 32;
+  }
+  if ((depth != 24 && depth != 32) || !thirtyTwoBits ||
+      setup->image_byte_order != XCB_IMAGE_ORDER_LSB_FIRST) {
+    throw std::runtime_error(
+        "Screen capture needs an X screen of 24-bit colour with 32-bit little-endian pixels.");
+  }
+}
+
+void requireExtensions(X11Connection& connection, const std::string& displayName) {
+  xcb_connection_t* c = connection.get();
+  const auto missing = [&](const char* what) {
+    const std::string where = displayName.empty() ? "The X server" : "The X server " + displayName;
+    return std::runtime_error(where + " lacks " + what + ", which screen capture needs.");
+  };
+  xcb_prefetch_extension_data(c, &xcb_shm_id);
+  xcb_prefetch_extension_data(c, &xcb_damage_id);
+  xcb_prefetch_extension_data(c, &xcb_randr_id);
+  const auto present = [c](xcb_extension_t* extension) {
+    const xcb_query_extension_reply_t* data = xcb_get_extension_data(c, extension);
+    return data && data->present;
+  };
+  if (!present(&xcb_shm_id)) throw missing("the MIT-SHM extension");
+  if (!present(&xcb_damage_id)) throw missing("the DAMAGE extension");
+  if (!present(&xcb_randr_id)) throw missing("the RANDR extension");
+  // DAMAGE must be told the client's version before use; monitors came with RANDR 1.5.
+  const auto damageCookie = xcb_damage_query_version(c, 1, 1);
+  const auto randrCookie = xcb_randr_query_version(c, 1, 5);
+  const Reply<xcb_damage_query_version_reply_t> damage(
+      xcb_damage_query_version_reply(c, damageCookie, nullptr));
+  const Reply<xcb_randr_query_version_reply_t> randr(
+      xcb_randr_query_version_reply(c, randrCookie, nullptr));
+  if (!damage) throw missing("a working DAMAGE extension");
+  if (!randr || (randr->major_version == 1 && randr->minor_version < 5)) {
+    throw missing("RANDR 1.5 (monitors)");
+  }
+}
+
+// Hands xcb's queued events to the connection's handler when a scope that read replies ends.
+class DispatchQueuedEvents {
+ public:
+  explicit DispatchQueuedEvents(std::shared_ptr<X11Connection> connection)
+      : connection_(std::move(connection)) {}
+  ~DispatchQueuedEvents() { connection_->dispatchQueuedEvents(); }
+  DispatchQueuedEvents(const DispatchQueuedEvents&) = delete;
+  DispatchQueuedEvents& operator=(const DispatchQueuedEvents&) = delete;
+
+ private:
+  // Held, so that a handler that ends the capture cannot end the connection under the dispatch.
+  std::shared_ptr<X11Connection> connection_;
+};
+
+}  // namespace
+
+// Everything that lives from a start to a stop.
+struct X11CaptureSource::Stream {
+  Stream(std::shared_ptr<X11Connection> shared, const Executor& strand)
+      : connection(std::move(shared)), image(connection->get()), timer(strand) {}
+
+  // The server forgets both with the connection too, but the connection may outlive this.
+  ~Stream() {
+    if (damage != XCB_NONE) xcb_damage_destroy(connection->get(), damage);
+    image.release();
+    xcb_flush(connection->get());
+  }
+
+  std::shared_ptr<X11Connection> connection;  // first, so that it outlives what uses it
+  std::uint64_t generation = 0;
+  std::uint32_t displayID = 0;
+  xcb_damage_damage_t damage = XCB_NONE;
+  std::uint8_t damageNotify = 0;  // the response type of DAMAGE's notify event
+  // The request that last emptied the damage region: damage reported before it is in the next
+  // picture already, and asks for no other.
+  std::uint32_t subtractSequence = 0;
+  SharedImage image;
+  PixelBufferPool pool;
+  GrabPlan plan;
+  // The rectangle in force and its history. Updates and grabs both run on the strand, so nothing
+  // else guards them.
+  NormalizedRect sourceRect;
+  RegionTagger tagger;
+  asio::steady_timer timer;                        // armed only while a picture is due
+  std::chrono::steady_clock::time_point lastGrab;  // the clock's epoch: long ago
+  bool damaged = false;
+  bool captureScheduled = false;
+};
+
+std::shared_ptr<X11CaptureSource> X11CaptureSource::make(const Executor& executor,
+                                                         std::string displayName) {
+  return std::shared_ptr<X11CaptureSource>(new X11CaptureSource(executor, std::move(displayName)));
+}
+
+X11CaptureSource::X11CaptureSource(const Executor& executor, std::string displayName)
+    : strand_(makeStrand(executor)), displayName_(std::move(displayName)) {}
+
+X11CaptureSource::~X11CaptureSource() = default;
+
+void X11CaptureSource::setScope(CaptureScope scope) {
+  std::lock_guard lock(scopeLock_);
+  scope_ = std::move(scope);
+}
+
+CaptureScope X11CaptureSource::requestedScope() const {
+  std::lock_guard lock(scopeLock_);
+  return scope_;
+}
+
+asio::awaitable<void> X11CaptureSource::start(DisplayInfo display, Viewport viewport,
+                                              FrameHandler onFrame, StopHandler onStopped) {
+  return runOn(strand_, [self = shared_from_this(), display = std::move(display), viewport,
+                         onFrame = std::move(onFrame), onStopped = std::move(onStopped)] {
+    self->onFrame_ = onFrame;
+    self->onStopped_ = onStopped;
+    self->startOnStrand(display, viewport);
+  });
+}
+
+asio::awaitable<void> X11CaptureSource::update(DisplayInfo display, Viewport viewport) {
+  return runOn(strand_, [self = shared_from_this(), display = std::move(display), viewport] {
+    self->updateOnStrand(display, viewport);
+  });
+}
+
+asio::awaitable<void> X11CaptureSource::stop() {
+  return runOn(strand_, [self = shared_from_this()] {
+    self->stopOnStrand();
+    self->onFrame_ = nullptr;
+    self->onStopped_ = nullptr;
+  });
+}
+
+void X11CaptureSource::startOnStrand(const DisplayInfo& display, const Viewport& viewport) {
+  stream_.reset();
+  auto connection = X11Connection::open(strand_, displayName_);
+  requireExtensions(*connection, displayName_);
+  requirePixelFormat(*connection);
+  xcb_connection_t* c = connection->get();
+
+  auto stream = std::make_unique<Stream>(connection, strand_);
+  stream->generation = ++generation_;
+  stream->displayID = display.id;
+  stream->sourceRect = normalizedRect(viewport.sourceRect);
+  stream->plan = planGrab(*connection, display, viewport, requestedScope());
+  stream->image.reserve(stream->plan.bytes());
+  stream->damageNotify = xcb_get_extension_data(c, &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
+  const xcb_damage_damage_t damage = xcb_generate_id(c);
+  const Reply<xcb_generic_error_t> refused(xcb_request_check(
+      c,
+      xcb_damage_create_checked(c, damage, connection->root(), XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY)));
+  if (refused || connection->broken()) {
+    throw std::runtime_error("The X server refused to report changes of the screen.");
+  }
+  stream->damage = damage;
+  stream_ = std::move(stream);
+
+  const auto generation = generation_;
+  connection->startEvents(
+      [weak = weak_from_this(), generation](const xcb_generic_event_t& event) {
+        if (const auto self = weak.lock()) self->handleEvent(generation, event);
+      },
+      [weak = weak_from_this(), generation](std::string reason) {
+        if (const auto self = weak.lock()) self->handleClosed(generation, reason);
+      });
+  captureSoon();  // the client gets a picture without waiting for a change
+}
+
+void X11CaptureSource::updateOnStrand(const DisplayInfo& display, const Viewport& viewport) {
+  if (!onFrame_) throw CaptureError::notStarted();
+  if (!stream_ || stream_->displayID != display.id) return startOnStrand(display, viewport);
+
+  Stream& stream = *stream_;
+  const DispatchQueuedEvents dispatchAfterwards(stream.connection);
+  const NormalizedRect rect = normalizedRect(viewport.sourceRect);
+  stream.tagger.request(stream.sourceRect, rect, monotonicRawNs());
+  stream.sourceRect = rect;
+  try {
+    // The next grab on this strand takes the new plan: nothing can be captured in between.
+    GrabPlan plan = planGrab(*stream.connection, display, viewport, requestedScope());
+    stream.image.reserve(plan.bytes());
+    stream.plan = plan;
+  } catch (...) {
+    if (const auto previous = stream.tagger.rollback()) stream.sourceRect = *previous;
+    throw;
+  }
+  stream.tagger.confirm(monotonicRawNs());
+  captureSoon();  // a new rectangle shows without waiting for a change
+}
+
+void X11CaptureSource::stopOnStrand() { stream_.reset(); }
+
+void X11CaptureSource::handleEvent(std::uint64_t generation, const xcb_generic_event_t& event) {
+  if (!stream_ || stream_->generation != generation) return;
+  if (event.response_type == 0) {
+    const auto& error = reinterpret_cast<const xcb_generic_error_t&>(event);
+    log_.error("The X server reported error %u for request %u.%u", error.error_code,
+               error.major_code, error.minor_code);
+    return;
+  }
+  if ((event.response_type & 0x7f) != stream_->damageNotify) return;
+  // Sequence numbers are 16-bit in events: a negative distance means before the subtraction.
+  const auto sinceSubtract =
+      std::int16_t(event.sequence - std::uint16_t(stream_->subtractSequence));
+  if (sinceSubtract < 0) return;
+  captureSoon();
+}
+
+void X11CaptureSource::handleClosed(std::uint64_t generation, const std::string& reason) {
+  if (!stream_ || stream_->generation != generation) return;
+  stream_.reset();
+  log_.error("Tovu capture stopped: %s", reason.c_str());
+  // A copy: the handler stays for a restart by a later update.
+  const StopHandler onStopped = onStopped_;
+  if (!onStopped) return;
+  try {
+    onStopped(reason);
+  } catch (const std::exception& failure) {
+    log_.error("The capture's stop handler failed: %s", failure.what());
+  }
+}
+
+void X11CaptureSource::captureSoon() {
+  Stream& stream = *stream_;
+  stream.damaged = true;
+  if (stream.captureScheduled) return;
+  stream.captureScheduled = true;
+  stream.timer.expires_at(stream.lastGrab + kMinFrameInterval);
+  stream.timer.async_wait(
+      [weak = weak_from_this(), generation = stream.generation](const asio::error_code& error) {
+        const auto self = weak.lock();
+        if (self && !error) self->captureNow(generation);
+      });
+}
+
+void X11CaptureSource::captureNow(std::uint64_t generation) {
+  if (!stream_ || stream_->generation != generation) return;
+  Stream& stream = *stream_;
+  stream.captureScheduled = false;
+  if (!stream.damaged) return;
+  stream.damaged = false;
+  stream.lastGrab = std::chrono::steady_clock::now();
+  if (stream.plan.area.empty()) return;  // the display lies off the screen now
+
+  // Declared before the work, so it runs last: a closed connection found there ends `stream`.
+  const DispatchQueuedEvents dispatchAfterwards(stream.connection);
+  xcb_connection_t* c = stream.connection->get();
+  stream.subtractSequence = xcb_damage_subtract(c, stream.damage, XCB_NONE, XCB_NONE).sequence;
+  const std::uint64_t captureTimeNs = monotonicRawNs();
+  const PixelRect& area = stream.plan.area;
+  xcb_generic_error_t* error = nullptr;
+  const Reply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(
+      c,
+      xcb_shm_get_image(c, stream.connection->root(), std::int16_t(area.left),
+                        std::int16_t(area.top), std::uint16_t(area.width()),
+                        std::uint16_t(area.height()), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
+                        stream.image.segment(), 0),
+      &error));
+  const Reply<xcb_generic_error_t> refused(error);
+  if (image) return deliver(stream, captureTimeNs);
+  if (stream.connection->broken()) return;  // reported by the dispatch
+  // The screen shrank under the plan: grab what is left of it from now on.
+  log_.error("Grabbing the screen failed (X error %u); fitting the capture to the screen",
+             refused ? refused->error_code : 0u);
+  try {
+    stream.plan = clipToRoot(stream.plan.wanted, stream.plan.output, rootSize(*stream.connection));
+  } catch (const std::exception& failure) {
+    log_.error("%s", failure.what());
+  }
+}
+
+void X11CaptureSource::deliver(Stream& stream, std::uint64_t captureTimeNs) {
+  const auto rect = stream.tagger.attribute(captureTimeNs, stream.sourceRect);
+  if (!rect) return;  // taken while the rectangle was changing: its rectangle is unknown
+  const auto buffer = stream.pool.take(stream.plan.output);
+  if (!buffer) {
+    captureSoon();  // the consumers are behind; the change must still reach them
+    return;
+  }
+  render(stream.image.data(), stream.plan, *buffer);
+  if (onFrame_) onFrame_(CapturedFrame{buffer, stream.displayID, *rect, captureTimeNs});
+}
+
+}  // namespace kelvaron::host

@@ -1,0 +1,453 @@
+// X11CaptureSource against a real X server, with pictures drawn on its root window.
+
+#include "host/video/X11CaptureSource.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/uio.h>
+#include <xcb/randr.h>
+#include <xcb/xcb.h>
+#include <xcb/xcbext.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "host/video/CaptureClock.hpp"
+#include "host/video/RandrDisplayManager.hpp"
+#include "tests/support/AsyncTest.hpp"
+#include "tests/support/VirtualDisplay.hpp"
+
+namespace kelvaron::host {
+namespace {
+
+using namespace test;
+
+constexpr std::uint32_t kRed = 0xff0000, kGreen = 0x00ff00, kBlue = 0x0000ff, kWhite = 0xffffff;
+constexpr std::uint32_t kYellow = 0xffff00;
+const NormalizedRect kWhole{0, 0, 1, 1};
+const NormalizedRect kBottomRight{0.5f, 0.5f, 0.5f, 0.5f};
+
+// Draws on the root window through a connection of its own, as any other client would.
+class Painter {
+ public:
+  explicit Painter(const std::string& displayName)
+      : connection_(xcb_connect(displayName.c_str(), nullptr)) {
+    root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
+    gc_ = xcb_generate_id(connection_);
+    xcb_create_gc(connection_, gc_, root_, 0, nullptr);
+  }
+  ~Painter() { xcb_disconnect(connection_); }
+
+  void fill(std::uint32_t rgb, std::int16_t x, std::int16_t y, std::uint16_t width,
+            std::uint16_t height) {
+    xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND, &rgb);
+    const xcb_rectangle_t rect{x, y, width, height};
+    xcb_poly_fill_rectangle(connection_, root_, gc_, 1, &rect);
+    sync();
+  }
+
+  // Quadrants of a 1280x720 screen: red, green above; blue, white below.
+  void drawQuadrants() {
+    fill(kRed, 0, 0, 640, 360);
+    fill(kGreen, 640, 0, 640, 360);
+    fill(kBlue, 0, 360, 640, 360);
+    fill(kWhite, 640, 360, 640, 360);
+  }
+
+  // A RANDR monitor without outputs, as a user may define one for a part of a screen.
+  void setMonitor(const std::string& name, std::int16_t x, std::int16_t y, std::uint16_t width,
+                  std::uint16_t height, bool primary) {
+    // Sent by hand: libxcb's own xcb_randr_set_monitor of this Debian release sends a request of
+    // a wrong length, which ends the connection.
+    struct {
+      xcb_randr_set_monitor_request_t header;
+      xcb_randr_monitor_info_t info;
+    } request{};
+    request.header.minor_opcode = XCB_RANDR_SET_MONITOR;
+    request.header.window = root_;
+    request.info.name = atom(name);
+    request.info.primary = primary;
+    request.info.x = x;
+    request.info.y = y;
+    request.info.width = width;
+    request.info.height = height;
+    iovec parts[3]{};  // xcb uses the two before the request
+    parts[2] = {&request, sizeof request};
+    const xcb_protocol_request_t protocol{1, &xcb_randr_id, XCB_RANDR_SET_MONITOR, 1};
+    xcb_send_request(connection_, 0, parts + 2, &protocol);
+    sync();
+  }
+  void deleteMonitor(const std::string& name) {
+    xcb_randr_delete_monitor(connection_, root_, atom(name));
+    sync();
+  }
+
+ private:
+  xcb_atom_t atom(const std::string& name) {
+    auto* reply = xcb_intern_atom_reply(
+        connection_, xcb_intern_atom(connection_, 0, std::uint16_t(name.size()), name.c_str()),
+        nullptr);
+    const xcb_atom_t result = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+    std::free(reply);
+    return result;
+  }
+  void sync() {
+    std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+  }
+
+  xcb_connection_t* connection_;
+  xcb_window_t root_ = 0;
+  xcb_gcontext_t gc_ = 0;
+};
+
+std::uint32_t pixelAt(const PixelBuffer& buffer, int x, int y) {
+  const std::uint8_t* p = &buffer.bytes[std::size_t(y * buffer.stride + x * 4)];
+  return std::uint32_t(p[2]) << 16 | std::uint32_t(p[1]) << 8 | p[0];  // B, G, R, X
+}
+
+// The centres of the four quadrants of a picture.
+std::vector<std::uint32_t> quadrantColours(const PixelBuffer& buffer) {
+  const int w = buffer.width, h = buffer.height;
+  return {pixelAt(buffer, w / 4, h / 4), pixelAt(buffer, 3 * w / 4, h / 4),
+          pixelAt(buffer, w / 4, 3 * h / 4), pixelAt(buffer, 3 * w / 4, 3 * h / 4)};
+}
+
+// A capture of a display, with its frames and stops in queues. Each call to the source is made in
+// two steps: GCC 12 mishandles temporaries in the full-expression of a co_await.
+struct Capture {
+  std::shared_ptr<X11CaptureSource> source;
+  std::shared_ptr<AsyncQueue<CapturedFrame>> frames = std::make_shared<AsyncQueue<CapturedFrame>>();
+  std::shared_ptr<AsyncQueue<std::string>> stops = std::make_shared<AsyncQueue<std::string>>();
+
+  asio::awaitable<void> start(const DisplayInfo& display, NormalizedRect rect, std::uint32_t width,
+                              std::uint32_t height) {
+    const Viewport viewport{display.id, rect, width, height};
+    auto frameQueue = frames;
+    auto stopQueue = stops;
+    auto starting = source->start(
+        display, viewport,
+        [frameQueue](CapturedFrame frame) { frameQueue->push(std::move(frame)); },
+        [stopQueue](std::string reason) { stopQueue->push(std::move(reason)); });
+    co_await std::move(starting);
+  }
+  asio::awaitable<void> update(const DisplayInfo& display, const Viewport& viewport) {
+    auto updating = source->update(display, viewport);
+    co_await std::move(updating);
+  }
+  asio::awaitable<void> update(const DisplayInfo& display, NormalizedRect rect, std::uint32_t width,
+                               std::uint32_t height) {
+    const Viewport viewport{display.id, rect, width, height};
+    co_await update(display, viewport);
+  }
+  asio::awaitable<void> stop() {
+    auto stopping = source->stop();
+    co_await std::move(stopping);
+  }
+
+  // The text of what a start threw; empty when it did not.
+  asio::awaitable<std::string> refusedStart(const DisplayInfo& display) {
+    try {
+      co_await start(display, kWhole, 640, 360);
+    } catch (const std::exception& error) {
+      co_return error.what();
+    }
+    co_return "";
+  }
+
+  asio::awaitable<CapturedFrame> next() {
+    auto frame = co_await nextWithin(*frames, 5s);
+    CO_ASSERT_TRUE(frame.has_value());
+    co_return std::move(*frame);
+  }
+};
+
+asio::awaitable<DisplayInfo> mainDisplay(asio::io_context& io, const VirtualDisplay& display) {
+  RandrDisplayManager manager(io.get_executor(), display.name());
+  const auto displays = co_await manager.displays();
+  CO_ASSERT_TRUE(!displays.empty());
+  co_return displays.front();
+}
+
+TEST(X11CaptureSource, CapturedPixelsShowTheScreenCopiedOrScaled) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  Painter painter(display.name());
+  painter.drawQuadrants();
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const DisplayInfo main = co_await mainDisplay(io, display);
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    const std::uint64_t before = monotonicRawNs();
+    co_await capture.start(main, kWhole, 1280, 720);
+    const CapturedFrame same = co_await capture.next();
+    const std::uint64_t after = monotonicRawNs();
+    CO_ASSERT_TRUE(same.displayID == main.id && same.sourceRect == kWhole);
+    CO_ASSERT_TRUE(before <= same.captureTimeNs && same.captureTimeNs <= after);
+    CO_ASSERT_TRUE(same.pixelBuffer->width == 1280 && same.pixelBuffer->height == 720);
+    CO_ASSERT_TRUE(quadrantColours(*same.pixelBuffer) ==
+                   (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
+    CO_ASSERT_TRUE(pixelAt(*same.pixelBuffer, 639, 359) == kRed &&
+                   pixelAt(*same.pixelBuffer, 640, 360) == kWhite);
+
+    co_await capture.update(main, kWhole, 640, 360);
+    const CapturedFrame scaled = co_await capture.next();
+    CO_ASSERT_TRUE(scaled.pixelBuffer->width == 640 && scaled.pixelBuffer->height == 360);
+    CO_ASSERT_TRUE(quadrantColours(*scaled.pixelBuffer) ==
+                   (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
+
+    // A region in desktop points: the green quadrant, never scaled up beyond its pixels.
+    capture.source->setScope(scope::region{{640, 0, 640, 360}});
+    co_await capture.update(main, kWhole, 1280, 720);
+    const CapturedFrame region = co_await capture.next();
+    CO_ASSERT_TRUE(region.pixelBuffer->width == 640 && region.pixelBuffer->height == 360);
+    CO_ASSERT_TRUE(quadrantColours(*region.pixelBuffer) == (std::vector<std::uint32_t>(4, kGreen)));
+    CO_ASSERT_TRUE(pixelAt(*region.pixelBuffer, 0, 0) == kGreen &&
+                   pixelAt(*region.pixelBuffer, 639, 359) == kGreen);
+
+    // A region partly off the screen: the part on it keeps its place, the rest is black.
+    capture.source->setScope(scope::region{{960, 540, 640, 360}});
+    co_await capture.update(main, kWhole, 640, 360);
+    const CapturedFrame overhanging = co_await capture.next();
+    const PixelBuffer& pixels = *overhanging.pixelBuffer;
+    CO_ASSERT_TRUE(pixels.width == 640 && pixels.height == 360);
+    CO_ASSERT_TRUE(pixelAt(pixels, 0, 0) == kWhite && pixelAt(pixels, 319, 179) == kWhite);
+    CO_ASSERT_TRUE(pixelAt(pixels, 320, 0) == 0 && pixelAt(pixels, 0, 180) == 0 &&
+                   pixelAt(pixels, 639, 359) == 0);
+    co_await capture.stop();
+  });
+}
+
+// Nothing is captured while nothing changes; a change is captured into a buffer nobody holds;
+// nothing at all after a stop.
+TEST(X11CaptureSource, AStillScreenYieldsOneFrameEachChangeAnotherAndAStopNone) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  Painter painter(display.name());
+  painter.drawQuadrants();
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const DisplayInfo main = co_await mainDisplay(io, display);
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    co_await capture.start(main, kWhole, 640, 360);
+    auto first = co_await capture.next();
+    const auto still = co_await nextWithin(*capture.frames, 700ms);
+    CO_ASSERT_TRUE(!still.has_value());
+
+    // Held by us: the next picture goes elsewhere, and this one stays as it was.
+    painter.fill(kYellow, 0, 0, 640, 360);
+    auto second = co_await capture.next();
+    CO_ASSERT_TRUE(second.pixelBuffer != first.pixelBuffer);
+    CO_ASSERT_TRUE(pixelAt(*second.pixelBuffer, 100, 100) == kYellow);
+    CO_ASSERT_TRUE(pixelAt(*first.pixelBuffer, 100, 100) == kRed);
+
+    // Let go of: one of those buffers is written again, rather than a new one made.
+    const std::vector<const PixelBuffer*> released{first.pixelBuffer.get(),
+                                                   second.pixelBuffer.get()};
+    first = {};
+    second = {};
+    painter.fill(kBlue, 0, 0, 640, 360);
+    const CapturedFrame third = co_await capture.next();
+    CO_ASSERT_TRUE(std::ranges::find(released, third.pixelBuffer.get()) != released.end());
+    CO_ASSERT_TRUE(pixelAt(*third.pixelBuffer, 100, 100) == kBlue);
+
+    // A change on its way when the capture stops never comes out, and stopping again is no error.
+    painter.fill(kRed, 0, 0, 1280, 720);
+    co_await capture.stop();
+    co_await capture.stop();
+    const auto late = co_await nextWithin(*capture.frames, 500ms);
+    CO_ASSERT_TRUE(!late.has_value());
+    std::string refusal;
+    try {
+      co_await capture.update(main, kWhole, 640, 360);
+    } catch (const CaptureError& error) {
+      refusal = error.what();
+    }
+    CO_ASSERT_TRUE(refusal == "Capture has not been started.");
+  });
+}
+
+// Frames keep the rectangle they were taken with: the old one up to the update, the new one, at
+// its output size and with its pixels, from when it is in force.
+TEST(X11CaptureSource, AViewportUpdateTagsFramesFromWhenItIsInForce) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  Painter painter(display.name());
+  painter.drawQuadrants();
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const DisplayInfo main = co_await mainDisplay(io, display);
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    co_await capture.start(main, kWhole, 640, 360);
+    co_await capture.next();
+
+    painter.fill(kWhite, 700, 400, 10, 10);  // a change on its way while the rectangle changes
+    const std::uint64_t requested = monotonicRawNs();
+    co_await capture.update(main, kBottomRight, 320, 180);
+    const std::uint64_t confirmed = monotonicRawNs();
+    bool sawNew = false;
+    while (!sawNew) {
+      const CapturedFrame frame = co_await capture.next();
+      const PixelBuffer& pixels = *frame.pixelBuffer;
+      if (frame.sourceRect == kWhole) {
+        CO_ASSERT_TRUE(frame.captureTimeNs < confirmed && pixels.width == 640);
+        continue;
+      }
+      CO_ASSERT_TRUE(frame.sourceRect == kBottomRight);
+      CO_ASSERT_TRUE(frame.captureTimeNs > requested);
+      CO_ASSERT_TRUE(pixels.width == 320 && pixels.height == 180);
+      CO_ASSERT_TRUE(quadrantColours(pixels) == (std::vector<std::uint32_t>(4, kWhite)));
+      sawNew = true;
+    }
+    co_await capture.stop();
+  });
+}
+
+// A viewport or region from the network that makes no sense changes nothing, or is clamped into
+// a usable one; the capture goes on.
+TEST(X11CaptureSource, BadGeometryIsRefusedOrClampedAndCaptureGoesOn) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  Painter painter(display.name());
+  painter.drawQuadrants();
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const DisplayInfo main = co_await mainDisplay(io, display);
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    co_await capture.start(main, kWhole, 640, 360);
+    co_await capture.next();
+
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    capture.source->setScope(scope::region{{nan, 0, 1e300, -5}});
+    std::string refusal;
+    try {
+      co_await capture.update(main, kBottomRight, 320, 180);
+    } catch (const std::exception& error) {
+      refusal = error.what();
+    }
+    CO_ASSERT_TRUE(refusal == "The capture region is not a valid rectangle.");
+    painter.fill(kYellow, 0, 0, 1280, 720);
+    const CapturedFrame kept = co_await capture.next();
+    CO_ASSERT_TRUE(kept.sourceRect == kWhole && kept.pixelBuffer->width == 640);
+    CO_ASSERT_TRUE(pixelAt(*kept.pixelBuffer, 320, 180) == kYellow);
+
+    capture.source->setScope(scope::display{});
+    const float bad = std::numeric_limits<float>::quiet_NaN();
+    const Viewport nonsense{
+        main.id, {bad, -3, 7, bad}, std::numeric_limits<std::uint32_t>::max(), 1};
+    co_await capture.update(main, nonsense);
+    const CapturedFrame clamped = co_await capture.next();
+    CO_ASSERT_TRUE(clamped.sourceRect == normalizedRect({bad, -3, 7, bad}));
+    CO_ASSERT_TRUE(clamped.pixelBuffer->width == 8192 && clamped.pixelBuffer->height == 2);
+    co_await capture.stop();
+  });
+}
+
+TEST(X11CaptureSource, StartAndUpdateFailWithClearErrors) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const DisplayInfo main = co_await mainDisplay(io, display);
+    DisplayInfo unknown = main;
+    unknown.id = main.id ^ 0x5a5a5a5au;
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    std::string notStarted;
+    try {
+      co_await capture.update(main, kWhole, 640, 360);
+    } catch (const CaptureError& error) {
+      notStarted = error.what();
+    }
+    CO_ASSERT_TRUE(notStarted == "Capture has not been started.");
+    const std::string notFound = co_await capture.refusedStart(unknown);
+    CO_ASSERT_TRUE(notFound ==
+                   "Display " + std::to_string(unknown.id) + " is not available for capture.");
+
+    Capture nowhere{X11CaptureSource::make(io.get_executor(), ":987")};
+    const std::string unreachable = co_await nowhere.refusedStart(main);
+    CO_ASSERT_TRUE(unreachable.find(":987") != std::string::npos);
+  });
+}
+
+// Regions are in desktop points, measured from the main display's top left corner, wherever that
+// lies on the screen. Another display restarts the capture there; a display that went away fails
+// the update, and the capture stays where it was.
+TEST(X11CaptureSource, FollowsDisplaysAndRefusesOneThatVanished) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  Painter painter(display.name());
+  painter.drawQuadrants();
+  painter.setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true);
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    RandrDisplayManager manager(io.get_executor(), display.name());
+    const auto displays = co_await manager.displays();
+    CO_ASSERT_TRUE(displays.size() == 2 && displays.front().name == "TOVU-RIGHT");
+    const DisplayInfo right = displays[0];
+    const DisplayInfo whole = displays[1];  // the screen's own monitor, left of the main one
+    CO_ASSERT_TRUE(whole.frame.x == -640);
+
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    co_await capture.start(whole, kWhole, 640, 360);
+    const CapturedFrame all = co_await capture.next();
+    CO_ASSERT_TRUE(quadrantColours(*all.pixelBuffer) ==
+                   (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
+    capture.source->setScope(scope::region{{-640, 0, 640, 360}});
+    co_await capture.update(whole, kWhole, 320, 180);
+    const CapturedFrame topLeft = co_await capture.next();
+    CO_ASSERT_TRUE(quadrantColours(*topLeft.pixelBuffer) == (std::vector<std::uint32_t>(4, kRed)));
+
+    capture.source->setScope(scope::display{});
+    co_await capture.update(right, kWhole, 320, 360);
+    const CapturedFrame there = co_await capture.next();
+    CO_ASSERT_TRUE(there.displayID == right.id && there.pixelBuffer->width == 320);
+    CO_ASSERT_TRUE(quadrantColours(*there.pixelBuffer) ==
+                   (std::vector<std::uint32_t>{kGreen, kGreen, kWhite, kWhite}));
+    capture.source->setScope(scope::region{{0, 360, 640, 360}});
+    co_await capture.update(right, kWhole, 320, 180);
+    const CapturedFrame bottomRight = co_await capture.next();
+    CO_ASSERT_TRUE(quadrantColours(*bottomRight.pixelBuffer) ==
+                   (std::vector<std::uint32_t>(4, kWhite)));
+
+    painter.deleteMonitor("TOVU-RIGHT");
+    std::string refusal;
+    try {
+      co_await capture.update(right, kBottomRight, 160, 180);
+    } catch (const CaptureError& error) {
+      refusal = error.what();
+    }
+    CO_ASSERT_TRUE(refusal ==
+                   "Display " + std::to_string(right.id) + " is not available for capture.");
+    painter.fill(kYellow, 640, 360, 640, 360);
+    const CapturedFrame kept = co_await capture.next();
+    CO_ASSERT_TRUE(kept.displayID == right.id && kept.sourceRect == kWhole);
+    CO_ASSERT_TRUE(kept.pixelBuffer->width == 320 &&
+                   pixelAt(*kept.pixelBuffer, 160, 90) == kYellow);
+    co_await capture.stop();
+  });
+}
+
+TEST(X11CaptureSource, TheServerGoingAwayStopsTheCaptureOnce) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const DisplayInfo main = co_await mainDisplay(io, display);
+    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
+    co_await capture.start(main, kWhole, 640, 360);
+    co_await capture.next();
+
+    display.stopServer();
+    const auto reason = co_await nextWithin(*capture.stops, 5s);
+    CO_ASSERT_TRUE(reason.has_value() && !reason->empty());
+    const auto again = co_await nextWithin(*capture.stops, 300ms);
+    CO_ASSERT_TRUE(!again.has_value());
+
+    // An update tries to start again, and says why it cannot.
+    std::string refusal;
+    try {
+      co_await capture.update(main, kWhole, 640, 360);
+    } catch (const std::runtime_error& error) {
+      refusal = error.what();
+    }
+    CO_ASSERT_TRUE(refusal.find("Cannot connect to the X display") != std::string::npos);
+    co_await capture.stop();
+  });
+}
+
+}  // namespace
+}  // namespace kelvaron::host
