@@ -256,13 +256,16 @@ class LibavHEVCEncoder::Session {
     }
   }
 
+  // Every picture carries the offset, zero mostly: libx265 sizes the offsets of its pooled
+  // pictures by the first that carried any, and one that never did cannot take them later.
   void setQPOffset(int qpOffset) {
-    av_frame_remove_side_data(picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST);
-    if (qpOffset >= 0) return;
-    AVFrameSideData* data = av_frame_new_side_data(
-        picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST, sizeof(AVRegionOfInterest));
-    if (!data) return;
-    auto* region = reinterpret_cast<AVRegionOfInterest*>(data->data);
+    if (!av_frame_get_side_data(picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST) &&
+        !av_frame_new_side_data(picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST,
+                                sizeof(AVRegionOfInterest))) {
+      return;
+    }
+    auto* region = reinterpret_cast<AVRegionOfInterest*>(
+        av_frame_get_side_data(picture_.get(), AV_FRAME_DATA_REGIONS_OF_INTEREST)->data);
     *region = AVRegionOfInterest{};
     region->self_size = sizeof(AVRegionOfInterest);
     region->right = width;
@@ -406,13 +409,17 @@ bool LibavHEVCEncoder::ensureSession(int width, int height, bool keyframeDue) {
   }
 }
 
-bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> packet) {
-  const CodecProfile profile = session_->profile;
+bool matchesProfile(const std::vector<hevc::NALUnit>& units, CodecProfile profile) {
   std::optional<hevc::StreamFormat> format;
-  for (hevc::NALUnit unit : hevc::splitAnnexB(packet)) {
+  for (hevc::NALUnit unit : units) {
     if (hevc::nalType(unit) == hevc::kSPS) format = hevc::readStreamFormat(unit);
   }
-  if (format != expectedFormat(profile)) {
+  return format == expectedFormat(profile);
+}
+
+bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> packet) {
+  const CodecProfile profile = session_->profile;
+  if (!matchesProfile(hevc::splitAnnexB(packet), profile)) {
     fallBack(job, profile);
     return false;
   }

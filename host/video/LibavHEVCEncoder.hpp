@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "host/video/HEVCBitstream.hpp"
 #include "host/video/VideoEncoder.hpp"
 #include "kit/log/Logger.hpp"
 
@@ -93,5 +94,9 @@ class LibavHEVCEncoder : public VideoEncoder {
 
   std::thread worker_;  // last: starts once everything above is in place
 };
+
+// Whether the stream's sequence parameter set says what `profile` promises: profile, chroma
+// format and luma depth. Encoders may accept a request and quietly produce something else.
+bool matchesProfile(const std::vector<hevc::NALUnit>& units, CodecProfile profile);
 
 }  // namespace kelvaron::host

@@ -1,0 +1,146 @@
+// libx265 through libavcodec, decoded back by libavcodec's HEVC decoder as a client would.
+
+#include "host/video/LibavHEVCEncoder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "host/video/CaptureClock.hpp"
+#include "host/video/LibavEncoderFactory.hpp"
+#include "tests/support/HEVCTestDecoder.hpp"
+
+namespace kelvaron::host {
+namespace {
+
+using namespace test;
+
+// What an encoder hands out, waited for with a deadline.
+class Outputs {
+ public:
+  EncoderOutputHandler handler() {
+    return [this](EncoderOutput output) {
+      {
+        std::lock_guard guard(lock_);
+        items_.push_back(std::move(output));
+      }
+      ready_.notify_all();
+    };
+  }
+  EncoderOutput next() {
+    std::unique_lock guard(lock_);
+    if (!ready_.wait_for(guard, std::chrono::seconds(10), [&] { return !items_.empty(); })) {
+      throw std::runtime_error("the encoder handed out nothing");
+    }
+    auto item = std::move(items_.front());
+    items_.pop_front();
+    return item;
+  }
+  VideoFrame nextFrame() {
+    auto output = next();
+    if (auto* failed = std::get_if<encoderOutput::failed>(&output)) {
+      throw std::runtime_error("encoder failed: " + failed->text);
+    }
+    return std::get<encoderOutput::frame>(output).frame;
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable ready_;
+  std::deque<EncoderOutput> items_;
+};
+
+CapturedFrame captured(PixelBufferRef picture) {
+  return {std::move(picture), 3, {0.25f, 0, 0.5f, 1}, monotonicRawNs()};
+}
+
+TEST(LibavHEVCEncoder, EncodesWhatTheDecoderShowsBack) {
+  Outputs outputs;
+  LibavHEVCEncoder encoder(LibavBackend::libx265(), CodecProfile::hevcMain, 16000000,
+                           outputs.handler());
+  HEVCTestDecoder decoder;
+  const auto first = desktopPicture(1280, 720);
+
+  encoder.encode(captured(first), false, false);
+  const VideoFrame key = outputs.nextFrame();
+  EXPECT_TRUE(key.isKeyframe);  // every session starts with one
+  EXPECT_EQ(key.parameterSets.size(), 3u);
+  EXPECT_EQ(key.profile, CodecProfile::hevcMain);
+  EXPECT_EQ(key.displayID, 3u);
+  EXPECT_EQ(key.sourceRect, (NormalizedRect{0.25f, 0, 0.5f, 1}));
+  EXPECT_EQ(key.frameNumber, 1u);
+  const auto shown = decoder.decode(key);
+  ASSERT_TRUE(shown);
+  EXPECT_GE(psnr(*shown, lumaOf(*first)), 35.0);
+
+  // A changed picture is a delta frame without parameter sets, and decodes on top of the key.
+  const auto moved = desktopPicture(1280, 720, 24);
+  encoder.encode(captured(moved), false, false);
+  const VideoFrame delta = outputs.nextFrame();
+  EXPECT_FALSE(delta.isKeyframe);
+  EXPECT_TRUE(delta.parameterSets.empty());
+  const auto shownMoved = decoder.decode(delta);
+  ASSERT_TRUE(shownMoved);
+  EXPECT_GE(psnr(*shownMoved, lumaOf(*moved)), 35.0);
+
+  // A key frame when asked for, and only then.
+  encoder.requestKeyframe();
+  encoder.encode(captured(first), false, false);
+  EXPECT_TRUE(outputs.nextFrame().isKeyframe);
+  encoder.encode(captured(moved), false, false);
+  EXPECT_FALSE(outputs.nextFrame().isKeyframe);
+
+  // A new size is a new session, opened by a key frame with its own parameter sets.
+  const auto small = desktopPicture(640, 360);
+  encoder.encode(captured(small), false, false);
+  const VideoFrame resized = outputs.nextFrame();
+  EXPECT_TRUE(resized.isKeyframe);
+  EXPECT_EQ(resized.width, 640u);
+  EXPECT_EQ(resized.height, 360u);
+  const auto shownSmall = decoder.decode(resized);
+  ASSERT_TRUE(shownSmall);
+  EXPECT_GE(psnr(*shownSmall, lumaOf(*small)), 35.0);
+}
+
+TEST(LibavHEVCEncoder, OutputCheckTellsProfilesApart) {
+  Outputs outputs;
+  LibavHEVCEncoder main(LibavBackend::libx265(), CodecProfile::hevcMain, 4000000,
+                        outputs.handler());
+  main.encode(captured(desktopPicture(320, 192)), false, false);
+  const VideoFrame key = outputs.nextFrame();
+  std::vector<hevc::NALUnit> units;
+  for (const auto& set : key.parameterSets) units.push_back(set.span());
+  EXPECT_TRUE(matchesProfile(units, CodecProfile::hevcMain));
+  EXPECT_FALSE(matchesProfile(units, CodecProfile::hevcMain10));
+  EXPECT_FALSE(matchesProfile(units, CodecProfile::hevcMain444));
+  EXPECT_FALSE(matchesProfile({}, CodecProfile::hevcMain));  // no parameter sets: no match
+
+  LibavHEVCEncoder full(LibavBackend::libx265(), CodecProfile::hevcMain444, 4000000,
+                        outputs.handler());
+  full.encode(captured(desktopPicture(320, 192)), false, false);
+  const VideoFrame fullKey = outputs.nextFrame();
+  EXPECT_EQ(fullKey.profile, CodecProfile::hevcMain444);
+  units.clear();
+  for (const auto& set : fullKey.parameterSets) units.push_back(set.span());
+  EXPECT_TRUE(matchesProfile(units, CodecProfile::hevcMain444));
+  EXPECT_FALSE(matchesProfile(units, CodecProfile::hevcMain));
+}
+
+TEST(LibavEncoderFactory, ProbeFindsWhatLibx265Produces) {
+  const LibavEncoderFactory factory({LibavBackend::libx265()});
+  const auto profiles = factory.supportedProfiles();
+  EXPECT_NE(std::ranges::find(profiles, CodecProfile::hevcMain), profiles.end());
+  EXPECT_NE(std::ranges::find(profiles, CodecProfile::hevcMain444), profiles.end());
+  ASSERT_TRUE(factory.backendFor(CodecProfile::hevcMain));
+  EXPECT_EQ(factory.backendFor(CodecProfile::hevcMain)->codecName, "libx265");
+
+  // Hardware that does not answer here is skipped, not offered.
+  const LibavEncoderFactory none({{"hevc_nvenc", {}}}, {CodecProfile::hevcMain});
+  EXPECT_TRUE(none.supportedProfiles().empty());
+}
+
+}  // namespace
+}  // namespace kelvaron::host
