@@ -32,5 +32,6 @@ run_tests build/release
 
 echo "== sanitizer build (ASan + UBSan)"
 build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_SANITIZE=ON -DTOVU_BENCH=OFF
-UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_tests build/sanitize
+UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
+  run_tests build/sanitize
 
