@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -170,52 +171,63 @@ asio::awaitable<DisplayInfo> mainDisplay(asio::io_context& io, const VirtualDisp
   co_return displays.front();
 }
 
-TEST(X11CaptureSource, CapturedPixelsShowTheScreenCopiedOrScaled) {
-  VirtualDisplay display(1280, 720);
-  SKIP_WITHOUT_DISPLAY(display);
+// The four quadrants drawn on `display`, its main display, and a capture source on it, for `body`.
+void runOnQuadrants(
+    VirtualDisplay& display,
+    const std::function<asio::awaitable<void>(Painter&, const DisplayInfo&, Capture&)>& body) {
   Painter painter(display.name());
   painter.drawQuadrants();
   runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
     const DisplayInfo main = co_await mainDisplay(io, display);
     Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
-    const std::uint64_t before = monotonicRawNs();
-    co_await capture.start(main, kWhole, 1280, 720);
-    const CapturedFrame same = co_await capture.next();
-    const std::uint64_t after = monotonicRawNs();
-    CO_ASSERT_TRUE(same.displayID == main.id && same.sourceRect == kWhole);
-    CO_ASSERT_TRUE(before <= same.captureTimeNs && same.captureTimeNs <= after);
-    CO_ASSERT_TRUE(same.pixelBuffer->width == 1280 && same.pixelBuffer->height == 720);
-    CO_ASSERT_TRUE(quadrantColours(*same.pixelBuffer) ==
-                   (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
-    CO_ASSERT_TRUE(pixelAt(*same.pixelBuffer, 639, 359) == kRed &&
-                   pixelAt(*same.pixelBuffer, 640, 360) == kWhite);
-
-    co_await capture.update(main, kWhole, 640, 360);
-    const CapturedFrame scaled = co_await capture.next();
-    CO_ASSERT_TRUE(scaled.pixelBuffer->width == 640 && scaled.pixelBuffer->height == 360);
-    CO_ASSERT_TRUE(quadrantColours(*scaled.pixelBuffer) ==
-                   (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
-
-    // A region in desktop points: the green quadrant, never scaled up beyond its pixels.
-    capture.source->setScope(scope::region{{640, 0, 640, 360}});
-    co_await capture.update(main, kWhole, 1280, 720);
-    const CapturedFrame region = co_await capture.next();
-    CO_ASSERT_TRUE(region.pixelBuffer->width == 640 && region.pixelBuffer->height == 360);
-    CO_ASSERT_TRUE(quadrantColours(*region.pixelBuffer) == (std::vector<std::uint32_t>(4, kGreen)));
-    CO_ASSERT_TRUE(pixelAt(*region.pixelBuffer, 0, 0) == kGreen &&
-                   pixelAt(*region.pixelBuffer, 639, 359) == kGreen);
-
-    // A region partly off the screen: the part on it keeps its place, the rest is black.
-    capture.source->setScope(scope::region{{960, 540, 640, 360}});
-    co_await capture.update(main, kWhole, 640, 360);
-    const CapturedFrame overhanging = co_await capture.next();
-    const PixelBuffer& pixels = *overhanging.pixelBuffer;
-    CO_ASSERT_TRUE(pixels.width == 640 && pixels.height == 360);
-    CO_ASSERT_TRUE(pixelAt(pixels, 0, 0) == kWhite && pixelAt(pixels, 319, 179) == kWhite);
-    CO_ASSERT_TRUE(pixelAt(pixels, 320, 0) == 0 && pixelAt(pixels, 0, 180) == 0 &&
-                   pixelAt(pixels, 639, 359) == 0);
-    co_await capture.stop();
+    co_await body(painter, main, capture);
   });
+}
+
+TEST(X11CaptureSource, CapturedPixelsShowTheScreenCopiedOrScaled) {
+  VirtualDisplay display(1280, 720);
+  SKIP_WITHOUT_DISPLAY(display);
+  runOnQuadrants(
+      display, [&](Painter&, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+        const std::uint64_t before = monotonicRawNs();
+        co_await capture.start(main, kWhole, 1280, 720);
+        const CapturedFrame same = co_await capture.next();
+        const std::uint64_t after = monotonicRawNs();
+        CO_ASSERT_TRUE(same.displayID == main.id && same.sourceRect == kWhole);
+        CO_ASSERT_TRUE(before <= same.captureTimeNs && same.captureTimeNs <= after);
+        CO_ASSERT_TRUE(same.pixelBuffer->width == 1280 && same.pixelBuffer->height == 720);
+        CO_ASSERT_TRUE(quadrantColours(*same.pixelBuffer) ==
+                       (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
+        CO_ASSERT_TRUE(pixelAt(*same.pixelBuffer, 639, 359) == kRed &&
+                       pixelAt(*same.pixelBuffer, 640, 360) == kWhite);
+
+        co_await capture.update(main, kWhole, 640, 360);
+        const CapturedFrame scaled = co_await capture.next();
+        CO_ASSERT_TRUE(scaled.pixelBuffer->width == 640 && scaled.pixelBuffer->height == 360);
+        CO_ASSERT_TRUE(quadrantColours(*scaled.pixelBuffer) ==
+                       (std::vector<std::uint32_t>{kRed, kGreen, kBlue, kWhite}));
+
+        // A region in desktop points: the green quadrant, never scaled up beyond its pixels.
+        capture.source->setScope(scope::region{{640, 0, 640, 360}});
+        co_await capture.update(main, kWhole, 1280, 720);
+        const CapturedFrame region = co_await capture.next();
+        CO_ASSERT_TRUE(region.pixelBuffer->width == 640 && region.pixelBuffer->height == 360);
+        CO_ASSERT_TRUE(quadrantColours(*region.pixelBuffer) ==
+                       (std::vector<std::uint32_t>(4, kGreen)));
+        CO_ASSERT_TRUE(pixelAt(*region.pixelBuffer, 0, 0) == kGreen &&
+                       pixelAt(*region.pixelBuffer, 639, 359) == kGreen);
+
+        // A region partly off the screen: the part on it keeps its place, the rest is black.
+        capture.source->setScope(scope::region{{960, 540, 640, 360}});
+        co_await capture.update(main, kWhole, 640, 360);
+        const CapturedFrame overhanging = co_await capture.next();
+        const PixelBuffer& pixels = *overhanging.pixelBuffer;
+        CO_ASSERT_TRUE(pixels.width == 640 && pixels.height == 360);
+        CO_ASSERT_TRUE(pixelAt(pixels, 0, 0) == kWhite && pixelAt(pixels, 319, 179) == kWhite);
+        CO_ASSERT_TRUE(pixelAt(pixels, 320, 0) == 0 && pixelAt(pixels, 0, 180) == 0 &&
+                       pixelAt(pixels, 639, 359) == 0);
+        co_await capture.stop();
+      });
 }
 
 // Nothing is captured while nothing changes; a change is captured into a buffer nobody holds;
@@ -223,47 +235,46 @@ TEST(X11CaptureSource, CapturedPixelsShowTheScreenCopiedOrScaled) {
 TEST(X11CaptureSource, AStillScreenYieldsOneFrameEachChangeAnotherAndAStopNone) {
   VirtualDisplay display(1280, 720);
   SKIP_WITHOUT_DISPLAY(display);
-  Painter painter(display.name());
-  painter.drawQuadrants();
-  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
-    const DisplayInfo main = co_await mainDisplay(io, display);
-    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
-    co_await capture.start(main, kWhole, 640, 360);
-    auto first = co_await capture.next();
-    const auto still = co_await nextWithin(*capture.frames, 700ms);
-    CO_ASSERT_TRUE(!still.has_value());
+  runOnQuadrants(
+      display,
+      [&](Painter& painter, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+        co_await capture.start(main, kWhole, 640, 360);
+        auto first = co_await capture.next();
+        const auto still = co_await nextWithin(*capture.frames, 700ms);
+        CO_ASSERT_TRUE(!still.has_value());
 
-    // Held by us: the next picture goes elsewhere, and this one stays as it was.
-    painter.fill(kYellow, 0, 0, 640, 360);
-    auto second = co_await capture.next();
-    CO_ASSERT_TRUE(second.pixelBuffer != first.pixelBuffer);
-    CO_ASSERT_TRUE(pixelAt(*second.pixelBuffer, 100, 100) == kYellow);
-    CO_ASSERT_TRUE(pixelAt(*first.pixelBuffer, 100, 100) == kRed);
+        // Held by us: the next picture goes elsewhere, and this one stays as it was.
+        painter.fill(kYellow, 0, 0, 640, 360);
+        auto second = co_await capture.next();
+        CO_ASSERT_TRUE(second.pixelBuffer != first.pixelBuffer);
+        CO_ASSERT_TRUE(pixelAt(*second.pixelBuffer, 100, 100) == kYellow);
+        CO_ASSERT_TRUE(pixelAt(*first.pixelBuffer, 100, 100) == kRed);
 
-    // Let go of: one of those buffers is written again, rather than a new one made.
-    const std::vector<const PixelBuffer*> released{first.pixelBuffer.get(),
-                                                   second.pixelBuffer.get()};
-    first = {};
-    second = {};
-    painter.fill(kBlue, 0, 0, 640, 360);
-    const CapturedFrame third = co_await capture.next();
-    CO_ASSERT_TRUE(std::ranges::find(released, third.pixelBuffer.get()) != released.end());
-    CO_ASSERT_TRUE(pixelAt(*third.pixelBuffer, 100, 100) == kBlue);
+        // Let go of: one of those buffers is written again, rather than a new one made.
+        const std::vector<const PixelBuffer*> released{first.pixelBuffer.get(),
+                                                       second.pixelBuffer.get()};
+        first = {};
+        second = {};
+        painter.fill(kBlue, 0, 0, 640, 360);
+        const CapturedFrame third = co_await capture.next();
+        CO_ASSERT_TRUE(std::ranges::find(released, third.pixelBuffer.get()) != released.end());
+        CO_ASSERT_TRUE(pixelAt(*third.pixelBuffer, 100, 100) == kBlue);
 
-    // A change on its way when the capture stops never comes out, and stopping again is no error.
-    painter.fill(kRed, 0, 0, 1280, 720);
-    co_await capture.stop();
-    co_await capture.stop();
-    const auto late = co_await nextWithin(*capture.frames, 500ms);
-    CO_ASSERT_TRUE(!late.has_value());
-    std::string refusal;
-    try {
-      co_await capture.update(main, kWhole, 640, 360);
-    } catch (const CaptureError& error) {
-      refusal = error.what();
-    }
-    CO_ASSERT_TRUE(refusal == "Capture has not been started.");
-  });
+        // A change on its way when the capture stops never comes out, and stopping again is no
+        // error.
+        painter.fill(kRed, 0, 0, 1280, 720);
+        co_await capture.stop();
+        co_await capture.stop();
+        const auto late = co_await nextWithin(*capture.frames, 500ms);
+        CO_ASSERT_TRUE(!late.has_value());
+        std::string refusal;
+        try {
+          co_await capture.update(main, kWhole, 640, 360);
+        } catch (const CaptureError& error) {
+          refusal = error.what();
+        }
+        CO_ASSERT_TRUE(refusal == "Capture has not been started.");
+      });
 }
 
 // Frames keep the rectangle they were taken with: the old one up to the update, the new one, at
@@ -271,34 +282,32 @@ TEST(X11CaptureSource, AStillScreenYieldsOneFrameEachChangeAnotherAndAStopNone) 
 TEST(X11CaptureSource, AViewportUpdateTagsFramesFromWhenItIsInForce) {
   VirtualDisplay display(1280, 720);
   SKIP_WITHOUT_DISPLAY(display);
-  Painter painter(display.name());
-  painter.drawQuadrants();
-  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
-    const DisplayInfo main = co_await mainDisplay(io, display);
-    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
-    co_await capture.start(main, kWhole, 640, 360);
-    co_await capture.next();
+  runOnQuadrants(
+      display,
+      [&](Painter& painter, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+        co_await capture.start(main, kWhole, 640, 360);
+        co_await capture.next();
 
-    painter.fill(kWhite, 700, 400, 10, 10);  // a change on its way while the rectangle changes
-    const std::uint64_t requested = monotonicRawNs();
-    co_await capture.update(main, kBottomRight, 320, 180);
-    const std::uint64_t confirmed = monotonicRawNs();
-    bool sawNew = false;
-    while (!sawNew) {
-      const CapturedFrame frame = co_await capture.next();
-      const PixelBuffer& pixels = *frame.pixelBuffer;
-      if (frame.sourceRect == kWhole) {
-        CO_ASSERT_TRUE(frame.captureTimeNs < confirmed && pixels.width == 640);
-        continue;
-      }
-      CO_ASSERT_TRUE(frame.sourceRect == kBottomRight);
-      CO_ASSERT_TRUE(frame.captureTimeNs > requested);
-      CO_ASSERT_TRUE(pixels.width == 320 && pixels.height == 180);
-      CO_ASSERT_TRUE(quadrantColours(pixels) == (std::vector<std::uint32_t>(4, kWhite)));
-      sawNew = true;
-    }
-    co_await capture.stop();
-  });
+        painter.fill(kWhite, 700, 400, 10, 10);  // a change on its way while the rectangle changes
+        const std::uint64_t requested = monotonicRawNs();
+        co_await capture.update(main, kBottomRight, 320, 180);
+        const std::uint64_t confirmed = monotonicRawNs();
+        bool sawNew = false;
+        while (!sawNew) {
+          const CapturedFrame frame = co_await capture.next();
+          const PixelBuffer& pixels = *frame.pixelBuffer;
+          if (frame.sourceRect == kWhole) {
+            CO_ASSERT_TRUE(frame.captureTimeNs < confirmed && pixels.width == 640);
+            continue;
+          }
+          CO_ASSERT_TRUE(frame.sourceRect == kBottomRight);
+          CO_ASSERT_TRUE(frame.captureTimeNs > requested);
+          CO_ASSERT_TRUE(pixels.width == 320 && pixels.height == 180);
+          CO_ASSERT_TRUE(quadrantColours(pixels) == (std::vector<std::uint32_t>(4, kWhite)));
+          sawNew = true;
+        }
+        co_await capture.stop();
+      });
 }
 
 // A viewport or region from the network that makes no sense changes nothing, or is clamped into
@@ -306,38 +315,36 @@ TEST(X11CaptureSource, AViewportUpdateTagsFramesFromWhenItIsInForce) {
 TEST(X11CaptureSource, BadGeometryIsRefusedOrClampedAndCaptureGoesOn) {
   VirtualDisplay display(1280, 720);
   SKIP_WITHOUT_DISPLAY(display);
-  Painter painter(display.name());
-  painter.drawQuadrants();
-  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
-    const DisplayInfo main = co_await mainDisplay(io, display);
-    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
-    co_await capture.start(main, kWhole, 640, 360);
-    co_await capture.next();
+  runOnQuadrants(
+      display,
+      [&](Painter& painter, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+        co_await capture.start(main, kWhole, 640, 360);
+        co_await capture.next();
 
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    capture.source->setScope(scope::region{{nan, 0, 1e300, -5}});
-    std::string refusal;
-    try {
-      co_await capture.update(main, kBottomRight, 320, 180);
-    } catch (const std::exception& error) {
-      refusal = error.what();
-    }
-    CO_ASSERT_TRUE(refusal == "The capture region is not a valid rectangle.");
-    painter.fill(kYellow, 0, 0, 1280, 720);
-    const CapturedFrame kept = co_await capture.next();
-    CO_ASSERT_TRUE(kept.sourceRect == kWhole && kept.pixelBuffer->width == 640);
-    CO_ASSERT_TRUE(pixelAt(*kept.pixelBuffer, 320, 180) == kYellow);
+        const double nan = std::numeric_limits<double>::quiet_NaN();
+        capture.source->setScope(scope::region{{nan, 0, 1e300, -5}});
+        std::string refusal;
+        try {
+          co_await capture.update(main, kBottomRight, 320, 180);
+        } catch (const std::exception& error) {
+          refusal = error.what();
+        }
+        CO_ASSERT_TRUE(refusal == "The capture region is not a valid rectangle.");
+        painter.fill(kYellow, 0, 0, 1280, 720);
+        const CapturedFrame kept = co_await capture.next();
+        CO_ASSERT_TRUE(kept.sourceRect == kWhole && kept.pixelBuffer->width == 640);
+        CO_ASSERT_TRUE(pixelAt(*kept.pixelBuffer, 320, 180) == kYellow);
 
-    capture.source->setScope(scope::display{});
-    const float bad = std::numeric_limits<float>::quiet_NaN();
-    const Viewport nonsense{
-        main.id, {bad, -3, 7, bad}, std::numeric_limits<std::uint32_t>::max(), 1};
-    co_await capture.update(main, nonsense);
-    const CapturedFrame clamped = co_await capture.next();
-    CO_ASSERT_TRUE(clamped.sourceRect == normalizedRect({bad, -3, 7, bad}));
-    CO_ASSERT_TRUE(clamped.pixelBuffer->width == 8192 && clamped.pixelBuffer->height == 2);
-    co_await capture.stop();
-  });
+        capture.source->setScope(scope::display{});
+        const float bad = std::numeric_limits<float>::quiet_NaN();
+        const Viewport nonsense{
+            main.id, {bad, -3, 7, bad}, std::numeric_limits<std::uint32_t>::max(), 1};
+        co_await capture.update(main, nonsense);
+        const CapturedFrame clamped = co_await capture.next();
+        CO_ASSERT_TRUE(clamped.sourceRect == normalizedRect({bad, -3, 7, bad}));
+        CO_ASSERT_TRUE(clamped.pixelBuffer->width == 8192 && clamped.pixelBuffer->height == 2);
+        co_await capture.stop();
+      });
 }
 
 TEST(X11CaptureSource, StartAndUpdateFailWithClearErrors) {
