@@ -1,12 +1,14 @@
 #pragma once
 
 #include <asio/awaitable.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "host/app/PowerManaging.hpp"
+#include "host/video/CaptureSource.hpp"
 #include "host/video/DisplayProviding.hpp"
 #include "host/video/EncoderFactory.hpp"
 #include "kit/relay/RelayProvision.hpp"
@@ -21,7 +23,11 @@ struct HostEnvironment {
   UUID hostID;
   std::string hostName;
   std::shared_ptr<DisplayProviding> displays;
+  CaptureFactory makeCapture;
   std::shared_ptr<EncoderFactory> encoders;
+  // How long the picture must stand still before it is sent once more at high quality.
+  std::chrono::duration<double> idleRefreshDelay{0.15};
+  std::chrono::duration<double> statsInterval{1.0};
   std::shared_ptr<PowerManaging> power;
 
   // Asked once after `hello`: whether to keep the display awake while connected.

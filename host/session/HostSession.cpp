@@ -12,8 +12,6 @@ namespace kelvaron::host {
 
 namespace {
 
-// Where the rate control starts; the bit rate the client is first told about.
-constexpr double kStartBitrate = 16000000;
 constexpr std::chrono::duration<double> kFarewellDelay{0.2};  // lets a last message leave
 constexpr const char* kAssertionName = "Tovu remote session";
 // The client shows these to a person.
@@ -113,8 +111,15 @@ asio::awaitable<void> HostSession::handle(const Message& message) {
 asio::awaitable<void> HostSession::dispatch(const Message& message) {
   if (const auto* ping = std::get_if<msg::ping>(&message)) {
     connection_->send(msg::pong{ping->value});
+  } else if (const auto* select = std::get_if<msg::selectDisplay>(&message)) {
+    co_await selectDisplay(select->displayID, std::nullopt);
+  } else if (const auto* viewport = std::get_if<msg::viewport>(&message)) {
+    co_await handleViewport(viewport->viewport);
+  } else if (const auto* feedback = std::get_if<msg::feedback>(&message)) {
+    handleFeedback(feedback->feedback);
+  } else if (const auto* video = std::get_if<msg::setVideoEnabled>(&message)) {
+    co_await setVideoEnabledFlag(video->enabled);
   }
-  co_return;
 }
 
 // ---- Negotiation ----
@@ -144,7 +149,8 @@ asio::awaitable<void> HostSession::handleHello(const msg::hello& hello) {
   log_.info("negotiated profile %s", profileLabel(*profile));
   status_.deviceName = hello.deviceName;
   status_.profile = profile;
-  status_.targetBitrateMbps = kStartBitrate / 1000000;
+  status_.targetBitrateMbps = double(bitrate_.bitrate) / 1000000;
+  makeVideoStack(*profile);
 
   connection_->send(msg::helloAck{kProtocolVersion, env_.hostID, env_.hostName, *profile});
   helloAcked_ = true;
@@ -166,7 +172,11 @@ asio::awaitable<void> HostSession::handleHello(const msg::hello& hello) {
   displays_ = co_await env_.displays->displays();
   connection_->send(msg::displayList{displays_});
   startBackgroundTasks();
-  if (displays_.empty()) applyNote("No displays available");
+  if (displays_.empty()) {
+    applyNote("No displays available");
+    co_return;
+  }
+  co_await selectDisplay(mainOrFirst(displays_).id, std::nullopt);
 }
 
 asio::awaitable<void> HostSession::rejectHello(const std::string& reason) {
@@ -260,15 +270,19 @@ void HostSession::startBackgroundTasks() {
       co_await self->refreshDisplays();
     }
   };
+  auto statistics = [](std::weak_ptr<HostSession> weak,
+                       std::chrono::duration<double> interval) -> asio::awaitable<void> {
+    for (;;) {
+      if (co_await isCancelled()) co_return;
+      co_await sleepFor(interval);
+      auto self = weak.lock();
+      if (!self) co_return;
+      self->statsTick();
+    }
+  };
   tasks_.push_back(
       Task::spawn(strand_, displayChanges(weak_from_this(), env_.displays->changes())));
-}
-
-asio::awaitable<void> HostSession::refreshDisplays() {
-  auto list = co_await env_.displays->displays();
-  if (list == displays_) co_return;
-  displays_ = std::move(list);
-  connection_->send(msg::displayList{displays_});
+  tasks_.push_back(Task::spawn(strand_, statistics(weak_from_this(), env_.statsInterval)));
 }
 
 // ---- The end ----
@@ -295,11 +309,13 @@ asio::awaitable<void> HostSession::teardown() {
   }
   for (const Task& task : tasks_) task.cancel();
   tasks_.clear();
+  if (pipeline_) pipeline_->stop();
+  pipeline_.reset();
+  co_await stopCapture();
   connection_->close();
   status_.phase = SessionStatus::Phase::ended;
   log_.info("session ended");
   report();
-  co_return;
 }
 
 }  // namespace kelvaron::host

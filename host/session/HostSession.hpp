@@ -10,6 +10,9 @@
 
 #include "host/session/HostEnvironment.hpp"
 #include "host/session/SessionStatus.hpp"
+#include "host/video/BitrateController.hpp"
+#include "host/video/VideoPipeline.hpp"
+#include "host/video/VideoSink.hpp"
 #include "kit/async/Task.hpp"
 #include "kit/log/Logger.hpp"
 #include "kit/security/AuthGate.hpp"
@@ -50,6 +53,9 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   void setNote(std::optional<std::string> text);
   void setLifecycleState(HostState state, std::optional<std::string> detail);
   void setKeepAwake(bool keepAwake);
+  // Sleep, display sleep and the lock hold capture; the hold keeps what the client was seeing.
+  asio::awaitable<void> suspendCapture(std::string reason);
+  asio::awaitable<void> resumeCapture(bool restart);
 
  private:
   HostSession(const Executor& executor, std::shared_ptr<Connection> connection, HostEnvironment env,
@@ -68,8 +74,27 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   void applyNote(std::optional<std::string> text);
   void updateKeepAwakeAssertion();
   void startBackgroundTasks();
-  asio::awaitable<void> refreshDisplays();
   asio::awaitable<void> teardown();
+
+  // Streaming control (HostSessionStreaming.cpp): what the client sees, and whether capture runs.
+  static const DisplayInfo& mainOrFirst(const std::vector<DisplayInfo>& displays);
+  void makeVideoStack(CodecProfile profile);
+  void handleEncoderEvent(const EncoderOutput& event);
+  void requestKeyframe();
+  asio::awaitable<void> selectDisplay(std::uint32_t displayID, std::optional<Viewport> viewport);
+  asio::awaitable<void> applySource(DisplayInfo display, Viewport viewport);
+  asio::awaitable<bool> startCapture(DisplayInfo display, Viewport viewport);
+  void captureFailed(const std::string& text);
+  void captureEnded(const std::shared_ptr<CaptureSource>& source, const std::string& reason);
+  asio::awaitable<void> stopCapture();
+  void sendStreamInfo();
+  asio::awaitable<void> handleViewport(const Viewport& viewport);
+  asio::awaitable<void> setVideoEnabledFlag(bool value);
+  asio::awaitable<void> suspendCaptureOnStrand(std::string reason);
+  asio::awaitable<void> resumeCaptureOnStrand(bool restart);
+  asio::awaitable<void> refreshDisplays();
+  void handleFeedback(const Feedback& feedback);
+  void statsTick();
   void report() const;
 
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
@@ -84,14 +109,30 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   SessionStatus status_;
   std::optional<ClientCapabilities> client_;
   std::vector<DisplayInfo> displays_;
+  std::optional<DisplayInfo> current_;
+  std::optional<Viewport> viewport_;
+  std::shared_ptr<CaptureSource> capture_;
+  bool captureStarted_ = false;
+  std::shared_ptr<VideoPipeline> pipeline_;
+  std::shared_ptr<VideoSink> sink_;
+  BitrateController bitrate_;
   std::vector<Task> tasks_;
+  struct StatsMark {
+    double time = 0;  // uptime in seconds
+    std::int64_t frames = 0;
+    std::int64_t bytes = 0;
+  };
+  std::optional<StatsMark> lastStats_;
+  double lastLoggedFeedback_ = 0;
   std::optional<std::uint32_t> assertionID_;
   bool keepAwake_ = true;
   bool helloAcked_ = false;
+  bool captureHeld_ = false;
   bool videoEnabled_ = true;
   HostStatusValue lifecycleState_;
   std::optional<HostStatusValue> captureProblem_;
   std::optional<HostStatusValue> lastSentStatus_;
+  CaptureScope scope_ = scope::display{};
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

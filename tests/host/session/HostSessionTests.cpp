@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 
 #include "kit/security/AuthCrypto.hpp"
 #include "kit/security/ClientHandshake.hpp"
@@ -47,7 +48,10 @@ class FakeEncoder : public VideoEncoder {
   void encode(const CapturedFrame&, bool, bool) override { ++encoded; }
   void requestKeyframe() override { ++keyframeRequests; }
   void setBitrate(std::int64_t value) override { bitrates.push_back(value); }
-  void stop() override { stopped = true; }
+  void stop() override {
+    stopped = true;
+    output = nullptr;  // hands out nothing more, so holds nothing of the session
+  }
 
   EncoderOutputHandler output;
   std::atomic<int> encoded = 0;
@@ -66,6 +70,43 @@ class FakeEncoders : public EncoderFactory {
     made = std::make_shared<FakeEncoder>(std::move(output));
     return made;
   }
+};
+
+// Every capture the session makes writes what it is asked into one log; a start fails while
+// `failure` is set.
+struct FakeCaptures {
+  std::vector<std::string> log;
+  std::optional<std::string> failure;
+  CaptureSource::StopHandler endLast;  // ends the last capture started, as a lost X server does
+};
+
+class FakeCapture : public CaptureSource {
+ public:
+  explicit FakeCapture(std::shared_ptr<FakeCaptures> all) : all_(std::move(all)) {}
+  void setScope(CaptureScope) override {}
+  asio::awaitable<void> start(DisplayInfo display, Viewport viewport, FrameHandler,
+                              StopHandler onStopped) override {
+    if (all_->failure) throw CaptureError(*all_->failure);
+    record("start", display, viewport);
+    all_->endLast = onStopped;
+    co_return;
+  }
+  asio::awaitable<void> update(DisplayInfo display, Viewport viewport) override {
+    record("update", display, viewport);
+    co_return;
+  }
+  asio::awaitable<void> stop() override {
+    all_->log.push_back("stop");
+    co_return;
+  }
+
+ private:
+  void record(const char* what, const DisplayInfo& display, const Viewport& viewport) {
+    all_->log.push_back(std::string(what) + " " + std::to_string(display.id) + " " +
+                        std::to_string(viewport.outputWidth) + "x" +
+                        std::to_string(viewport.outputHeight));
+  }
+  std::shared_ptr<FakeCaptures> all_;
 };
 
 class FakePower : public PowerManaging {
@@ -121,6 +162,7 @@ struct Harness {
     env.displays = displays;
     env.encoders = encoders;
     env.power = power;
+    env.makeCapture = [all = captures] { return std::make_shared<FakeCapture>(all); };
   }
 
   void start(std::shared_ptr<AuthGate> gate = nullptr, std::optional<Data> key = std::nullopt) {
@@ -149,13 +191,20 @@ struct Harness {
   }
   asio::awaitable<bool> silent() { co_return !co_await nextWithin(client->messages(), 300ms); }
 
-  // Through the opening of a session: helloAck, hostStatus, displayList.
-  asio::awaitable<msg::helloAck> open() {
-    client->send(hello());
-    const auto ack = co_await expect<msg::helloAck>();
+  // Through the opening of a session: helloAck, hostStatus, displayList, and the streamInfo of
+  // the main display.
+  asio::awaitable<msg::streamInfo> open() {
+    client->send(hello(clientProfiles));
+    co_await expect<msg::helloAck>();
     co_await expect<msg::hostStatus>();
     co_await expect<msg::displayList>();
-    co_return ack;
+    const auto info = co_await expect<msg::streamInfo>();
+    co_return info;
+  }
+  // Returns once the session has taken every message sent before.
+  asio::awaitable<void> roundTrip() {
+    client->send(msg::ping{77});
+    co_await expect<msg::pong>();
   }
 
   const SessionStatus& lastReport() const { return reports->at(reports->size() - 1); }
@@ -170,6 +219,8 @@ struct Harness {
   std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
   std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
   std::shared_ptr<FakePower> power = std::make_shared<FakePower>();
+  std::shared_ptr<FakeCaptures> captures = std::make_shared<FakeCaptures>();
+  std::vector<CodecProfile> clientProfiles = {CodecProfile::hevcMain};
   HostEnvironment env;
   std::shared_ptr<HostSession> session;
   std::shared_ptr<std::vector<SessionStatus>> reports =
@@ -196,6 +247,10 @@ TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
     EXPECT_EQ(status, (msg::hostStatus{HostState::ok, {}}));
     const auto list = co_await h.expect<msg::displayList>();
     EXPECT_EQ(list.displays, h.displays->list);
+    // The main display, whole, at its own size: the client's screen is larger.
+    const msg::streamInfo whole{1, {0, 0, 1, 1}, 1920, 1080, CodecProfile::hevcMain};
+    const auto info = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(info, whole);
     EXPECT_EQ(h.power->held.size(), 1u);
     EXPECT_EQ(h.power->activityDeclared, 1);
 
@@ -208,7 +263,11 @@ TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
     h.client->close();
     co_await h.waitForEnd();
     EXPECT_TRUE(h.power->held.empty());
+    EXPECT_EQ(h.captures->log, (std::vector<std::string>{"start 1 1920x1080", "stop"}));
+    EXPECT_TRUE(h.encoders->made->stopped);
     EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::ended);
+    EXPECT_EQ(h.lastReport().displayName, "DP-1");
+    EXPECT_EQ(h.lastReport().width, 1920);
     EXPECT_EQ(h.lastReport().deviceName, "Ann's iPad");
     EXPECT_EQ(h.lastReport().profile, CodecProfile::hevcMain);
     EXPECT_EQ(h.lastReport().targetBitrateMbps, 16);
@@ -286,6 +345,7 @@ TEST(HostSession, LifecycleWinsOverCaptureProblemsAndNothingIsSentTwice) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Harness h(io);
     h.env.screenRecordingGranted = [] { return false; };
+    h.captures->failure = "denied";  // without the permission, capture fails
     h.start();
     h.session->setLifecycleState(HostState::locked, "ignored before hello");
     h.session->setLifecycleState(HostState::ok, std::nullopt);
@@ -485,6 +545,173 @@ TEST(HostSession, DroppingEitherEndMidConversationLeavesNothingBehind) {
       EXPECT_TRUE(h.power->held.empty());
     });
   }
+}
+
+TEST(HostSession, TheSourceFollowsTheClientAndTheDisplays) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    using enum CodecProfile;
+    Harness h(io);
+    h.displays->list.push_back({2, "HDMI-1", false, 2560, 1600, {1920, 0, 2560, 1600}});
+    h.start();
+    co_await h.open();
+    // What the network sends is made usable: NaN, a rectangle sticking out, sides out of range.
+    const msg::viewport zoom{{1, {NAN, 0.5f, 0.5f, 2}, 9000, 1001}};
+    h.client->send(zoom);
+    const auto zoomed = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(zoomed, (msg::streamInfo{1, {0, 0.5f, 0.5f, 0.5f}, 8192, 1000, hevcMain}));
+
+    h.client->send(msg::selectDisplay{7});  // unknown: dropped without an answer
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+    h.client->send(msg::selectDisplay{2});
+    const auto second = co_await h.expect<msg::streamInfo>();
+    // Scaled to the client's 2048x1536 screen, keeping the display's shape.
+    EXPECT_EQ(second, (msg::streamInfo{2, {0, 0, 1, 1}, 2048, 1280, hevcMain}));
+
+    // A new name alone changes only the list.
+    h.displays->list[1].name = "HDMI-1 (TV)";
+    h.displays->signal();
+    co_await h.expect<msg::displayList>();
+    const auto renamed = co_await h.silent();
+    EXPECT_TRUE(renamed);
+    // A new size throws the client's viewport away; a vanished display falls back to the main.
+    h.displays->list[1] = {2, "HDMI-1", false, 1280, 720, {1920, 0, 1280, 720}};
+    h.displays->signal();
+    co_await h.expect<msg::displayList>();
+    const auto resized = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(resized, (msg::streamInfo{2, {0, 0, 1, 1}, 1280, 720, hevcMain}));
+    h.displays->list.pop_back();
+    h.displays->signal();
+    co_await h.expect<msg::displayList>();
+    const auto back = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(back, (msg::streamInfo{1, {0, 0, 1, 1}, 1920, 1080, hevcMain}));
+
+    // The source applies the geometry itself; each change of display asks for a key frame.
+    EXPECT_EQ(h.captures->log,
+              (std::vector<std::string>{"start 1 1920x1080", "update 1 9000x1001",
+                                        "update 2 2048x1280", "update 2 1280x720",
+                                        "update 1 1920x1080"}));
+    EXPECT_EQ(h.encoders->made->keyframeRequests, 3);
+    EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::streaming);
+    EXPECT_EQ(h.lastReport().displayName, "DP-1");
+  });
+}
+
+TEST(HostSession, ACaptureThatFailsOrEndsIsReportedAndTheSessionGoesOn) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    const std::string unavailable = "Display 1 is not available for capture.";
+    h.captures->failure = unavailable;
+    h.start();
+    h.client->send(hello());
+    co_await h.expect<msg::helloAck>();
+    co_await h.expect<msg::hostStatus>();
+    co_await h.expect<msg::displayList>();
+    const auto blocked = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(blocked, (msg::hostStatus{HostState::captureBlocked, unavailable}));
+    EXPECT_EQ(h.lastReport().captureError, unavailable);
+    EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::negotiating);
+
+    // The next selection tries again, with a fresh source, and succeeds.
+    h.captures->failure.reset();
+    h.client->send(msg::selectDisplay{1});
+    const auto ok = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(ok, (msg::hostStatus{HostState::ok, {}}));
+    co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(h.lastReport().captureError, std::nullopt);
+
+    // The X server goes away under the capture: said once, and a later selection starts anew.
+    h.captures->endLast("The X server went away.");
+    const auto lost = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(lost, (msg::hostStatus{HostState::captureBlocked, "The X server went away."}));
+    h.client->send(msg::selectDisplay{1});
+    co_await h.expect<msg::hostStatus>();
+    co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(h.captures->log, (std::vector<std::string>{"start 1 1920x1080", "stop",
+                                                         "start 1 1920x1080"}));
+  });
+}
+
+TEST(HostSession, VideoOffAndCaptureHoldsStopCaptureButKeepTheSource) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.displays->list.push_back({2, "HDMI-1", false, 1280, 720, {1920, 0, 1280, 720}});
+    h.start();
+    co_await h.open();
+    h.client->send(msg::setVideoEnabled{false});
+    h.client->send(msg::setVideoEnabled{false});
+    // While video is off a new source is only recorded.
+    const msg::viewport half{{2, {0, 0, 0.5f, 0.5f}, 640, 360}};
+    h.client->send(half);
+    const auto quiet = co_await h.silent();
+    EXPECT_TRUE(quiet);
+    EXPECT_EQ(h.lastReport().note, "Remote mode (no video)");
+    EXPECT_EQ(h.lastReport().width, 640);
+    h.client->send(msg::setVideoEnabled{true});
+    const auto shown = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(shown.sourceRect, (NormalizedRect{0, 0, 0.5f, 0.5f}));
+    EXPECT_EQ(h.lastReport().note, std::nullopt);
+
+    // A lock holds capture, and its note outlives video being switched off and on.
+    co_await h.session->suspendCapture("Mac is locked");
+    h.client->send(msg::setVideoEnabled{false});
+    h.client->send(msg::setVideoEnabled{true});
+    const auto held = co_await h.silent();
+    EXPECT_TRUE(held);
+    EXPECT_EQ(h.lastReport().note, "Mac is locked");
+    // The display vanished during the hold: the resume shows the main display, whole.
+    h.displays->list.pop_back();
+    co_await h.session->resumeCapture(true);
+    co_await h.expect<msg::displayList>();
+    const auto resumed = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(resumed, (msg::streamInfo{1, {0, 0, 1, 1}, 1920, 1080, CodecProfile::hevcMain}));
+    EXPECT_EQ(h.lastReport().note, std::nullopt);
+    EXPECT_EQ(h.captures->log,
+              (std::vector<std::string>{"start 1 1920x1080", "stop", "start 2 640x360", "stop",
+                                        "start 1 1920x1080"}));
+  });
+}
+
+TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    using enum CodecProfile;
+    Harness h(io);
+    h.env.statsInterval = 20ms;
+    h.clientProfiles = {hevcMain, hevcMain444};
+    h.start();
+    co_await h.open();
+    FakeEncoder& encoder = *h.encoders->made;
+    // A request for a key frame alone says nothing about the network; a drop cuts the rate.
+    h.client->send(msg::feedback{{0, 0, 0, true}});
+    co_await h.roundTrip();
+    EXPECT_TRUE(encoder.bitrates.empty());
+    h.client->send(msg::feedback{{58, 2, 4, false}});
+    co_await h.roundTrip();
+    EXPECT_EQ(encoder.bitrates, std::vector<std::int64_t>{11200000});
+    EXPECT_EQ(h.lastReport().targetBitrateMbps, 11.2);
+    EXPECT_EQ(encoder.keyframeRequests, 2);  // the first picture's and the client's
+
+    // Frames go straight from the encoder to the client, and the statistics count them.
+    VideoFrame frame;
+    frame.displayID = 1;
+    frame.isKeyframe = true;
+    frame.payload = SharedBytes(Data{0, 0, 0, 1, 0x26});
+    encoder.output(encoderOutput::frame{frame, 12.5});
+    const auto received = co_await nextWithin(h.client->videoFrames(), 5s);
+    EXPECT_EQ(received, frame);
+    co_await sleepFor(100ms);
+    EXPECT_EQ(h.lastReport().framesSent, 1);
+    EXPECT_EQ(h.lastReport().encodeLatencyMs, 12.5);
+
+    // The encoder's own news, from its thread, reaches the application and the client.
+    encoder.output(encoderOutput::profileFallback{hevcMain444, hevcMain});
+    const auto info = co_await h.expect<msg::streamInfo>();
+    EXPECT_EQ(info.profile, hevcMain);
+    EXPECT_EQ(h.lastReport().note, "Encoder fell back from hevcMain444 to hevcMain");
+    encoder.output(encoderOutput::failed{"session lost"});
+    co_await h.roundTrip();
+    EXPECT_EQ(h.lastReport().note, "Encoder: session lost");
+  });
 }
 
 }  // namespace
