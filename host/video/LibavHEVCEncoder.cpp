@@ -25,6 +25,7 @@ namespace {
 constexpr int kExpectedFrameRate = 60;
 constexpr int kMaxKeyFrameInterval = 7200;  // frames; key frames come when asked for
 constexpr int kHighQualityQP = 20;          // the quantiser limit of the idle refresh
+constexpr int kLargestQPOffset = 25;
 
 std::string avError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -113,8 +114,10 @@ LibavBackend LibavBackend::libx265() {
           {{"preset", "ultrafast"},
            {"tune", "zerolatency"},
            {"forced-idr", "1"},
-           // Quantiser offsets (the idle refresh) need adaptive quantisation on.
-           {"x265-params", "log-level=error:info=0:aq-mode=1:scenecut=0:open-gop=0"}}};
+           // Quantiser offsets (the idle refresh) are ignored unless adaptive quantisation runs;
+           // at this strength it barely moves anything else.
+           {"x265-params",
+            "log-level=error:info=0:aq-mode=1:aq-strength=0.1:scenecut=0:open-gop=0"}}};
 }
 
 std::vector<LibavBackend> LibavBackend::hardware() {
@@ -270,9 +273,9 @@ class LibavHEVCEncoder::Session {
     region->self_size = sizeof(AVRegionOfInterest);
     region->right = width;
     region->bottom = height;
-    // The offset is a fraction of the QP range of the bit depth.
-    const int range = eightBit_ ? 63 : 51;
-    region->qoffset = AVRational{qpOffset, range};
+    // libavcodec hands libx265 the fraction times 25, its largest offset.
+    region->qoffset = AVRational{std::clamp(qpOffset, -kLargestQPOffset, kLargestQPOffset),
+                                 kLargestQPOffset};
   }
 
   ContextPtr context_;

@@ -3,15 +3,21 @@
 #include "host/session/HostSession.hpp"
 
 #include <gtest/gtest.h>
+#include <xcb/xcb.h>
 
 #include <atomic>
 #include <cmath>
 
+#include "host/video/LibavEncoderFactory.hpp"
+#include "host/video/RandrDisplayManager.hpp"
+#include "host/video/X11CaptureSource.hpp"
 #include "kit/security/AuthCrypto.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/HostAuthGate.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
+#include "tests/support/HEVCTestDecoder.hpp"
+#include "tests/support/VirtualDisplay.hpp"
 
 namespace kelvaron::host {
 namespace {
@@ -711,6 +717,88 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
     encoder.output(encoderOutput::failed{"session lost"});
     co_await h.roundTrip();
     EXPECT_EQ(h.lastReport().note, "Encoder: session lost");
+  });
+}
+
+// Puts a picture on the root window of an X server, as an application would draw it.
+void showPicture(const std::string& displayName, const PixelBuffer& picture) {
+  xcb_connection_t* c = xcb_connect(displayName.c_str(), nullptr);
+  const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
+  const xcb_gcontext_t gc = xcb_generate_id(c);
+  xcb_create_gc(c, gc, root, 0, nullptr);
+  const int rowsPerRequest = int((xcb_get_maximum_request_length(c) * 4 - 64) / picture.stride);
+  for (int y = 0; y < picture.height; y += rowsPerRequest) {
+    const int rows = std::min(rowsPerRequest, picture.height - y);
+    xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, root, gc, std::uint16_t(picture.width),
+                  std::uint16_t(rows), 0, std::int16_t(y), 0, 24,
+                  std::uint32_t(rows * picture.stride),
+                  &picture.bytes[std::size_t(y) * std::size_t(picture.stride)]);
+  }
+  std::free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+  xcb_disconnect(c);
+}
+
+// Decodes what arrives until nothing has come for `quiet`, and returns the last picture.
+asio::awaitable<std::optional<LumaPlane>> decodeUntilQuiet(Connection& client,
+                                                            HEVCTestDecoder& decoder,
+                                                            std::chrono::milliseconds quiet) {
+  std::optional<LumaPlane> last;
+  while (const auto frame = co_await nextWithin(client.videoFrames(), quiet)) {
+    if (auto luma = decoder.decode(*frame)) last = std::move(luma);
+  }
+  co_return last;
+}
+
+TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
+  VirtualDisplay x(1280, 720);
+  SKIP_WITHOUT_DISPLAY(x);
+  runAsync([&x](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    h.env.displays = std::make_shared<RandrDisplayManager>(io.get_executor(), x.name());
+    h.env.makeCapture = [executor = io.get_executor(), name = x.name()] {
+      return X11CaptureSource::make(executor, name);
+    };
+    h.env.encoders =
+        std::make_shared<LibavEncoderFactory>(std::vector<LibavBackend>{LibavBackend::libx265()});
+    h.env.statsInterval = 100ms;
+    const auto first = desktopPicture(1280, 720);
+    showPicture(x.name(), *first);
+    h.start();
+    const auto info = co_await h.open();
+    EXPECT_EQ(info.width, 1280u);
+    EXPECT_EQ(info.height, 720u);
+
+    HEVCTestDecoder decoder;
+    const auto opening = co_await nextWithin(h.client->videoFrames(), 5s);
+    CO_ASSERT_TRUE(opening && opening->isKeyframe);
+    const auto shown = decoder.decode(*opening);
+    CO_ASSERT_TRUE(shown);
+    EXPECT_GE(psnr(*shown, lumaOf(*first)), 35);
+
+    // The client falls behind: the connection refuses frames, and after the gap the next frame
+    // that gets through is a key frame.
+    h.host->setMaxInFlight(1);
+    for (int shift = 8; shift <= 64; shift += 8) {
+      showPicture(x.name(), *desktopPicture(1280, 720, shift));
+      co_await sleepFor(40ms);
+    }
+    co_await sleepFor(300ms);
+    h.host->setMaxInFlight(8);
+    co_await decodeUntilQuiet(*h.client, decoder, 200ms);  // what was queued before the gap
+    const auto last = desktopPicture(1280, 720, 100);
+    showPicture(x.name(), *last);
+    const auto afterGap = co_await nextWithin(h.client->videoFrames(), 5s);
+    CO_ASSERT_TRUE(afterGap);
+    EXPECT_TRUE(afterGap->isKeyframe);
+    decoder.decode(*afterGap);
+    // At rest the idle refresh sharpens the picture, though the gap's key frames cost bits.
+    const auto settled = co_await decodeUntilQuiet(*h.client, decoder, 1000ms);
+    CO_ASSERT_TRUE(settled);
+    EXPECT_GE(psnr(*settled, lumaOf(*last)), 35);
+    EXPECT_GT(h.lastReport().framesDropped, 0);
+    EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::streaming);
+    h.client->close();
+    co_await h.waitForEnd();
   });
 }
 
