@@ -3,7 +3,6 @@
 #include "host/session/HostSession.hpp"
 
 #include <gtest/gtest.h>
-#include <xcb/xcb.h>
 
 #include <atomic>
 #include <cmath>
@@ -17,6 +16,7 @@
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/HEVCTestDecoder.hpp"
+#include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
 namespace kelvaron::host {
@@ -720,24 +720,6 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
   });
 }
 
-// Puts a picture on the root window of an X server, as an application would draw it.
-void showPicture(const std::string& displayName, const PixelBuffer& picture) {
-  xcb_connection_t* c = xcb_connect(displayName.c_str(), nullptr);
-  const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
-  const xcb_gcontext_t gc = xcb_generate_id(c);
-  xcb_create_gc(c, gc, root, 0, nullptr);
-  const int rowsPerRequest = int((xcb_get_maximum_request_length(c) * 4 - 64) / picture.stride);
-  for (int y = 0; y < picture.height; y += rowsPerRequest) {
-    const int rows = std::min(rowsPerRequest, picture.height - y);
-    xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, root, gc, std::uint16_t(picture.width),
-                  std::uint16_t(rows), 0, std::int16_t(y), 0, 24,
-                  std::uint32_t(rows * picture.stride),
-                  &picture.bytes[std::size_t(y) * std::size_t(picture.stride)]);
-  }
-  std::free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
-  xcb_disconnect(c);
-}
-
 // Decodes what arrives until nothing has come for `quiet`, and returns the last picture.
 asio::awaitable<std::optional<LumaPlane>> decodeUntilQuiet(Connection& client,
                                                             HEVCTestDecoder& decoder,
@@ -761,8 +743,9 @@ TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
     h.env.encoders =
         std::make_shared<LibavEncoderFactory>(std::vector<LibavBackend>{LibavBackend::libx265()});
     h.env.statsInterval = 100ms;
+    ScreenPainter painter(x.name());
     const auto first = desktopPicture(1280, 720);
-    showPicture(x.name(), *first);
+    painter.show(*first);
     h.start();
     const auto info = co_await h.open();
     EXPECT_EQ(info.width, 1280u);
@@ -779,14 +762,14 @@ TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
     // that gets through is a key frame.
     h.host->setMaxInFlight(1);
     for (int shift = 8; shift <= 64; shift += 8) {
-      showPicture(x.name(), *desktopPicture(1280, 720, shift));
+      painter.show(*desktopPicture(1280, 720, shift));
       co_await sleepFor(40ms);
     }
     co_await sleepFor(300ms);
     h.host->setMaxInFlight(8);
     co_await decodeUntilQuiet(*h.client, decoder, 200ms);  // what was queued before the gap
     const auto last = desktopPicture(1280, 720, 100);
-    showPicture(x.name(), *last);
+    painter.show(*last);
     const auto afterGap = co_await nextWithin(h.client->videoFrames(), 5s);
     CO_ASSERT_TRUE(afterGap);
     EXPECT_TRUE(afterGap->isKeyframe);

@@ -3,68 +3,15 @@
 #include "host/video/RandrDisplayManager.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/uio.h>
-#include <xcb/randr.h>
-#include <xcb/xcbext.h>
-
-#include <cstdlib>
-#include <cstring>
 
 #include "tests/support/AsyncTest.hpp"
+#include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
 namespace kelvaron::host {
 namespace {
 
 using namespace test;
-
-// Another client of the server, setting and deleting monitors as a user's tool would.
-class MonitorTool {
- public:
-  explicit MonitorTool(const std::string& display) : c_(xcb_connect(display.c_str(), nullptr)) {
-    root_ = xcb_setup_roots_iterator(xcb_get_setup(c_)).data->root;
-  }
-  ~MonitorTool() { xcb_disconnect(c_); }
-
-  bool set(const char* name, bool primary, std::int16_t x, std::uint16_t width,
-           std::uint16_t height) {
-    xcb_randr_monitor_info_t monitor{};
-    monitor.name = atom(name);
-    monitor.primary = primary;
-    monitor.x = x;
-    monitor.width = width;
-    monitor.height = height;
-    monitor.width_in_millimeters = width / 4;
-    monitor.height_in_millimeters = height / 4;
-    // Sent by hand: Debian's libxcb-randr 1.15 adds a trailing pad of uninitialized length to its
-    // SetMonitor request, which fails xcb's own assertion on some calls.
-    xcb_randr_set_monitor_request_t request{};
-    request.window = root_;
-    iovec parts[4] = {{}, {}, {&request, sizeof request}, {&monitor, sizeof monitor}};
-    xcb_protocol_request_t shape{2, &xcb_randr_id, XCB_RANDR_SET_MONITOR, 1};
-    return succeeded({xcb_send_request(c_, XCB_REQUEST_CHECKED, &parts[2], &shape)});
-  }
-  bool remove(const char* name) {
-    return succeeded(xcb_randr_delete_monitor_checked(c_, root_, atom(name)));
-  }
-
- private:
-  xcb_atom_t atom(const char* name) {
-    auto* reply = xcb_intern_atom_reply(
-        c_, xcb_intern_atom(c_, 0, static_cast<std::uint16_t>(std::strlen(name)), name), nullptr);
-    const xcb_atom_t value = reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
-    std::free(reply);
-    return value;
-  }
-  bool succeeded(xcb_void_cookie_t cookie) {
-    auto* error = xcb_request_check(c_, cookie);
-    std::free(error);
-    return error == nullptr;
-  }
-
-  xcb_connection_t* c_;
-  xcb_window_t root_;
-};
 
 TEST(RandrDisplayManager, ListsTheMonitorsAndSignalsTheirChanges) {
   VirtualDisplay display(1280, 720);
@@ -81,8 +28,8 @@ TEST(RandrDisplayManager, ListsTheMonitorsAndSignalsTheirChanges) {
     CO_ASSERT_TRUE((screen.frame == DisplayFrame{0, 0, 1280, 720}));
 
     // A second monitor on the right half: the first stays main, being at the origin.
-    MonitorTool tool(display.name());
-    CO_ASSERT_TRUE(tool.set("TOVU-RIGHT", false, 640, 640, 720));
+    ScreenPainter tool(display.name());
+    CO_ASSERT_TRUE(tool.setMonitor("TOVU-RIGHT", 640, 0, 640, 720, false));
     const auto added = co_await nextWithin(*changes, 5s);
     CO_ASSERT_TRUE(added.has_value());
     const auto two = co_await manager.displays();
@@ -95,7 +42,8 @@ TEST(RandrDisplayManager, ListsTheMonitorsAndSignalsTheirChanges) {
 
     // Made primary, it is main, and the origin moves to its top left corner. (Xvfb refuses to
     // replace a monitor under the same name, so it is deleted and set again.)
-    CO_ASSERT_TRUE(tool.remove("TOVU-RIGHT") && tool.set("TOVU-RIGHT", true, 640, 640, 720));
+    CO_ASSERT_TRUE(tool.deleteMonitor("TOVU-RIGHT") &&
+                   tool.setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true));
     const auto madePrimary = co_await nextWithin(*changes, 5s);
     CO_ASSERT_TRUE(madePrimary.has_value());
     const auto swapped = co_await manager.displays();
@@ -105,7 +53,7 @@ TEST(RandrDisplayManager, ListsTheMonitorsAndSignalsTheirChanges) {
     CO_ASSERT_TRUE(swapped[1].id == screen.id && !swapped[1].isMain);
     CO_ASSERT_TRUE((swapped[1].frame == DisplayFrame{-640, 0, 1280, 720}));
 
-    CO_ASSERT_TRUE(tool.remove("TOVU-RIGHT"));
+    CO_ASSERT_TRUE(tool.deleteMonitor("TOVU-RIGHT"));
     const auto removed = co_await nextWithin(*changes, 5s);
     CO_ASSERT_TRUE(removed.has_value());
     const auto back = co_await manager.displays();

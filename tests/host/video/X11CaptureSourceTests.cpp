@@ -3,13 +3,9 @@
 #include "host/video/X11CaptureSource.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/uio.h>
-#include <xcb/randr.h>
-#include <xcb/xcb.h>
-#include <xcb/xcbext.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdint>
 #include <functional>
 #include <limits>
 #include <string>
@@ -18,6 +14,7 @@
 #include "host/video/CaptureClock.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 #include "tests/support/AsyncTest.hpp"
+#include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
 namespace kelvaron::host {
@@ -30,78 +27,13 @@ constexpr std::uint32_t kYellow = 0xffff00;
 const NormalizedRect kWhole{0, 0, 1, 1};
 const NormalizedRect kBottomRight{0.5f, 0.5f, 0.5f, 0.5f};
 
-// Draws on the root window through a connection of its own, as any other client would.
-class Painter {
- public:
-  explicit Painter(const std::string& displayName)
-      : connection_(xcb_connect(displayName.c_str(), nullptr)) {
-    root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
-    gc_ = xcb_generate_id(connection_);
-    xcb_create_gc(connection_, gc_, root_, 0, nullptr);
-  }
-  ~Painter() { xcb_disconnect(connection_); }
-
-  void fill(std::uint32_t rgb, std::int16_t x, std::int16_t y, std::uint16_t width,
-            std::uint16_t height) {
-    xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND, &rgb);
-    const xcb_rectangle_t rect{x, y, width, height};
-    xcb_poly_fill_rectangle(connection_, root_, gc_, 1, &rect);
-    sync();
-  }
-
-  // Quadrants of a 1280x720 screen: red, green above; blue, white below.
-  void drawQuadrants() {
-    fill(kRed, 0, 0, 640, 360);
-    fill(kGreen, 640, 0, 640, 360);
-    fill(kBlue, 0, 360, 640, 360);
-    fill(kWhite, 640, 360, 640, 360);
-  }
-
-  // A RANDR monitor without outputs, as a user may define one for a part of a screen.
-  void setMonitor(const std::string& name, std::int16_t x, std::int16_t y, std::uint16_t width,
-                  std::uint16_t height, bool primary) {
-    // Sent by hand: libxcb's own xcb_randr_set_monitor of this Debian release sends a request of
-    // a wrong length, which ends the connection.
-    struct {
-      xcb_randr_set_monitor_request_t header;
-      xcb_randr_monitor_info_t info;
-    } request{};
-    request.header.minor_opcode = XCB_RANDR_SET_MONITOR;
-    request.header.window = root_;
-    request.info.name = atom(name);
-    request.info.primary = primary;
-    request.info.x = x;
-    request.info.y = y;
-    request.info.width = width;
-    request.info.height = height;
-    iovec parts[3]{};  // xcb uses the two before the request
-    parts[2] = {&request, sizeof request};
-    const xcb_protocol_request_t protocol{1, &xcb_randr_id, XCB_RANDR_SET_MONITOR, 1};
-    xcb_send_request(connection_, 0, parts + 2, &protocol);
-    sync();
-  }
-  void deleteMonitor(const std::string& name) {
-    xcb_randr_delete_monitor(connection_, root_, atom(name));
-    sync();
-  }
-
- private:
-  xcb_atom_t atom(const std::string& name) {
-    auto* reply = xcb_intern_atom_reply(
-        connection_, xcb_intern_atom(connection_, 0, std::uint16_t(name.size()), name.c_str()),
-        nullptr);
-    const xcb_atom_t result = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
-    std::free(reply);
-    return result;
-  }
-  void sync() {
-    std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
-  }
-
-  xcb_connection_t* connection_;
-  xcb_window_t root_ = 0;
-  xcb_gcontext_t gc_ = 0;
-};
+// Quadrants of a 1280x720 screen: red, green above; blue, white below.
+void drawQuadrants(ScreenPainter& painter) {
+  painter.fill(kRed, 0, 0, 640, 360);
+  painter.fill(kGreen, 640, 0, 640, 360);
+  painter.fill(kBlue, 0, 360, 640, 360);
+  painter.fill(kWhite, 640, 360, 640, 360);
+}
 
 std::uint32_t pixelAt(const PixelBuffer& buffer, int x, int y) {
   const std::uint8_t* p = &buffer.bytes[std::size_t(y * buffer.stride + x * 4)];
@@ -172,11 +104,11 @@ asio::awaitable<DisplayInfo> mainDisplay(asio::io_context& io, const VirtualDisp
 }
 
 // The four quadrants drawn on `display`, its main display, and a capture source on it, for `body`.
-void runOnQuadrants(
-    VirtualDisplay& display,
-    const std::function<asio::awaitable<void>(Painter&, const DisplayInfo&, Capture&)>& body) {
-  Painter painter(display.name());
-  painter.drawQuadrants();
+void runOnQuadrants(VirtualDisplay& display,
+                    const std::function<asio::awaitable<void>(ScreenPainter&, const DisplayInfo&,
+                                                              Capture&)>& body) {
+  ScreenPainter painter(display.name());
+  drawQuadrants(painter);
   runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
     const DisplayInfo main = co_await mainDisplay(io, display);
     Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
@@ -188,7 +120,8 @@ TEST(X11CaptureSource, CapturedPixelsShowTheScreenCopiedOrScaled) {
   VirtualDisplay display(1280, 720);
   SKIP_WITHOUT_DISPLAY(display);
   runOnQuadrants(
-      display, [&](Painter&, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+      display,
+      [&](ScreenPainter&, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
         const std::uint64_t before = monotonicRawNs();
         co_await capture.start(main, kWhole, 1280, 720);
         const CapturedFrame same = co_await capture.next();
@@ -237,7 +170,8 @@ TEST(X11CaptureSource, AStillScreenYieldsOneFrameEachChangeAnotherAndAStopNone) 
   SKIP_WITHOUT_DISPLAY(display);
   runOnQuadrants(
       display,
-      [&](Painter& painter, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+      [&](ScreenPainter& painter, const DisplayInfo& main,
+          Capture& capture) -> asio::awaitable<void> {
         co_await capture.start(main, kWhole, 640, 360);
         auto first = co_await capture.next();
         const auto still = co_await nextWithin(*capture.frames, 700ms);
@@ -284,7 +218,8 @@ TEST(X11CaptureSource, AViewportUpdateTagsFramesFromWhenItIsInForce) {
   SKIP_WITHOUT_DISPLAY(display);
   runOnQuadrants(
       display,
-      [&](Painter& painter, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+      [&](ScreenPainter& painter, const DisplayInfo& main,
+          Capture& capture) -> asio::awaitable<void> {
         co_await capture.start(main, kWhole, 640, 360);
         co_await capture.next();
 
@@ -317,7 +252,8 @@ TEST(X11CaptureSource, BadGeometryIsRefusedOrClampedAndCaptureGoesOn) {
   SKIP_WITHOUT_DISPLAY(display);
   runOnQuadrants(
       display,
-      [&](Painter& painter, const DisplayInfo& main, Capture& capture) -> asio::awaitable<void> {
+      [&](ScreenPainter& painter, const DisplayInfo& main,
+          Capture& capture) -> asio::awaitable<void> {
         co_await capture.start(main, kWhole, 640, 360);
         co_await capture.next();
 
@@ -378,9 +314,9 @@ TEST(X11CaptureSource, StartAndUpdateFailWithClearErrors) {
 TEST(X11CaptureSource, FollowsDisplaysAndRefusesOneThatVanished) {
   VirtualDisplay display(1280, 720);
   SKIP_WITHOUT_DISPLAY(display);
-  Painter painter(display.name());
-  painter.drawQuadrants();
-  painter.setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true);
+  ScreenPainter painter(display.name());
+  drawQuadrants(painter);
+  ASSERT_TRUE(painter.setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true));
   runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
     RandrDisplayManager manager(io.get_executor(), display.name());
     const auto displays = co_await manager.displays();
@@ -411,7 +347,7 @@ TEST(X11CaptureSource, FollowsDisplaysAndRefusesOneThatVanished) {
     CO_ASSERT_TRUE(quadrantColours(*bottomRight.pixelBuffer) ==
                    (std::vector<std::uint32_t>(4, kWhite)));
 
-    painter.deleteMonitor("TOVU-RIGHT");
+    CO_ASSERT_TRUE(painter.deleteMonitor("TOVU-RIGHT"));
     std::string refusal;
     try {
       co_await capture.update(right, kBottomRight, 160, 180);
