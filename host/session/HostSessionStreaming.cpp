@@ -2,6 +2,7 @@
 // runs at all; the video stack, the client's feedback and the per-second statistics.
 
 #include <algorithm>
+#include <utility>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/post.hpp>
@@ -184,8 +185,7 @@ void HostSession::captureEnded(const std::shared_ptr<CaptureSource>& source,
 
 asio::awaitable<void> HostSession::stopCapture() {
   // Cleared first, so that whatever runs during the stop sees no capture.
-  const auto source = std::move(capture_);
-  capture_.reset();
+  const auto source = std::exchange(capture_, nullptr);
   captureStarted_ = false;
   if (source) co_await source->stop();
 }
