@@ -21,8 +21,10 @@ packages=(
   # video: X11 capture (MIT-SHM, DAMAGE, RANDR), pixel conversion, HEVC through libavcodec
   libxcb1-dev libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-randr0-dev libyuv-dev
   libavcodec-dev libavutil-dev
-  # capture tests: a virtual X server
-  xvfb
+  # input: XTest injection, the server's keymap through libxkbcommon
+  libxcb-xtest0-dev libxcb-xkb-dev libxkbcommon-dev libxkbcommon-x11-dev xkb-data
+  # capture and input tests: a virtual X server, and keyboard layouts switched on it
+  xvfb x11-xkb-utils
 )
 
 missing=()

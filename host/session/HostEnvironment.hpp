@@ -8,6 +8,8 @@
 #include <string>
 
 #include "host/app/PowerManaging.hpp"
+#include "host/input/ClickRecord.hpp"
+#include "host/input/InputInjector.hpp"
 #include "host/video/CaptureSource.hpp"
 #include "host/video/DisplayProviding.hpp"
 #include "host/video/EncoderFactory.hpp"
@@ -25,6 +27,9 @@ struct HostEnvironment {
   std::shared_ptr<DisplayProviding> displays;
   CaptureFactory makeCapture;
   std::shared_ptr<EncoderFactory> encoders;
+  // One for the process: every session moves the same pointer.
+  std::shared_ptr<InputInjector> injector;
+  std::shared_ptr<ClickRecord> clicks = std::make_shared<ClickRecord>();
   // How long the picture must stand still before it is sent once more at high quality.
   std::chrono::duration<double> idleRefreshDelay{0.15};
   std::chrono::duration<double> statsInterval{1.0};

@@ -119,6 +119,12 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     handleFeedback(feedback->feedback);
   } else if (const auto* video = std::get_if<msg::setVideoEnabled>(&message)) {
     co_await setVideoEnabledFlag(video->enabled);
+  } else if (const auto* key = std::get_if<msg::key>(&message)) {
+    env_.injector->injectKey(key->event);
+  } else if (const auto* text = std::get_if<msg::text>(&message)) {
+    env_.injector->injectText(text->text);
+  } else if (const auto* pointer = std::get_if<msg::pointer>(&message)) {
+    co_await handlePointer(pointer->event, pointer->seq);
   }
 }
 
@@ -309,6 +315,8 @@ asio::awaitable<void> HostSession::teardown() {
   }
   for (const Task& task : tasks_) task.cancel();
   tasks_.clear();
+  // No key or button of this session stays down once it is gone.
+  env_.injector->releaseAll();
   if (pipeline_) pipeline_->stop();
   pipeline_.reset();
   co_await stopCapture();

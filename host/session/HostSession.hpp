@@ -95,6 +95,9 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   asio::awaitable<void> refreshDisplays();
   void handleFeedback(const Feedback& feedback);
   void statsTick();
+
+  // Input (HostSessionInput.cpp).
+  asio::awaitable<void> handlePointer(const PointerEvent& event, std::uint32_t seq);
   void report() const;
 
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
@@ -123,6 +126,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
     std::int64_t bytes = 0;
   };
   std::optional<StatsMark> lastStats_;
+  std::uint32_t lastAppliedSeq_ = 0;
   double lastLoggedFeedback_ = 0;
   std::optional<std::uint32_t> assertionID_;
   bool keepAwake_ = true;

@@ -10,6 +10,7 @@
 
 #include "host/session/HostSession.hpp"
 #include "host/video/CodecProfileNames.hpp"
+#include "kit/async/Uptime.hpp"
 
 namespace kelvaron::host {
 
@@ -18,11 +19,6 @@ namespace {
 const std::string kRemoteModeNote = "Remote mode (no video)";
 const std::string kNoDisplaysNote = "No displays available";
 constexpr double kFeedbackLogInterval = 5;  // seconds between lines of a quiet client
-
-double uptimeSeconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 

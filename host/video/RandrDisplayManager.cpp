@@ -39,14 +39,47 @@ std::uint32_t displayIDForMonitorName(std::string_view name) {
   return hash == 0 ? 1 : hash;
 }
 
-std::vector<DisplayInfo> displayListFromMonitors(const std::vector<RandrMonitor>& monitors) {
-  if (monitors.empty()) return {};
+std::size_t mainMonitorIndex(const std::vector<RandrMonitor>& monitors) {
   auto main = std::ranges::find_if(monitors, &RandrMonitor::primary);
   if (main == monitors.end()) {
     main =
         std::ranges::find_if(monitors, [](const RandrMonitor& m) { return m.x == 0 && m.y == 0; });
   }
-  if (main == monitors.end()) main = monitors.begin();
+  return main == monitors.end() ? 0 : std::size_t(main - monitors.begin());
+}
+
+std::vector<RandrMonitor> queryMonitors(xcb_connection_t* c, xcb_window_t root,
+                                        std::vector<xcb_atom_t>* nameAtoms) {
+  static const Logger log("io.dovka.tovu.host", "display");
+  xcb_generic_error_t* error = nullptr;
+  const Reply<xcb_randr_get_monitors_reply_t> reply(
+      xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, root, 1), &error));
+  if (!reply) {
+    if (error) log.error("The X server refused the list of monitors: error %u", error->error_code);
+    std::free(error);
+    return {};  // a broken connection is its owner's to report
+  }
+  // The reply's own length bounds what is read of it, whatever its counts say.
+  const auto* end = reinterpret_cast<const char*>(reply.get()) + 32 + 4 * std::size_t{reply->length};
+  std::vector<RandrMonitor> monitors;
+  for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
+       xcb_randr_monitor_info_next(&it)) {
+    const auto* m = it.data;
+    const auto* mEnd = reinterpret_cast<const char*>(m) + sizeof(*m);
+    if (mEnd > end || mEnd + 4 * std::size_t{m->nOutput} > end) {
+      log.error("The X server's list of monitors is cut short; %zu of %d kept", monitors.size(),
+                static_cast<int>(reply->nMonitors));
+      break;
+    }
+    monitors.push_back({{}, m->primary != 0, m->x, m->y, m->width, m->height});
+    if (nameAtoms) nameAtoms->push_back(m->name);
+  }
+  return monitors;
+}
+
+std::vector<DisplayInfo> displayListFromMonitors(const std::vector<RandrMonitor>& monitors) {
+  if (monitors.empty()) return {};
+  const auto main = monitors.begin() + std::ptrdiff_t(mainMonitorIndex(monitors));
 
   // IDs in the order of names, so that a clash of hashes is settled the same way every time.
   std::map<std::string, std::uint32_t> ids;
@@ -183,34 +216,8 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
   }
 
   std::vector<RandrMonitor> readMonitors() {
-    auto* c = connection->get();
-    xcb_generic_error_t* error = nullptr;
-    const Reply<xcb_randr_get_monitors_reply_t> reply(
-        xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, connection->root(), 1), &error));
-    if (!reply) {
-      if (error) {
-        log.error("The X server refused the list of monitors: error %u", error->error_code);
-      }
-      std::free(error);
-      return {};  // a broken connection is reported by its closed handler
-    }
-    // The reply's own length bounds what is read of it, whatever its counts say.
-    const auto* end =
-        reinterpret_cast<const char*>(reply.get()) + 32 + 4 * std::size_t{reply->length};
-    std::vector<RandrMonitor> monitors;
     std::vector<xcb_atom_t> atoms;
-    for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
-         xcb_randr_monitor_info_next(&it)) {
-      const auto* m = it.data;
-      const auto* mEnd = reinterpret_cast<const char*>(m) + sizeof(*m);
-      if (mEnd > end || mEnd + 4 * std::size_t{m->nOutput} > end) {
-        log.error("The X server's list of monitors is cut short; %zu of %d kept", monitors.size(),
-                  static_cast<int>(reply->nMonitors));
-        break;
-      }
-      monitors.push_back({{}, m->primary != 0, m->x, m->y, m->width, m->height});
-      atoms.push_back(m->name);
-    }
+    auto monitors = queryMonitors(connection->get(), connection->root(), &atoms);
     const auto names = namesOf(atoms);
     for (std::size_t i = 0; i < monitors.size(); ++i) monitors[i].name = names[i];
     return monitors;

@@ -1,0 +1,477 @@
+#include "host/input/XTestInjector.hpp"
+
+#include <xcb/xcb.h>
+#include <xcb/xtest.h>
+// xcb's XKB header names a field after a C++ keyword.
+#define explicit explicit_
+#include <xcb/xkb.h>
+#undef explicit
+#include <xkbcommon/xkbcommon-x11.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "host/input/HIDKeyNames.hpp"
+#include "host/input/KeyboardLayout.hpp"
+#include "host/video/RandrDisplayManager.hpp"
+#include "host/video/X11Connection.hpp"
+#include "kit/async/Uptime.hpp"
+
+namespace kelvaron::host {
+
+namespace {
+
+struct FreeReply {
+  void operator()(void* reply) const { std::free(reply); }
+};
+template <class T>
+using Reply = std::unique_ptr<T, FreeReply>;
+
+// How long a spare key keeps its character after the last key stroke on it: clients read the
+// stroke with the mapping of their own time, and must have read the temporary one first.
+constexpr std::chrono::milliseconds kSpareKeyHold{30};
+
+// The code points of UTF-8 text; a malformed sequence costs its first byte only.
+std::vector<char32_t> codePoints(const std::string& text) {
+  std::vector<char32_t> points;
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* end = p + text.size();
+  while (p < end) {
+    const unsigned char lead = *p;
+    const int length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3
+                                       : (lead >> 3) == 0x1E ? 4 : 0;
+    if (length == 0 || end - p < length) {
+      ++p;
+      continue;
+    }
+    char32_t c = length == 1 ? lead : lead & (0x7F >> length);
+    bool wellFormed = true;
+    for (int i = 1; i < length; ++i) {
+      wellFormed = wellFormed && (p[i] & 0xC0) == 0x80;
+      c = (c << 6) | (p[i] & 0x3F);
+    }
+    const char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (!wellFormed || c < smallest[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+      ++p;
+      continue;
+    }
+    points.push_back(c);
+    p += length;
+  }
+  return points;
+}
+
+bool isControl(char32_t c) { return c < 32 || c == 127 || (c >= 0x80 && c < 0xA0); }
+
+std::uint8_t buttonNumber(PointerButton button) {
+  switch (button) {
+    case PointerButton::left:
+      return 1;
+    case PointerButton::middle:
+      return 2;
+    case PointerButton::right:
+      return 3;
+  }
+  return 1;
+}
+
+}  // namespace
+
+// One connection to the X server, with what was learnt of it.
+struct XTestInjector::Server {
+  xcb_connection_t* c = nullptr;
+  xcb_window_t root = 0;
+  xkb_context* xkb = nullptr;
+  std::int32_t keyboard = -1;  // the core keyboard's XKB device
+  xcb_atom_t rulesNames = XCB_ATOM_NONE;
+  std::unique_ptr<KeyboardLayout> layout;
+  std::string layoutIdentity;
+
+  ~Server() {
+    layout.reset();
+    if (xkb) xkb_context_unref(xkb);
+    if (c) xcb_disconnect(c);
+  }
+
+  // Throws std::runtime_error with a text for a person.
+  static std::unique_ptr<Server> open(const std::string& displayName) {
+    auto server = std::make_unique<Server>();
+    int screenNumber = 0;
+    server->c = xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber);
+    if (const int error = xcb_connection_has_error(server->c)) {
+      throw std::runtime_error(describeX11Error(error));
+    }
+    auto screens = xcb_setup_roots_iterator(xcb_get_setup(server->c));
+    for (int i = 0; i < screenNumber && screens.rem > 0; ++i) xcb_screen_next(&screens);
+    server->root = screens.data->root;
+    const auto* xtest = xcb_get_extension_data(server->c, &xcb_test_id);
+    if (!xtest || !xtest->present) throw std::runtime_error("The X server has no XTEST extension.");
+    if (!xkb_x11_setup_xkb_extension(server->c, XKB_X11_MIN_MAJOR_XKB_VERSION,
+                                     XKB_X11_MIN_MINOR_XKB_VERSION,
+                                     XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr,
+                                     nullptr, nullptr)) {
+      throw std::runtime_error("The X server has no usable XKB extension.");
+    }
+    server->keyboard = xkb_x11_get_core_keyboard_device_id(server->c);
+    server->xkb = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
+    if (server->keyboard < 0 || !server->xkb) {
+      throw std::runtime_error("The X server's keyboard cannot be read.");
+    }
+    const Reply<xcb_intern_atom_reply_t> atom(xcb_intern_atom_reply(
+        server->c, xcb_intern_atom(server->c, 0, 16, "_XKB_RULES_NAMES"), nullptr));
+    if (atom) server->rulesNames = atom->atom;
+    return server;
+  }
+
+  // The layout's name as setxkbmap and desktops set it on the root window, and the layout (group)
+  // in force: a change of either means another keymap.
+  std::string layoutIdentityNow(xkb_layout_index_t group) {
+    std::string identity = std::to_string(group) + ":";
+    const Reply<xcb_get_property_reply_t> names(xcb_get_property_reply(
+        c, xcb_get_property(c, 0, root, rulesNames, XCB_ATOM_STRING, 0, 1024), nullptr));
+    if (names) {
+      identity.append(static_cast<const char*>(xcb_get_property_value(names.get())),
+                      std::size_t(xcb_get_property_value_length(names.get())));
+    }
+    return identity;
+  }
+
+  struct KeyboardState {
+    std::uint8_t depressed = 0;  // modifier masks
+    std::uint8_t locked = 0;
+    xkb_layout_index_t group = 0;
+  };
+  KeyboardState keyboardState() {
+    const Reply<xcb_xkb_get_state_reply_t> state(
+        xcb_xkb_get_state_reply(c, xcb_xkb_get_state(c, XCB_XKB_ID_USE_CORE_KBD), nullptr));
+    if (!state) return {};
+    return {state->baseMods, state->lockedMods, xkb_layout_index_t(state->group)};
+  }
+};
+
+// Which modifiers a key stroke wants down, and caps lock on or off.
+struct XTestInjector::Modifiers {
+  bool shift = false, control = false, alt = false, super = false, level3 = false;
+  std::optional<bool> capsLock;  // absent: left as it is
+
+  static Modifiers of(ModifierFlags flags) {
+    const std::uint8_t f = flags.rawValue;
+    // The function key (0x10) has no counterpart on X11.
+    return {(f & 0x01) != 0, (f & 0x02) != 0, (f & 0x04) != 0, (f & 0x08) != 0, false,
+            (f & 0x20) != 0};
+  }
+};
+
+XTestInjector::XTestInjector(std::string displayName) : displayName_(std::move(displayName)) {}
+
+XTestInjector::~XTestInjector() = default;
+
+bool XTestInjector::ensureServer() {
+  if (server_ && !xcb_connection_has_error(server_->c)) return true;
+  if (server_) {
+    // The keys and buttons went with the server.
+    server_.reset();
+    heldKeys_.clear();
+    heldButtons_.clear();
+  }
+  try {
+    server_ = Server::open(displayName_);
+  } catch (const std::exception& failure) {
+    if (!reportedNoServer_) log_.error("No input to the X server: %s", failure.what());
+    reportedNoServer_ = true;
+    return false;
+  }
+  reportedNoServer_ = false;
+  return true;
+}
+
+const KeyboardLayout* XTestInjector::currentLayout() {
+  const auto state = server_->keyboardState();
+  std::string identity = server_->layoutIdentityNow(state.group);
+  if (server_->layout && identity == server_->layoutIdentity) return server_->layout.get();
+  xkb_keymap* keymap = xkb_x11_keymap_new_from_device(server_->xkb, server_->c, server_->keyboard,
+                                                      XKB_KEYMAP_COMPILE_NO_FLAGS);
+  if (!keymap) {
+    log_.error("The X server's keymap cannot be read");
+    return nullptr;
+  }
+  server_->layout = std::make_unique<KeyboardLayout>(keymap, state.group);
+  server_->layoutIdentity = std::move(identity);
+  xkb_keymap_unref(keymap);
+  return server_->layout.get();
+}
+
+// ---- Keys ----
+
+void XTestInjector::injectKey(const KeyEvent& event) {
+  std::lock_guard guard(lock_);
+  const auto name = xkbKeyName(event.usage);
+  if (!name) {
+    log_.error("Tovu: no virtual key for HID usage 0x%X", unsigned(event.usage.rawValue));
+    return;
+  }
+  if (!ensureServer()) return;
+  const KeyboardLayout* layout = currentLayout();
+  if (!layout) return;
+  const auto key = layout->keycode(*name);
+  if (!key || *key > 255) {  // the protocol's key codes are one byte
+    log_.error("The keymap has no key %.*s", int(name->size()), name->data());
+    return;
+  }
+  // On the Mac the flags of an event are its modifiers whatever the keyboard's state; here the
+  // server's state is the only one, so it is made to match before the key goes out. A modifier
+  // key changes that state itself.
+  if (!isModifierUsage(event.usage)) applyModifiers(*layout, Modifiers::of(event.modifiers));
+  sendKey(*key, event.isDown);
+  xcb_flush(server_->c);
+}
+
+void XTestInjector::applyModifiers(const KeyboardLayout& layout, const Modifiers& wanted) {
+  const auto state = server_->keyboardState();
+  struct Role {
+    bool wanted;
+    xkb_mod_mask_t mask;  // 0: the keymap has no such modifier
+    std::optional<std::uint32_t> press;
+    std::vector<std::optional<std::uint32_t>> release;
+  };
+  const Role roles[] = {
+      {wanted.shift, layout.modifierMask(XKB_MOD_NAME_SHIFT), layout.shiftKey(),
+       {layout.shiftKey(), layout.keycode("LFSH"), layout.keycode("RTSH")}},
+      {wanted.control, layout.modifierMask(XKB_MOD_NAME_CTRL), layout.keycode("LCTL"),
+       {layout.keycode("LCTL"), layout.keycode("RCTL")}},
+      {wanted.alt, layout.modifierMask(XKB_MOD_NAME_ALT), layout.keycode("LALT"),
+       {layout.keycode("LALT"), layout.keycode("RALT")}},
+      {wanted.super, layout.modifierMask(XKB_MOD_NAME_LOGO), layout.keycode("LWIN"),
+       {layout.keycode("LWIN"), layout.keycode("RWIN")}},
+      {wanted.level3, layout.levelThreeMask(), layout.optionKey(),
+       {layout.optionKey(), layout.keycode("RALT")}},
+  };
+  for (const Role& role : roles) {
+    if (!role.mask) continue;
+    const bool down = (state.depressed & role.mask) != 0;
+    if (role.wanted && !down && role.press) sendKey(*role.press, true);
+    if (!role.wanted && down) {
+      for (const auto& key : role.release) {
+        // The server drops the release of a key that is not down.
+        if (key) sendKey(*key, false);
+      }
+    }
+  }
+  const xkb_mod_mask_t lock = layout.modifierMask(XKB_MOD_NAME_CAPS);
+  const auto capsKey = layout.keycode("CAPS");
+  if (wanted.capsLock && lock && capsKey && *wanted.capsLock != ((state.locked & lock) != 0)) {
+    tapKey(*capsKey);
+  }
+}
+
+void XTestInjector::sendKey(std::uint32_t keycode, bool isDown) {
+  xcb_test_fake_input(server_->c, isDown ? XCB_KEY_PRESS : XCB_KEY_RELEASE, std::uint8_t(keycode),
+                      XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  if (isDown) {
+    heldKeys_.insert(keycode);
+  } else {
+    heldKeys_.erase(keycode);
+  }
+}
+
+void XTestInjector::tapKey(std::uint32_t keycode) {
+  sendKey(keycode, true);
+  sendKey(keycode, false);
+}
+
+// ---- Text ----
+
+void XTestInjector::injectText(const std::string& text) {
+  std::lock_guard guard(lock_);
+  if (!ensureServer()) return;
+  const KeyboardLayout* layout = currentLayout();
+  if (!layout) return;
+  // Caps lock would turn the layout's letters around; it is off while typing, then as it was.
+  const bool capsWasOn = (server_->keyboardState().locked & layout->modifierMask(XKB_MOD_NAME_CAPS)) != 0;
+  std::size_t skipped = 0, spareUsed = 0;
+  for (const char32_t c : codePoints(text)) {
+    if (isControl(c) && c != U'\n' && c != U'\t') {
+      ++skipped;
+      continue;
+    }
+    if (const auto stroke = layout->keystroke(c)) {
+      Modifiers wanted{stroke->shift, false, false, false, stroke->option, false};
+      applyModifiers(*layout, wanted);
+      tapKey(stroke->keycode);
+    } else {
+      typeOnSpareKey(*layout, c, spareUsed);
+    }
+  }
+  Modifiers none;
+  if (capsWasOn) none.capsLock = true;
+  applyModifiers(*layout, none);
+  restoreSpareKeys(*layout, spareUsed);
+  xcb_flush(server_->c);
+  if (skipped > 0) log_.info("Tovu: %zu control characters of a text skipped", skipped);
+}
+
+// The character goes on the next spare key, which keeps it until the text is done; when the spare
+// keys run out they are given back, and used again.
+void XTestInjector::typeOnSpareKey(const KeyboardLayout& layout, char32_t character,
+                                   std::size_t& spareUsed) {
+  const auto& spare = layout.spareKeycodes();
+  const xkb_keysym_t symbol = xkb_utf32_to_keysym(character);
+  if (spare.empty() || symbol == XKB_KEY_NoSymbol) {
+    log_.error("Tovu: no key for U+%04X in the current layout, skipped", unsigned(character));
+    return;
+  }
+  if (spareUsed == spare.size()) {
+    restoreSpareKeys(layout, spareUsed);
+    spareUsed = 0;
+  }
+  const std::uint32_t key = spare[spareUsed++];
+  const xcb_keysym_t symbols[2] = {symbol, symbol};
+  xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, symbols);
+  applyModifiers(layout, Modifiers{});
+  tapKey(key);
+}
+
+void XTestInjector::restoreSpareKeys(const KeyboardLayout& layout, std::size_t spareUsed) {
+  if (spareUsed == 0) return;
+  xcb_flush(server_->c);
+  std::this_thread::sleep_for(kSpareKeyHold);
+  const xcb_keysym_t none[2] = {XCB_NO_SYMBOL, XCB_NO_SYMBOL};
+  for (std::size_t i = 0; i < spareUsed; ++i) {
+    xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(layout.spareKeycodes()[i]), 2, none);
+  }
+}
+
+// ---- The pointer ----
+
+void XTestInjector::injectPointer(const PointerEvent& event,
+                                  const std::optional<DisplayInfo>& display) {
+  std::lock_guard guard(lock_);
+  if (!ensureServer()) return;
+  if (const auto* move = std::get_if<pointer::moveRelative>(&event)) {
+    moveRelative(move->dx, move->dy);
+  } else if (const auto* absolute = std::get_if<pointer::moveAbsolute>(&event)) {
+    if (display) moveAbsolute(*display, absolute->x, absolute->y);
+  } else if (const auto* press = std::get_if<pointer::button>(&event)) {
+    // X11 has no click count: a double click is two clicks in quick succession, as sent.
+    button(press->button, press->isDown);
+  } else if (const auto* wheel = std::get_if<pointer::scroll>(&event)) {
+    scroll(wheel->dx, wheel->dy, wheel->phase);
+  }
+  xcb_flush(server_->c);
+}
+
+std::optional<Point> XTestInjector::currentPointerPosition() {
+  std::lock_guard guard(lock_);
+  if (!ensureServer()) return std::nullopt;
+  resync(uptimeSeconds());
+  return tracker_.position();
+}
+
+// Where the main display's top left corner lies in the root window.
+Point XTestInjector::rootOrigin() {
+  const auto monitors = queryMonitors(server_->c, server_->root);
+  if (monitors.empty()) return {};
+  const RandrMonitor& main = monitors[mainMonitorIndex(monitors)];
+  return {double(main.x), double(main.y)};
+}
+
+void XTestInjector::resync(double now) {
+  const std::optional<Point> expected = tracker_.position();
+  const Reply<xcb_query_pointer_reply_t> pointer(
+      xcb_query_pointer_reply(server_->c, xcb_query_pointer(server_->c, server_->root), nullptr));
+  std::optional<Point> real;
+  if (pointer) {
+    const Point origin = rootOrigin();
+    real = Point{pointer->root_x - origin.x, pointer->root_y - origin.y};
+  }
+  if (tracker_.observe(real, now) && expected) {
+    sessionLog_.info("cursor resync: real %.*f,%.*f vs expected %.*f,%.*f", 1, real->x, 1,
+                     real->y, 1, expected->x, 1, expected->y);
+  }
+}
+
+void XTestInjector::moveTo(Point target) {
+  const Point origin = rootOrigin();
+  const double x = std::round(target.x + origin.x), y = std::round(target.y + origin.y);
+  xcb_test_fake_input(server_->c, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, server_->root,
+                      std::int16_t(std::clamp(x, -32768.0, 32767.0)),
+                      std::int16_t(std::clamp(y, -32768.0, 32767.0)), 0);
+}
+
+void XTestInjector::moveRelative(float dx, float dy) {
+  if (!std::isfinite(dx) || !std::isfinite(dy)) {
+    log_.error("A pointer move by a non-finite distance was dropped");
+    return;
+  }
+  const double now = uptimeSeconds();
+  resync(now);
+  const auto monitors = queryMonitors(server_->c, server_->root);
+  std::vector<DisplayFrame> displays;
+  for (const DisplayInfo& d : displayListFromMonitors(monitors)) displays.push_back(d.frame);
+  const Point base = tracker_.position().value_or(Point{});
+  const Point target = clampToDisplays({base.x + double(dx), base.y + double(dy)}, displays);
+  tracker_.record(target, now);
+  // The Mac's move events also carry the client's deltas, for games; X11's core events have none.
+  moveTo(target);
+}
+
+void XTestInjector::moveAbsolute(const DisplayInfo& display, float x, float y) {
+  auto unit = [](float v) { return std::isnan(v) ? 0.0 : std::clamp(double(v), 0.0, 1.0); };
+  const DisplayFrame& f = display.frame;
+  const Point target{f.x + unit(x) * f.width, f.y + unit(y) * f.height};
+  const double now = uptimeSeconds();
+  resync(now);
+  tracker_.record(target, now);
+  moveTo(target);
+}
+
+void XTestInjector::button(PointerButton which, bool isDown) {
+  resync(uptimeSeconds());
+  sendButton(buttonNumber(which), isDown);
+}
+
+void XTestInjector::sendButton(std::uint8_t number, bool isDown) {
+  xcb_test_fake_input(server_->c, isDown ? XCB_BUTTON_PRESS : XCB_BUTTON_RELEASE, number,
+                      XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  if (isDown) {
+    heldButtons_.insert(number);
+  } else {
+    heldButtons_.erase(number);
+  }
+}
+
+// X11 knows no scroll phases; momentum is more scrolling, as the client sends it. The wheel's
+// buttons: 4 up, 5 down, 6 left, 7 right.
+void XTestInjector::scroll(float dx, float dy, ScrollPhase phase) {
+  if (phase == ScrollPhase::began) scrollRemainder_ = {};
+  const auto pixels = HostScroll::toPixels(dx, dy, scrollRemainder_);
+  if (!pixels) {
+    log_.error("A scroll by a non-finite distance was dropped");
+    return;
+  }
+  const HostScroll::Pixels clicks = HostScroll::toClicks(*pixels, scrollRemainder_);
+  auto turn = [this](std::int32_t count, std::uint8_t positive, std::uint8_t negative) {
+    const std::uint8_t wheel = count > 0 ? positive : negative;
+    for (std::int32_t i = 0; i < std::abs(count); ++i) {
+      sendButton(wheel, true);
+      sendButton(wheel, false);
+    }
+  };
+  turn(clicks.y, 4, 5);
+  turn(clicks.x, 6, 7);
+}
+
+// ---- The end of a session ----
+
+void XTestInjector::releaseAll() {
+  std::lock_guard guard(lock_);
+  if (!server_ || xcb_connection_has_error(server_->c)) return;
+  for (const std::uint32_t key : std::set(heldKeys_)) sendKey(key, false);
+  for (const std::uint8_t number : std::set(heldButtons_)) sendButton(number, false);
+  xcb_flush(server_->c);
+}
+
+}  // namespace kelvaron::host

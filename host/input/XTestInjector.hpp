@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "host/input/HostScroll.hpp"
+#include "host/input/InputInjector.hpp"
+#include "kit/log/Logger.hpp"
+
+namespace kelvaron::host {
+
+class KeyboardLayout;
+
+// Input through the X server's XTEST extension, as if from its own keyboard and mouse. Keys are
+// found by their place on the keyboard in the server's keymap (libxkbcommon); text is typed
+// through the layout in force, and a character the layout lacks is typed on a spare key that
+// carries it for the moment. X11 has no click counts and no scroll phases: a double click is two
+// clicks in quick succession, as the client sends them, and scrolling turns into wheel clicks.
+class XTestInjector : public InputInjector {
+ public:
+  // `displayName` empty: $DISPLAY. Connects at the first event, and again after the server went
+  // away; until then events are dropped.
+  explicit XTestInjector(std::string displayName);
+  ~XTestInjector() override;
+
+  void injectKey(const KeyEvent& event) override;
+  void injectPointer(const PointerEvent& event, const std::optional<DisplayInfo>& display) override;
+  void injectText(const std::string& text) override;
+  std::optional<Point> currentPointerPosition() override;
+  void releaseAll() override;
+
+ private:
+  struct Server;
+  struct Modifiers;
+
+  // All with `lock_` held.
+  bool ensureServer();
+  const KeyboardLayout* currentLayout();
+  void resync(double now);
+  Point rootOrigin();
+  void moveTo(Point target);
+  void moveRelative(float dx, float dy);
+  void moveAbsolute(const DisplayInfo& display, float x, float y);
+  void button(PointerButton which, bool isDown);
+  void scroll(float dx, float dy, ScrollPhase phase);
+  void applyModifiers(const KeyboardLayout& layout, const Modifiers& wanted);
+  void typeOnSpareKey(const KeyboardLayout& layout, char32_t character, std::size_t& spareUsed);
+  void restoreSpareKeys(const KeyboardLayout& layout, std::size_t spareUsed);
+  void sendKey(std::uint32_t keycode, bool isDown);
+  void tapKey(std::uint32_t keycode);
+  void sendButton(std::uint8_t number, bool isDown);
+
+  const std::string displayName_;
+  std::mutex lock_;
+  std::unique_ptr<Server> server_;
+  bool reportedNoServer_ = false;  // one log line for a run of failed connections
+  PointerTracker tracker_;
+  std::set<std::uint32_t> heldKeys_;
+  std::set<std::uint8_t> heldButtons_;  // X button numbers
+  HostScroll::Remainder scrollRemainder_;
+  Logger log_{"io.dovka.tovu.host", "input"};
+  Logger sessionLog_{"io.dovka.tovu.host", "session"};
+};
+
+}  // namespace kelvaron::host

@@ -1,0 +1,163 @@
+#pragma once
+
+// A window covering a test X server's screen, with the keyboard focus, that records the input it
+// gets the way an application sees it: keys turned into text through the server's keymap of the
+// moment (libxkbcommon, as toolkits do), buttons and pointer motion with their root positions.
+
+#include <sys/socket.h>
+#include <xcb/xcb.h>
+#include <xkbcommon/xkbcommon-x11.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kelvaron::test {
+
+class InputRecorder {
+ public:
+  struct Event {
+    enum class Kind { keyPress, keyRelease, buttonPress, buttonRelease, motion };
+    Kind kind = Kind::motion;
+    std::uint8_t detail = 0;  // key code or button number
+    std::uint16_t state = 0;  // modifiers and buttons down before the event
+    std::int16_t x = 0, y = 0;
+    std::string text;  // of a key press
+  };
+
+  explicit InputRecorder(const std::string& displayName)
+      : c_(xcb_connect(displayName.c_str(), nullptr)) {
+    const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c_)).data;
+    xkb_x11_setup_xkb_extension(c_, XKB_X11_MIN_MAJOR_XKB_VERSION, XKB_X11_MIN_MINOR_XKB_VERSION,
+                                XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, nullptr,
+                                nullptr);
+    context_ = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
+    loadKeymap();
+    window_ = xcb_generate_id(c_);
+    const std::uint32_t values[] = {
+        1,  // override-redirect: no window manager is asked
+        XCB_EVENT_MASK_KEY_PRESS | XCB_EVENT_MASK_KEY_RELEASE | XCB_EVENT_MASK_BUTTON_PRESS |
+            XCB_EVENT_MASK_BUTTON_RELEASE | XCB_EVENT_MASK_POINTER_MOTION};
+    xcb_create_window(c_, XCB_COPY_FROM_PARENT, window_, screen->root, 0, 0, screen->width_in_pixels,
+                      screen->height_in_pixels, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                      screen->root_visual, XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
+    xcb_map_window(c_, window_);
+    sync();
+    xcb_set_input_focus(c_, XCB_INPUT_FOCUS_POINTER_ROOT, window_, XCB_CURRENT_TIME);
+    sync();
+    reader_ = std::thread([this] { read(); });
+  }
+
+  ~InputRecorder() {
+    // Ends the reader's wait: xcb finds its connection closed. The window goes with it.
+    ::shutdown(xcb_get_file_descriptor(c_), SHUT_RDWR);
+    reader_.join();
+    if (state_) xkb_state_unref(state_);
+    if (keymap_) xkb_keymap_unref(keymap_);
+    xkb_context_unref(context_);
+    xcb_disconnect(c_);
+  }
+
+  // Takes what has come so far, after waiting until `count` events have or `timeout` passed.
+  std::vector<Event> take(std::size_t count,
+                          std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    std::unique_lock guard(lock_);
+    arrived_.wait_for(guard, timeout, [&] { return events_.size() >= count; });
+    return std::exchange(events_, {});
+  }
+
+  // The text of the key presses among `events`.
+  static std::string typed(const std::vector<Event>& events) {
+    std::string text;
+    for (const Event& e : events) {
+      if (e.kind == Event::Kind::keyPress) text += e.text;
+    }
+    return text;
+  }
+
+ private:
+  void sync() { std::free(xcb_get_input_focus_reply(c_, xcb_get_input_focus(c_), nullptr)); }
+
+  void loadKeymap() {
+    const std::int32_t device = xkb_x11_get_core_keyboard_device_id(c_);
+    xkb_keymap* keymap =
+        xkb_x11_keymap_new_from_device(context_, c_, device, XKB_KEYMAP_COMPILE_NO_FLAGS);
+    if (!keymap) return;
+    if (state_) xkb_state_unref(state_);
+    if (keymap_) xkb_keymap_unref(keymap_);
+    keymap_ = keymap;
+    state_ = xkb_state_new(keymap_);
+  }
+
+  void read() {
+    while (xcb_generic_event_t* event = xcb_wait_for_event(c_)) {
+      record(*event);
+      std::free(event);
+    }
+  }
+
+  void record(const xcb_generic_event_t& event) {
+    Event e;
+    switch (event.response_type & 0x7f) {
+      case XCB_MAPPING_NOTIFY:
+        loadKeymap();  // a key given another character, or a new layout
+        return;
+      case XCB_KEY_PRESS:
+      case XCB_KEY_RELEASE: {
+        const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
+        e.kind = (event.response_type & 0x7f) == XCB_KEY_PRESS ? Event::Kind::keyPress
+                                                                : Event::Kind::keyRelease;
+        e.detail = key.detail;
+        e.state = key.state;
+        if (state_ && e.kind == Event::Kind::keyPress) {
+          xkb_state_update_mask(state_, key.state & 0xFF, 0, 0, 0, 0, (key.state >> 13) & 3);
+          char buffer[64];
+          xkb_state_key_get_utf8(state_, key.detail, buffer, sizeof buffer);
+          e.text = buffer;
+        }
+        break;
+      }
+      case XCB_BUTTON_PRESS:
+      case XCB_BUTTON_RELEASE: {
+        const auto& button = reinterpret_cast<const xcb_button_press_event_t&>(event);
+        e.kind = (event.response_type & 0x7f) == XCB_BUTTON_PRESS ? Event::Kind::buttonPress
+                                                                   : Event::Kind::buttonRelease;
+        e.detail = button.detail;
+        e.state = button.state;
+        e.x = button.root_x;
+        e.y = button.root_y;
+        break;
+      }
+      case XCB_MOTION_NOTIFY: {
+        const auto& motion = reinterpret_cast<const xcb_motion_notify_event_t&>(event);
+        e.state = motion.state;
+        e.x = motion.root_x;
+        e.y = motion.root_y;
+        break;
+      }
+      default:
+        return;
+    }
+    {
+      std::lock_guard guard(lock_);
+      events_.push_back(std::move(e));
+    }
+    arrived_.notify_all();
+  }
+
+  xcb_connection_t* c_;
+  xcb_window_t window_ = 0;
+  xkb_context* context_ = nullptr;
+  xkb_keymap* keymap_ = nullptr;  // touched by the reader only, after construction
+  xkb_state* state_ = nullptr;
+  std::thread reader_;
+  std::mutex lock_;
+  std::condition_variable arrived_;
+  std::vector<Event> events_;
+};
+
+}  // namespace kelvaron::test
