@@ -115,6 +115,24 @@ class FakeCapture : public CaptureSource {
   std::shared_ptr<FakeCaptures> all_;
 };
 
+// Records what reaches the injector.
+class FakeInjector : public InputInjector {
+ public:
+  void injectKey(const KeyEvent& event) override { keys.push_back(event); }
+  void injectPointer(const PointerEvent& event,
+                     const std::optional<DisplayInfo>& display) override {
+    pointer.emplace_back(event, display);
+  }
+  void injectText(const std::string& text) override { texts.push_back(text); }
+  std::optional<Point> currentPointerPosition() override { return Point{12, 34}; }
+  void releaseAll() override { ++releases; }
+
+  std::vector<KeyEvent> keys;
+  std::vector<std::pair<PointerEvent, std::optional<DisplayInfo>>> pointer;
+  std::vector<std::string> texts;
+  int releases = 0;
+};
+
 class FakePower : public PowerManaging {
  public:
   std::vector<std::uint32_t> held;
@@ -169,6 +187,7 @@ struct Harness {
     env.encoders = encoders;
     env.power = power;
     env.makeCapture = [all = captures] { return std::make_shared<FakeCapture>(all); };
+    env.injector = injector;
   }
 
   void start(std::shared_ptr<AuthGate> gate = nullptr, std::optional<Data> key = std::nullopt) {
@@ -226,6 +245,7 @@ struct Harness {
   std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
   std::shared_ptr<FakePower> power = std::make_shared<FakePower>();
   std::shared_ptr<FakeCaptures> captures = std::make_shared<FakeCaptures>();
+  std::shared_ptr<FakeInjector> injector = std::make_shared<FakeInjector>();
   std::vector<CodecProfile> clientProfiles = {CodecProfile::hevcMain};
   HostEnvironment env;
   std::shared_ptr<HostSession> session;
@@ -717,6 +737,47 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
     encoder.output(encoderOutput::failed{"session lost"});
     co_await h.roundTrip();
     EXPECT_EQ(h.lastReport().note, "Encoder: session lost");
+  });
+}
+
+TEST(HostSession, InputReachesTheInjectorAndNothingStaysDownAfterTheEnd) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Harness h(io);
+    bool asleep = false;
+    std::vector<bool> wakeRequests;
+    h.env.isDisplayAsleep = [&asleep] { return asleep; };
+    h.env.onWakeRequested = [&](bool displayAsleep) -> asio::awaitable<void> {
+      wakeRequests.push_back(displayAsleep);
+      asleep = false;
+      co_return;
+    };
+    h.start();
+    co_await h.open();
+    const int activityAtHello = h.power->activityDeclared;
+    wakeRequests.clear();
+    asleep = true;
+    const KeyEvent key{{0x04}, true, {0x01}};
+    h.client->send(msg::key{key});
+    h.client->send(msg::text{"Grüße"});
+    // Absolute moves go onto the display they name, or nowhere; a move wakes a sleeping display.
+    h.client->send(msg::pointer{1, pointer::moveAbsolute{1, 0.5f, 0.5f}});
+    h.client->send(msg::pointer{2, pointer::moveAbsolute{99, 0.5f, 0.5f}});
+    h.client->send(msg::pointer{3, pointer::moveRelative{3, 4}});
+    h.client->send(msg::pointer{4, pointer::button{PointerButton::left, true, 1}});
+    co_await h.roundTrip();
+    EXPECT_EQ(h.injector->keys, std::vector<KeyEvent>{key});
+    EXPECT_EQ(h.injector->texts, std::vector<std::string>{"Grüße"});
+    CO_ASSERT_TRUE(h.injector->pointer.size() == 4u);
+    EXPECT_EQ(h.injector->pointer[0].second, h.displays->list[0]);
+    EXPECT_EQ(h.injector->pointer[1].second, std::nullopt);
+    EXPECT_EQ(wakeRequests, std::vector<bool>{true});
+    EXPECT_EQ(h.power->activityDeclared, activityAtHello + 1);
+    const auto click = h.env.clicks->last();
+    CO_ASSERT_TRUE(click.has_value());
+    EXPECT_EQ(click->point, (Point{12, 34}));
+    h.client->close();
+    co_await h.waitForEnd();
+    EXPECT_EQ(h.injector->releases, 1);
   });
 }
 
