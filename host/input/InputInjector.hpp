@@ -21,7 +21,8 @@ class InputInjector {
   // Types UTF-8 text through the keyboard layout in force.
   virtual void injectText(const std::string& text) = 0;
   virtual std::optional<Point> currentPointerPosition() = 0;
-  // Lets go of every key and button that this injector holds down.
+  // Lets go of every key and button that this injector holds down, and undoes what it changed
+  // of the keyboard; for the end of a session.
   virtual void releaseAll() = 0;
 };
 

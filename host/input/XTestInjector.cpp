@@ -30,10 +30,6 @@ struct FreeReply {
 template <class T>
 using Reply = std::unique_ptr<T, FreeReply>;
 
-// How long a spare key keeps its character after the last key stroke on it: clients read the
-// stroke with the mapping of their own time, and must have read the temporary one first.
-constexpr std::chrono::milliseconds kSpareKeyHold{30};
-
 // The code points of UTF-8 text; a malformed sequence costs its first byte only.
 std::vector<char32_t> codePoints(const std::string& text) {
   std::vector<char32_t> points;
@@ -89,6 +85,8 @@ struct XTestInjector::Server {
   xcb_atom_t rulesNames = XCB_ATOM_NONE;
   std::unique_ptr<KeyboardLayout> layout;
   std::string layoutIdentity;
+  // Spare keys given a character, least recently typed first.
+  std::vector<std::pair<char32_t, std::uint32_t>> spareInUse;
 
   ~Server() {
     layout.reset();
@@ -167,7 +165,7 @@ struct XTestInjector::Modifiers {
 
 XTestInjector::XTestInjector(std::string displayName) : displayName_(std::move(displayName)) {}
 
-XTestInjector::~XTestInjector() = default;
+XTestInjector::~XTestInjector() { releaseAll(); }
 
 bool XTestInjector::ensureServer() {
   if (server_ && !xcb_connection_has_error(server_->c)) return true;
@@ -199,6 +197,7 @@ const KeyboardLayout* XTestInjector::currentLayout() {
     return nullptr;
   }
   server_->layout = std::make_unique<KeyboardLayout>(keymap, state.group);
+  server_->spareInUse.clear();  // a new keymap has none of them
   server_->layoutIdentity = std::move(identity);
   xkb_keymap_unref(keymap);
   return server_->layout.get();
@@ -291,7 +290,7 @@ void XTestInjector::injectText(const std::string& text) {
   if (!layout) return;
   // Caps lock would turn the layout's letters around; it is off while typing, then as it was.
   const bool capsWasOn = (server_->keyboardState().locked & layout->modifierMask(XKB_MOD_NAME_CAPS)) != 0;
-  std::size_t skipped = 0, spareUsed = 0;
+  std::size_t skipped = 0;
   for (const char32_t c : codePoints(text)) {
     if (isControl(c) && c != U'\n' && c != U'\t') {
       ++skipped;
@@ -302,46 +301,49 @@ void XTestInjector::injectText(const std::string& text) {
       applyModifiers(*layout, wanted);
       tapKey(stroke->keycode);
     } else {
-      typeOnSpareKey(*layout, c, spareUsed);
+      typeOnSpareKey(*layout, c);
     }
   }
   Modifiers none;
   if (capsWasOn) none.capsLock = true;
   applyModifiers(*layout, none);
-  restoreSpareKeys(*layout, spareUsed);
   xcb_flush(server_->c);
   if (skipped > 0) log_.info("Tovu: %zu control characters of a text skipped", skipped);
 }
 
-// The character goes on the next spare key, which keeps it until the text is done; when the spare
-// keys run out they are given back, and used again.
-void XTestInjector::typeOnSpareKey(const KeyboardLayout& layout, char32_t character,
-                                   std::size_t& spareUsed) {
+// The character goes on a spare key, which keeps it until the session ends: an application reads
+// a key stroke with the mapping it has when it gets round to it, and must not find the key empty
+// again by then. When the spare keys run out, the one typed longest ago is given the character.
+void XTestInjector::typeOnSpareKey(const KeyboardLayout& layout, char32_t character) {
+  auto& inUse = server_->spareInUse;
   const auto& spare = layout.spareKeycodes();
   const xkb_keysym_t symbol = xkb_utf32_to_keysym(character);
   if (spare.empty() || symbol == XKB_KEY_NoSymbol) {
     log_.error("Tovu: no key for U+%04X in the current layout, skipped", unsigned(character));
     return;
   }
-  if (spareUsed == spare.size()) {
-    restoreSpareKeys(layout, spareUsed);
-    spareUsed = 0;
+  auto given = std::ranges::find(inUse, character, &std::pair<char32_t, std::uint32_t>::first);
+  std::uint32_t key;
+  if (given != inUse.end()) {
+    key = given->second;
+    inUse.erase(given);
+  } else {
+    key = inUse.size() < spare.size() ? spare[inUse.size()] : inUse.front().second;
+    if (inUse.size() == spare.size()) inUse.erase(inUse.begin());
+    const xcb_keysym_t symbols[2] = {symbol, symbol};
+    xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, symbols);
   }
-  const std::uint32_t key = spare[spareUsed++];
-  const xcb_keysym_t symbols[2] = {symbol, symbol};
-  xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, symbols);
+  inUse.emplace_back(character, key);
   applyModifiers(layout, Modifiers{});
   tapKey(key);
 }
 
-void XTestInjector::restoreSpareKeys(const KeyboardLayout& layout, std::size_t spareUsed) {
-  if (spareUsed == 0) return;
-  xcb_flush(server_->c);
-  std::this_thread::sleep_for(kSpareKeyHold);
+void XTestInjector::restoreSpareKeys() {
   const xcb_keysym_t none[2] = {XCB_NO_SYMBOL, XCB_NO_SYMBOL};
-  for (std::size_t i = 0; i < spareUsed; ++i) {
-    xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(layout.spareKeycodes()[i]), 2, none);
+  for (const auto& [character, key] : server_->spareInUse) {
+    xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, none);
   }
+  server_->spareInUse.clear();
 }
 
 // ---- The pointer ----
@@ -471,6 +473,7 @@ void XTestInjector::releaseAll() {
   if (!server_ || xcb_connection_has_error(server_->c)) return;
   for (const std::uint32_t key : std::set(heldKeys_)) sendKey(key, false);
   for (const std::uint8_t number : std::set(heldButtons_)) sendButton(number, false);
+  restoreSpareKeys();
   xcb_flush(server_->c);
 }
 

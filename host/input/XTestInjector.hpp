@@ -47,8 +47,8 @@ class XTestInjector : public InputInjector {
   void button(PointerButton which, bool isDown);
   void scroll(float dx, float dy, ScrollPhase phase);
   void applyModifiers(const KeyboardLayout& layout, const Modifiers& wanted);
-  void typeOnSpareKey(const KeyboardLayout& layout, char32_t character, std::size_t& spareUsed);
-  void restoreSpareKeys(const KeyboardLayout& layout, std::size_t spareUsed);
+  void typeOnSpareKey(const KeyboardLayout& layout, char32_t character);
+  void restoreSpareKeys();
   void sendKey(std::uint32_t keycode, bool isDown);
   void tapKey(std::uint32_t keycode);
   void sendButton(std::uint8_t number, bool isDown);

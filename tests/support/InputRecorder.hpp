@@ -29,10 +29,14 @@ class InputRecorder {
     std::string text;  // of a key press
   };
 
+  // The window's connection stays a core client, which the server tells of every keymap change
+  // (MappingNotify); the keymap is read through a second one that speaks XKB.
   explicit InputRecorder(const std::string& displayName)
-      : c_(xcb_connect(displayName.c_str(), nullptr)) {
+      : c_(xcb_connect(displayName.c_str(), nullptr)),
+        keymapConnection_(xcb_connect(displayName.c_str(), nullptr)) {
     const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c_)).data;
-    xkb_x11_setup_xkb_extension(c_, XKB_X11_MIN_MAJOR_XKB_VERSION, XKB_X11_MIN_MINOR_XKB_VERSION,
+    xkb_x11_setup_xkb_extension(keymapConnection_, XKB_X11_MIN_MAJOR_XKB_VERSION,
+                                XKB_X11_MIN_MINOR_XKB_VERSION,
                                 XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, nullptr,
                                 nullptr);
     context_ = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
@@ -59,14 +63,16 @@ class InputRecorder {
     if (state_) xkb_state_unref(state_);
     if (keymap_) xkb_keymap_unref(keymap_);
     xkb_context_unref(context_);
+    xcb_disconnect(keymapConnection_);
     xcb_disconnect(c_);
   }
 
-  // Takes what has come so far, after waiting until `count` events have or `timeout` passed.
-  std::vector<Event> take(std::size_t count,
-                          std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+  // Takes what has come once nothing more has for `quiet`.
+  std::vector<Event> take(std::chrono::milliseconds quiet = std::chrono::milliseconds(300)) {
     std::unique_lock guard(lock_);
-    arrived_.wait_for(guard, timeout, [&] { return events_.size() >= count; });
+    for (std::size_t seen = events_.size();; seen = events_.size()) {
+      if (!arrived_.wait_for(guard, quiet, [&] { return events_.size() > seen; })) break;
+    }
     return std::exchange(events_, {});
   }
 
@@ -83,9 +89,9 @@ class InputRecorder {
   void sync() { std::free(xcb_get_input_focus_reply(c_, xcb_get_input_focus(c_), nullptr)); }
 
   void loadKeymap() {
-    const std::int32_t device = xkb_x11_get_core_keyboard_device_id(c_);
-    xkb_keymap* keymap =
-        xkb_x11_keymap_new_from_device(context_, c_, device, XKB_KEYMAP_COMPILE_NO_FLAGS);
+    const std::int32_t device = xkb_x11_get_core_keyboard_device_id(keymapConnection_);
+    xkb_keymap* keymap = xkb_x11_keymap_new_from_device(context_, keymapConnection_, device,
+                                                        XKB_KEYMAP_COMPILE_NO_FLAGS);
     if (!keymap) return;
     if (state_) xkb_state_unref(state_);
     if (keymap_) xkb_keymap_unref(keymap_);
@@ -114,10 +120,11 @@ class InputRecorder {
         e.detail = key.detail;
         e.state = key.state;
         if (state_ && e.kind == Event::Kind::keyPress) {
-          xkb_state_update_mask(state_, key.state & 0xFF, 0, 0, 0, 0, (key.state >> 13) & 3);
+          xkb_state_update_mask(state_, key.state & 0xFF, 0, 0, 0, 0, 0);
           char buffer[64];
           xkb_state_key_get_utf8(state_, key.detail, buffer, sizeof buffer);
           e.text = buffer;
+          if (e.text == "\r") e.text = "\n";  // Return, as an editor takes it
         }
         break;
       }
@@ -150,6 +157,7 @@ class InputRecorder {
   }
 
   xcb_connection_t* c_;
+  xcb_connection_t* keymapConnection_;
   xcb_window_t window_ = 0;
   xkb_context* context_ = nullptr;
   xkb_keymap* keymap_ = nullptr;  // touched by the reader only, after construction
