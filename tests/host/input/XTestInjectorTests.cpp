@@ -24,6 +24,8 @@ bool setLayout(const VirtualDisplay& x, const std::string& layout) {
   return runCommand({"setxkbmap", "-display", x.name(), layout}).succeeded();
 }
 
+Point at(const InputRecorder::Event& e) { return {double(e.x), double(e.y)}; }
+
 std::vector<InputRecorder::Event> only(const std::vector<InputRecorder::Event>& events, Kind kind) {
   std::vector<InputRecorder::Event> kept;
   std::ranges::copy_if(events, std::back_inserter(kept), [&](auto& e) { return e.kind == kind; });
@@ -69,6 +71,74 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
     ASSERT_EQ(controlled.size(), 1u);
     EXPECT_EQ(controlled[0] & kShiftMask, 0);
   }
+}
+
+TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
+  VirtualDisplay x(2560, 720);
+  SKIP_WITHOUT_DISPLAY(x);
+  // Two monitors side by side; the right one is the main display, so the left lies at -1280.
+  ScreenPainter painter(x.name());
+  ASSERT_TRUE(painter.setMonitor("LEFT", 0, 0, 1280, 720, false));
+  ASSERT_TRUE(painter.setMonitor("RIGHT", 1280, 0, 1280, 720, true));
+  const DisplayInfo left{1, "LEFT", false, 1280, 720, {-1280, 0, 1280, 720}};
+  InputRecorder recorder(x.name());
+  XTestInjector injector(x.name());
+  auto motions = [&] { return only(recorder.take(), Kind::motion); };
+
+  // Absolute moves land on the pixel of the display they name; without a display, nowhere.
+  injector.injectPointer(pointer::moveAbsolute{1, 0.25f, 0.5f}, left);
+  injector.injectPointer(pointer::moveAbsolute{9, 0.9f, 0.9f}, std::nullopt);
+  auto moved = motions();
+  ASSERT_EQ(moved.size(), 1u);
+  EXPECT_EQ(at(moved[0]), (Point{320, 360}));
+  EXPECT_EQ(injector.currentPointerPosition(), (Point{-960, 360}));
+
+  // Relative moves go on from there, and stop at the last pixel of the outermost display.
+  injector.injectPointer(pointer::moveRelative{10.4f, -5.6f}, std::nullopt);
+  injector.injectPointer(pointer::moveRelative{5000, 0}, std::nullopt);
+  injector.injectPointer(pointer::moveRelative{NAN, 0}, std::nullopt);  // dropped
+  moved = motions();
+  ASSERT_EQ(moved.size(), 2u);
+  EXPECT_EQ(at(moved[0]), (Point{330, 354}));
+  EXPECT_EQ(at(moved[1]), (Point{2559, 354}));
+
+  // A double click is two clicks in quick succession; a drag moves with the button down.
+  for (int click = 1; click <= 2; ++click) {
+    injector.injectPointer(pointer::button{PointerButton::left, true, std::uint8_t(click)}, {});
+    injector.injectPointer(pointer::button{PointerButton::left, false, std::uint8_t(click)}, {});
+  }
+  injector.injectPointer(pointer::button{PointerButton::right, true, 1}, {});
+  injector.injectPointer(pointer::moveRelative{-100, 0}, std::nullopt);
+  injector.injectPointer(pointer::button{PointerButton::right, false, 1}, {});
+  const auto clicks = recorder.take();
+  const auto presses = only(clicks, Kind::buttonPress);
+  ASSERT_EQ(presses.size(), 3u);
+  EXPECT_EQ(presses[0].detail, 1);
+  EXPECT_EQ(presses[1].detail, 1);
+  EXPECT_EQ(presses[2].detail, 3);
+  const auto drag = only(clicks, Kind::motion);
+  ASSERT_EQ(drag.size(), 1u);
+  EXPECT_EQ(drag[0].x, 2459);
+  EXPECT_NE(drag[0].state & 1024, 0);  // Button3 held
+
+  // Scrolling: 2 pixels a unit, 40 a wheel click; what is short of a click waits for the next
+  // event of the gesture, and a new gesture starts afresh.
+  injector.injectPointer(pointer::scroll{0, 30, ScrollPhase::began}, {});     // 60 px: 1 up
+  injector.injectPointer(pointer::scroll{0, 10, ScrollPhase::changed}, {});   // 40 px: 1 up
+  injector.injectPointer(pointer::scroll{-25, 0, ScrollPhase::momentum}, {}); // 50 px: 1 right
+  injector.injectPointer(pointer::scroll{0, -5, ScrollPhase::began}, {});     // 10 px: none
+  injector.injectPointer(pointer::scroll{0, -40, ScrollPhase::momentumEnded}, {});  // 90: 2 down
+  std::vector<int> wheel;
+  for (const auto& e : only(recorder.take(), Kind::buttonPress)) wheel.push_back(e.detail);
+  EXPECT_EQ(wheel, (std::vector<int>{4, 4, 7, 5, 5}));
+
+  // The end of a session lets go of what is down.
+  injector.injectPointer(pointer::button{PointerButton::middle, true, 1}, {});
+  injector.injectKey({{0xE1}, true, {0x01}});  // left shift, held
+  injector.releaseAll();
+  const auto released = recorder.take();
+  EXPECT_EQ(only(released, Kind::buttonRelease).size(), 1u);
+  EXPECT_EQ(only(released, Kind::keyRelease).size(), 1u);
 }
 
 }  // namespace
