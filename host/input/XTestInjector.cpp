@@ -368,35 +368,33 @@ void XTestInjector::injectPointer(const PointerEvent& event,
 std::optional<Point> XTestInjector::currentPointerPosition() {
   std::lock_guard guard(lock_);
   if (!ensureServer()) return std::nullopt;
-  resync(uptimeSeconds());
+  resync(uptimeSeconds(), readScreen().origin);
   return tracker_.position();
 }
 
-// Where the main display's top left corner lies in the root window.
-Point XTestInjector::rootOrigin() {
+XTestInjector::Screen XTestInjector::readScreen() {
   const auto monitors = queryMonitors(server_->c, server_->root);
-  if (monitors.empty()) return {};
+  Screen screen;
+  if (monitors.empty()) return screen;
   const RandrMonitor& main = monitors[mainMonitorIndex(monitors)];
-  return {double(main.x), double(main.y)};
+  screen.origin = {double(main.x), double(main.y)};
+  for (const DisplayInfo& d : displayListFromMonitors(monitors)) screen.displays.push_back(d.frame);
+  return screen;
 }
 
-void XTestInjector::resync(double now) {
+void XTestInjector::resync(double now, Point origin) {
   const std::optional<Point> expected = tracker_.position();
   const Reply<xcb_query_pointer_reply_t> pointer(
       xcb_query_pointer_reply(server_->c, xcb_query_pointer(server_->c, server_->root), nullptr));
   std::optional<Point> real;
-  if (pointer) {
-    const Point origin = rootOrigin();
-    real = Point{pointer->root_x - origin.x, pointer->root_y - origin.y};
-  }
+  if (pointer) real = Point{pointer->root_x - origin.x, pointer->root_y - origin.y};
   if (tracker_.observe(real, now) && expected) {
     sessionLog_.info("cursor resync: real %.*f,%.*f vs expected %.*f,%.*f", 1, real->x, 1,
                      real->y, 1, expected->x, 1, expected->y);
   }
 }
 
-void XTestInjector::moveTo(Point target) {
-  const Point origin = rootOrigin();
+void XTestInjector::moveTo(Point target, Point origin) {
   const double x = std::round(target.x + origin.x), y = std::round(target.y + origin.y);
   xcb_test_fake_input(server_->c, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, server_->root,
                       std::int16_t(std::clamp(x, -32768.0, 32767.0)),
@@ -409,15 +407,13 @@ void XTestInjector::moveRelative(float dx, float dy) {
     return;
   }
   const double now = uptimeSeconds();
-  resync(now);
-  const auto monitors = queryMonitors(server_->c, server_->root);
-  std::vector<DisplayFrame> displays;
-  for (const DisplayInfo& d : displayListFromMonitors(monitors)) displays.push_back(d.frame);
+  const Screen screen = readScreen();
+  resync(now, screen.origin);
   const Point base = tracker_.position().value_or(Point{});
-  const Point target = clampToDisplays({base.x + double(dx), base.y + double(dy)}, displays);
+  const Point target = clampToDisplays({base.x + double(dx), base.y + double(dy)}, screen.displays);
   tracker_.record(target, now);
   // The Mac's move events also carry the client's deltas, for games; X11's core events have none.
-  moveTo(target);
+  moveTo(target, screen.origin);
 }
 
 void XTestInjector::moveAbsolute(const DisplayInfo& display, float x, float y) {
@@ -425,13 +421,14 @@ void XTestInjector::moveAbsolute(const DisplayInfo& display, float x, float y) {
   const DisplayFrame& f = display.frame;
   const Point target{f.x + unit(x) * f.width, f.y + unit(y) * f.height};
   const double now = uptimeSeconds();
-  resync(now);
+  const Point origin = readScreen().origin;
+  resync(now, origin);
   tracker_.record(target, now);
-  moveTo(target);
+  moveTo(target, origin);
 }
 
 void XTestInjector::button(PointerButton which, bool isDown) {
-  resync(uptimeSeconds());
+  resync(uptimeSeconds(), readScreen().origin);
   sendButton(buttonNumber(which), isDown);
 }
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "host/input/HostScroll.hpp"
 #include "host/input/InputInjector.hpp"
@@ -39,9 +40,14 @@ class XTestInjector : public InputInjector {
   // All with `lock_` held.
   bool ensureServer();
   const KeyboardLayout* currentLayout();
-  void resync(double now);
-  Point rootOrigin();
-  void moveTo(Point target);
+  // Where the main display's top left corner lies in the root window, and the displays in points.
+  struct Screen {
+    Point origin;
+    std::vector<DisplayFrame> displays;
+  };
+  Screen readScreen();
+  void resync(double now, Point origin);
+  void moveTo(Point target, Point origin);
   void moveRelative(float dx, float dy);
   void moveAbsolute(const DisplayInfo& display, float x, float y);
   void button(PointerButton which, bool isDown);
