@@ -58,6 +58,12 @@ class ScreenPainter {
     sync();
   }
 
+  // Moves the pointer, as a local user's mouse would.
+  void warpPointer(std::int16_t x, std::int16_t y) {
+    xcb_warp_pointer(c_, XCB_NONE, root_, 0, 0, 0, 0, x, y);
+    sync();
+  }
+
   // A RANDR monitor without outputs, as a user may define one for a part of a screen.
   bool setMonitor(const std::string& name, std::int16_t x, std::int16_t y, std::uint16_t width,
                   std::uint16_t height, bool primary) {

@@ -102,6 +102,15 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
   EXPECT_EQ(at(moved[0]), (Point{330, 354}));
   EXPECT_EQ(at(moved[1]), (Point{2559, 354}));
 
+  // Somebody else moves the pointer: the next relative move starts from where it really is.
+  painter.warpPointer(100, 100);
+  injector.injectPointer(pointer::moveRelative{10, 10}, std::nullopt);
+  moved = motions();
+  ASSERT_FALSE(moved.empty());
+  EXPECT_EQ(at(moved.back()), (Point{110, 110}));
+  injector.injectPointer(pointer::moveRelative{5000, -5}, std::nullopt);
+  EXPECT_EQ(at(motions().back()), (Point{2559, 105}));
+
   // A double click is two clicks in quick succession; a drag moves with the button down.
   for (int click = 1; click <= 2; ++click) {
     injector.injectPointer(pointer::button{PointerButton::left, true, std::uint8_t(click)}, {});
