@@ -302,6 +302,10 @@ asio::awaitable<void> HostSession::replaced(std::string byDeviceName) {
       asio::use_awaitable);
 }
 
+void HostSession::closeConnection() {
+  onStrand([](HostSession& self) { self.connection_->close(); });
+}
+
 asio::awaitable<void> HostSession::replacedOnStrand(std::string byDeviceName) {
   connection_->send(msg::sessionReplaced{std::move(byDeviceName)});
   co_await sleepFor(kFarewellDelay);

@@ -49,6 +49,8 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   asio::awaitable<void> run();
   // Ends this session because another device took over.
   asio::awaitable<void> replaced(std::string byDeviceName);
+  // Ends this session without a word to the client: the same device connected again.
+  void closeConnection();
 
   void setNote(std::optional<std::string> text);
   void setLifecycleState(HostState state, std::optional<std::string> detail);

@@ -1,0 +1,146 @@
+#pragma once
+
+// Stand-ins for the computer's parts of a session: displays, capture, encoders, input and power,
+// each recording what it is asked.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/session/HostEnvironment.hpp"
+#include "kit/transport/AsyncQueue.hpp"
+
+namespace kelvaron::test {
+
+using namespace kelvaron::host;
+
+class FakeDisplays : public DisplayProviding {
+ public:
+  std::vector<DisplayInfo> list = {{1, "DP-1", true, 1920, 1080, {0, 0, 1920, 1080}}};
+
+  asio::awaitable<std::vector<DisplayInfo>> displays() override { co_return list; }
+  ChangeStream changes() override {
+    auto stream = std::make_shared<AsyncQueue<ChangeSignal>>();
+    subscribers_.push_back(stream);
+    return stream;
+  }
+  void signal() {
+    for (auto& weak : subscribers_) {
+      if (auto s = weak.lock()) s->push({});
+    }
+  }
+  std::size_t liveSubscribers() const {
+    return std::ranges::count_if(subscribers_, [](auto& w) { return !w.expired(); });
+  }
+
+ private:
+  std::vector<std::weak_ptr<AsyncQueue<ChangeSignal>>> subscribers_;
+};
+
+// Records what the session asks of its encoder; its output is driven by the test.
+class FakeEncoder : public VideoEncoder {
+ public:
+  explicit FakeEncoder(EncoderOutputHandler handler) : output(std::move(handler)) {}
+  void encode(const CapturedFrame&, bool, bool) override { ++encoded; }
+  void requestKeyframe() override { ++keyframeRequests; }
+  void setBitrate(std::int64_t value) override { bitrates.push_back(value); }
+  void stop() override {
+    stopped = true;
+    output = nullptr;  // hands out nothing more, so holds nothing of the session
+  }
+
+  EncoderOutputHandler output;
+  std::atomic<int> encoded = 0;
+  std::atomic<int> keyframeRequests = 0;
+  std::vector<std::int64_t> bitrates;
+  bool stopped = false;
+};
+
+class FakeEncoders : public EncoderFactory {
+ public:
+  std::vector<CodecProfile> profiles = {CodecProfile::hevcMain, CodecProfile::hevcMain444};
+  mutable std::shared_ptr<FakeEncoder> made;
+  std::vector<CodecProfile> supportedProfiles() const override { return profiles; }
+  std::shared_ptr<VideoEncoder> makeEncoder(CodecProfile, std::int64_t,
+                                            EncoderOutputHandler output) const override {
+    made = std::make_shared<FakeEncoder>(std::move(output));
+    return made;
+  }
+};
+
+// Every capture the session makes writes what it is asked into one log; a start fails while
+// `failure` is set.
+struct FakeCaptures {
+  std::vector<std::string> log;
+  std::optional<std::string> failure;
+  CaptureSource::StopHandler endLast;  // ends the last capture started, as a lost X server does
+};
+
+class FakeCapture : public CaptureSource {
+ public:
+  explicit FakeCapture(std::shared_ptr<FakeCaptures> all) : all_(std::move(all)) {}
+  void setScope(CaptureScope) override {}
+  asio::awaitable<void> start(DisplayInfo display, Viewport viewport, FrameHandler,
+                              StopHandler onStopped) override {
+    if (all_->failure) throw CaptureError(*all_->failure);
+    record("start", display, viewport);
+    all_->endLast = onStopped;
+    co_return;
+  }
+  asio::awaitable<void> update(DisplayInfo display, Viewport viewport) override {
+    record("update", display, viewport);
+    co_return;
+  }
+  asio::awaitable<void> stop() override {
+    all_->log.push_back("stop");
+    co_return;
+  }
+
+ private:
+  void record(const char* what, const DisplayInfo& display, const Viewport& viewport) {
+    all_->log.push_back(std::string(what) + " " + std::to_string(display.id) + " " +
+                        std::to_string(viewport.outputWidth) + "x" +
+                        std::to_string(viewport.outputHeight));
+  }
+  std::shared_ptr<FakeCaptures> all_;
+};
+
+// Records what reaches the injector.
+class FakeInjector : public InputInjector {
+ public:
+  void injectKey(const KeyEvent& event) override { keys.push_back(event); }
+  void injectPointer(const PointerEvent& event,
+                     const std::optional<DisplayInfo>& display) override {
+    pointer.emplace_back(event, display);
+  }
+  void injectText(const std::string& text) override { texts.push_back(text); }
+  std::optional<Point> currentPointerPosition() override { return Point{12, 34}; }
+  void releaseAll() override { ++releases; }
+
+  std::vector<KeyEvent> keys;
+  std::vector<std::pair<PointerEvent, std::optional<DisplayInfo>>> pointer;
+  std::vector<std::string> texts;
+  int releases = 0;
+};
+
+class FakePower : public PowerManaging {
+ public:
+  std::vector<std::uint32_t> held;
+  int taken = 0;
+  int activityDeclared = 0;
+  std::optional<std::uint32_t> takeDisplayAssertion(const std::string& name) override {
+    EXPECT_EQ(name, "Tovu remote session");
+    held.push_back(++taken);
+    return taken;
+  }
+  void releaseAssertion(std::uint32_t id) override { std::erase(held, id); }
+  void stopAllAssertions() override { held.clear(); }
+  void declareUserActivity() override { ++activityDeclared; }
+};
+
+}  // namespace kelvaron::test
