@@ -25,6 +25,10 @@ packages=(
   libxcb-xtest0-dev libxcb-xkb-dev libxkbcommon-dev libxkbcommon-x11-dev xkb-data
   # capture and input tests: a virtual X server, and keyboard layouts switched on it
   xvfb x11-xkb-utils
+  # the host: keeping the display awake; the pairing URL as a QR code; the client's saved frames
+  libxcb-screensaver0-dev libqrencode-dev libpng-dev
+  # the demo: something moving on the virtual display
+  xterm x11-apps
 )
 
 missing=()

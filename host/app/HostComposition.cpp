@@ -1,0 +1,85 @@
+#include "host/app/HostComposition.hpp"
+
+#include <xcb/xcb.h>
+#include <xcb/xtest.h>
+
+#include "host/video/LibavEncoderFactory.hpp"
+#include "host/video/X11CaptureSource.hpp"
+#include "kit/security/SecretStore.hpp"
+#include "kit/transport/QUICHostListener.hpp"
+
+namespace kelvaron::host {
+
+HostComposition::HostComposition(const Executor& mainExecutor, Options options)
+    : main_(mainExecutor),
+      options_(std::move(options)),
+      displays_(std::make_shared<RandrDisplayManager>(mainExecutor, options_.displayName)),
+      injector_(std::make_shared<XTestInjector>(options_.displayName)),
+      power_(std::make_shared<X11PowerManager>(options_.displayName)) {}
+
+Permissions HostComposition::readPermissions(const std::string& displayName) {
+  xcb_connection_t* c = xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), nullptr);
+  Permissions permissions;
+  if (!xcb_connection_has_error(c)) {
+    permissions.screenRecording = true;
+    const auto* xtest = xcb_get_extension_data(c, &xcb_test_id);
+    permissions.accessibility = xtest && xtest->present;
+  }
+  xcb_disconnect(c);
+  return permissions;
+}
+
+HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> encoders) const {
+  HostEnvironment env;
+  env.hostName = options_.hostName;
+  env.displays = displays_;
+  env.makeCapture = [executor = main_, name = options_.displayName] {
+    return X11CaptureSource::make(executor, name);
+  };
+  env.encoders = std::move(encoders);
+  env.injector = injector_;
+  env.power = power_;
+  env.screenRecordingGranted = [name = options_.displayName] {
+    return readPermissions(name).screenRecording;
+  };
+  return env;
+}
+
+AppModel::Dependencies HostComposition::dependencies() const {
+  AppModel::Dependencies deps;
+  deps.listenerFactory = [main = main_, name = options_.hostName, advertise = options_.advertise](
+                             const HostSecurity& security, std::optional<std::uint16_t> port) {
+    Logger("io.dovka.tovu.host", "transport")
+        .info("creating QUIC listener, advertising as %s", name.c_str());
+    QUICHostListener::Options listenerOptions;
+    listenerOptions.hostName = name;
+    listenerOptions.hostID = security.service->hostID();
+    listenerOptions.port = port.value_or(0);
+    listenerOptions.advertise = advertise;
+    auto listener = QUICHostListener::make(main, *security.identity, listenerOptions);
+    return ListenerStart{listener, [listener] { return listener->waitUntilReady(); }};
+  };
+  deps.loadSecurity = [](const UUID& hostID, const std::string& hostName) {
+    const auto directory = userDataDirectory("tovu-host");
+    auto identity = std::make_shared<SelfSignedIdentity>(SelfSignedIdentity::loadOrCreate(
+        IdentityStores::files(directory, "io.dovka.tovu.host.identity"), "Tovu Host"));
+    auto store = std::make_shared<PairedDeviceStore>(PairedDeviceStore::defaultLocation());
+    // No one sits at a headless host to compare codes: pairing is by token only.
+    auto service = std::make_shared<HostPairingService>(hostID, hostName, identity->fingerprint(),
+                                                        store, nullptr,
+                                                        [] { return WallClock::now(); });
+    return HostSecurity{identity, service};
+  };
+  deps.probeEncoders = [] { return std::make_shared<LibavEncoderFactory>(); };
+  deps.environment = [this](std::shared_ptr<EncoderFactory> encoders) {
+    return environment(std::move(encoders));
+  };
+  deps.readPermissions = [name = options_.displayName] { return readPermissions(name); };
+  deps.power = power_;
+  deps.settings = std::make_shared<Settings>(Settings::defaultLocation());
+  deps.hostName = options_.hostName;
+  deps.port = options_.port;
+  return deps;
+}
+
+}  // namespace kelvaron::host

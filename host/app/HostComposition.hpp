@@ -1,0 +1,43 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/app/AppModel.hpp"
+#include "host/app/X11PowerManager.hpp"
+#include "host/input/XTestInjector.hpp"
+#include "host/video/RandrDisplayManager.hpp"
+
+namespace kelvaron::host {
+
+// The host on an X11 desktop: the parts of the computer made once for the process and shared by
+// every session (the displays, the one pointer and keyboard, the power manager), and the
+// dependencies of the application model that use them.
+class HostComposition {
+ public:
+  struct Options {
+    std::string displayName;  // empty: $DISPLAY
+    std::string hostName;
+    std::optional<std::uint16_t> port;
+    bool advertise = true;  // DNS-SD on the local network
+  };
+
+  HostComposition(const Executor& mainExecutor, Options options);
+
+  AppModel::Dependencies dependencies() const;
+  // A session's environment, before the model adds its own parts.
+  HostEnvironment environment(std::shared_ptr<EncoderFactory> encoders) const;
+
+  // Whether the host can see the X display and drive its input (XTEST).
+  static Permissions readPermissions(const std::string& displayName);
+
+ private:
+  const Executor main_;
+  const Options options_;
+  const std::shared_ptr<RandrDisplayManager> displays_;
+  const std::shared_ptr<XTestInjector> injector_;
+  const std::shared_ptr<X11PowerManager> power_;
+};
+
+}  // namespace kelvaron::host
