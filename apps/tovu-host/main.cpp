@@ -1,0 +1,205 @@
+// tovu-host: lets a paired iPhone or iPad see and drive this computer's X display.
+
+#include <qrencode.h>
+#include <unistd.h>
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "host/app/AppModel.hpp"
+#include "host/app/HostComposition.hpp"
+#include "host/app/XvfbServer.hpp"
+
+using namespace kelvaron;
+using namespace kelvaron::host;
+
+namespace {
+
+constexpr const char* kUsage = R"(Usage: tovu-host [options]
+
+Lets a paired iPhone or iPad see and drive this computer's X display.
+
+Options:
+  --display NAME         the X display to serve (default: $DISPLAY)
+  --virtual-display WxH  start a virtual display (Xvfb) of that size and serve it
+  --port N               the UDP port to listen on (default: any; kept across restarts)
+  --pair                 print a pairing link, and its QR code, for a new device
+  --no-advertise         do not announce the host on the local network (DNS-SD)
+  --headless             run without a tray item (the only way this build runs)
+  --help                 show this text
+)";
+
+struct Options {
+  std::string display;
+  std::optional<std::pair<int, int>> virtualDisplay;
+  std::optional<std::uint16_t> port;
+  bool pair = false;
+  bool advertise = true;
+};
+
+[[noreturn]] void fail(const std::string& text) {
+  std::cerr << "tovu-host: " << text << "\n";
+  std::exit(2);
+}
+
+Options parse(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) fail(arg + " needs a value");
+      return argv[++i];
+    };
+    if (arg == "--help" || arg == "-h") {
+      std::cout << kUsage;
+      std::exit(0);
+    } else if (arg == "--display") {
+      options.display = value();
+    } else if (arg == "--virtual-display") {
+      const std::string size = value();
+      int width = 0, height = 0;
+      if (std::sscanf(size.c_str(), "%dx%d", &width, &height) != 2 || width < 16 ||
+          height < 16 || width > 8192 || height > 8192) {
+        fail("--virtual-display wants a size such as 1920x1080");
+      }
+      options.virtualDisplay = {width, height};
+    } else if (arg == "--port") {
+      const std::string text = value();
+      char* end = nullptr;
+      const long port = std::strtol(text.c_str(), &end, 10);
+      if (*end != '\0' || port < 1 || port > 65535) fail("--port wants a number from 1 to 65535");
+      options.port = std::uint16_t(port);
+    } else if (arg == "--pair") {
+      options.pair = true;
+    } else if (arg == "--no-advertise") {
+      options.advertise = false;
+    } else if (arg == "--headless") {
+      // The only mode there is for now.
+    } else {
+      fail("unknown option " + arg + " (see --help)");
+    }
+  }
+  return options;
+}
+
+std::string hostName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "Linux host";
+  return name;
+}
+
+// The link as a QR code of half-height blocks, dark on light, with its quiet zone.
+void printQRCode(const std::string& text) {
+  QRcode* code = QRcode_encodeString(text.c_str(), 0, QR_ECLEVEL_L, QR_MODE_8, 1);
+  if (!code) return;
+  const int size = code->width, quiet = 2;
+  auto dark = [&](int x, int y) {
+    return x >= 0 && y >= 0 && x < size && y < size && (code->data[y * size + x] & 1);
+  };
+  for (int y = -quiet; y < size + quiet; y += 2) {
+    std::string line;
+    for (int x = -quiet; x < size + quiet; ++x) {
+      const bool top = dark(x, y), bottom = dark(x, y + 1);
+      line += top && bottom ? " " : top ? "\u2584" : bottom ? "\u2580" : "\u2588";
+    }
+    std::cout << line << "\n";
+  }
+  QRcode_free(code);
+}
+
+// What the terminal has been told.
+struct Shown {
+  std::optional<ListenerState> listener;
+  bool link = false;
+  bool error = false;
+};
+
+// Tells the person at the terminal what they need: where the host listens, and how to pair.
+void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair, Shown shown) {
+  timer.expires_after(std::chrono::milliseconds(200));
+  timer.async_wait([&timer, model, pair, shown](const asio::error_code& failure) mutable {
+    if (failure) return;
+    const auto* supervisor = model->supervisor();
+    const bool listening =
+        supervisor && supervisor->state().kind == ListenerState::Kind::advertising;
+    if (listening && supervisor->state() != shown.listener) {
+      std::cout << "tovu-host: listening on UDP port " << supervisor->state().port << std::endl;
+    }
+    if (supervisor) shown.listener = supervisor->state();
+    if (pair && listening && !shown.link) {
+      const auto& service = model->security()->service;
+      const std::string url = service->pairingURL(service->issueToken()).url();
+      std::cout << "\nPair a device within five minutes with this link:\n" << url << "\n\n";
+      printQRCode(url);
+      std::cout << std::endl;
+      shown.link = true;
+    }
+    if (model->securityError() && !shown.error) {
+      std::cerr << "tovu-host: " << *model->securityError() << std::endl;
+      shown.error = true;
+    }
+    watch(timer, model, pair, shown);
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options = parse(argc, argv);
+  std::unique_ptr<XvfbServer> xvfb;
+  if (options.virtualDisplay) {
+    try {
+      xvfb = std::make_unique<XvfbServer>(options.virtualDisplay->first,
+                                          options.virtualDisplay->second);
+    } catch (const std::exception& failure) {
+      fail(failure.what());
+    }
+    options.display = xvfb->name();
+    std::cout << "tovu-host: virtual display " << options.display << std::endl;
+  }
+  const char* environmentDisplay = std::getenv("DISPLAY");
+  if (options.display.empty() && !(environmentDisplay && *environmentDisplay)) {
+    fail("no X display: set DISPLAY, or pass --display NAME or --virtual-display WxH");
+  }
+  const Permissions permissions = HostComposition::readPermissions(options.display);
+  if (!permissions.screenRecording) fail("cannot open the X display " + options.display);
+  if (!permissions.accessibility) {
+    std::cerr << "tovu-host: the X server has no XTEST extension: the device can watch, not drive"
+              << std::endl;
+  }
+
+  asio::io_context io;
+  const Executor main = makeStrand(io.get_executor());
+  HostComposition composition(main, {options.display, hostName(), options.port, options.advertise});
+  const auto model = AppModel::make(main, composition.dependencies());
+  asio::steady_timer timer(main);
+  asio::post(main, [&] {
+    model->start();
+    watch(timer, model, options.pair, {});
+  });
+
+  asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&](const asio::error_code& error, int) {
+    if (error) return;
+    std::cout << "tovu-host: stopping" << std::endl;
+    asio::post(main, [&] {
+      timer.cancel();
+      model->stop();
+      // The sessions' teardown takes a moment; then the executor is let go.
+      timer.expires_after(std::chrono::milliseconds(500));
+      timer.async_wait([&](const asio::error_code&) { io.stop(); });
+    });
+  });
+  std::thread second([&] { io.run(); });
+  io.run();
+  second.join();
+  return 0;
+}
