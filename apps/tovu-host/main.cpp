@@ -31,7 +31,8 @@ Options:
   --display NAME         the X display to serve (default: $DISPLAY)
   --virtual-display WxH  start a virtual display (Xvfb) of that size and serve it
   --port N               the UDP port to listen on (default: any; kept across restarts)
-  --pair                 print a pairing link, and its QR code, for a new device
+  --pair                 print a pairing link, and its QR code, for a new device (and a
+                         fresh one after each pairing)
   --no-advertise         do not announce the host on the local network (DNS-SD)
   --headless             run without a tray item (the only way this build runs)
   --help                 show this text
@@ -118,7 +119,7 @@ void printQRCode(const std::string& text) {
 // What the terminal has been told.
 struct Shown {
   std::optional<ListenerState> listener;
-  bool link = false;
+  std::optional<std::size_t> linkAtPaired;  // how many devices were paired when it was shown
   bool error = false;
 };
 
@@ -134,13 +135,17 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
       std::cout << "tovu-host: listening on UDP port " << supervisor->state().port << std::endl;
     }
     if (supervisor) shown.listener = supervisor->state();
-    if (pair && listening && !shown.link) {
+    // One link at a time, and a fresh one once it has served, for the next device.
+    if (pair && listening) {
       const auto& service = model->security()->service;
-      const std::string url = service->pairingURL(service->issueToken()).url();
-      std::cout << "\nPair a device within five minutes with this link:\n" << url << "\n\n";
-      printQRCode(url);
-      std::cout << std::endl;
-      shown.link = true;
+      const std::size_t paired = service->store()->all().size();
+      if (shown.linkAtPaired != paired) {
+        const std::string url = service->pairingURL(service->issueToken()).url();
+        std::cout << "\nPair a device within five minutes with this link:\n" << url << "\n\n";
+        printQRCode(url);
+        std::cout << std::endl;
+        shown.linkAtPaired = paired;
+      }
     }
     if (model->securityError() && !shown.error) {
       std::cerr << "tovu-host: " << *model->securityError() << std::endl;

@@ -85,6 +85,7 @@ class ChildProcess {
     ::close(log);
   }
   ~ChildProcess() { stop(); }
+  pid_t pid() const { return pid_; }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
