@@ -143,8 +143,9 @@ asio::awaitable<int> pair(const Options& options, ClientData& data) {
 // A session with a host: what it says, its pictures, and the statistics of each second.
 class Viewer {
  public:
-  Viewer(std::shared_ptr<Connection> connection, const Options& options)
-      : connection_(std::move(connection)), options_(options) {}
+  // `since`: when the client began to connect, for the time to the first picture.
+  Viewer(std::shared_ptr<Connection> connection, const Options& options, Clock::time_point since)
+      : connection_(std::move(connection)), options_(options), since_(since) {}
 
   asio::awaitable<int> run(const ClientData& data) {
     const auto executor = co_await asio::this_coro::executor;
@@ -220,6 +221,10 @@ class Viewer {
         if (sinceCapture >= 0 && sinceCapture < 10000) {
           captureToShown_ = std::min(captureToShown_.value_or(sinceCapture), sinceCapture);
         }
+        if (!latest_) {
+          std::printf("First picture %.0f ms after connecting\n",
+                      std::chrono::duration<double, std::milli>(Clock::now() - since_).count());
+        }
         latest_ = std::move(picture);
         if (!typed_ && !options_.type.empty()) {
           connection_->send(msg::text{options_.type});
@@ -260,6 +265,7 @@ class Viewer {
 
   std::shared_ptr<Connection> connection_;
   const Options& options_;
+  const Clock::time_point since_;
   std::optional<client::Picture> latest_;
   std::optional<std::uint64_t> lastFrameNumber_;
   std::uint32_t frames_ = 0;
@@ -276,6 +282,7 @@ asio::awaitable<int> connect(const Options& options, ClientData& data) {
   const auto host = data.hosts.match(id, options.subject);
   if (!host) fail("not paired with " + options.subject + " (see tovu-client hosts)");
   const auto executor = co_await asio::this_coro::executor;
+  const auto since = Clock::now();
   const auto connection = co_await QUICConnection::connect(
       executor, *options.address, ServerTrust::pinned(host->fingerprint));
   const Data fingerprint = host->fingerprint;
@@ -289,7 +296,7 @@ asio::awaitable<int> connect(const Options& options, ClientData& data) {
     co_return 1;
   }
   data.hosts.touch(host->hostID, WallClock::now());
-  Viewer viewer(connection, options);
+  Viewer viewer(connection, options, since);
   const int result = co_await viewer.run(data);
   co_return result;
 }
