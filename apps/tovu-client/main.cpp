@@ -22,21 +22,26 @@
 #include "kit/security/SecretStore.hpp"
 #include "kit/security/Stores.hpp"
 #include "kit/transport/QUICConnection.hpp"
+#include "kit/transport/QUICHostBrowser.hpp"
 
 using namespace kelvaron;
 
 namespace {
 
 constexpr const char* kUsage = R"(Usage:
-  tovu-client pair <link> --address HOST:PORT [--name NAME]
+  tovu-client list [--seconds N]
+      the hosts on the local network (DNS-SD), looked for during N seconds (default 3)
+  tovu-client pair <link> [--address HOST:PORT] [--name NAME]
       pair with the host of a pairing link (as tovu-host --pair prints it)
-  tovu-client connect <host> --address HOST:PORT [options]
+  tovu-client connect <host> [--address HOST:PORT] [options]
       connect to a paired host (its name or ID), show statistics every second
         --seconds N        stay connected for N seconds (default 10)
         --save-frame FILE  save the last picture as PNG when leaving
         --type TEXT        type TEXT on the host once the picture is there
   tovu-client hosts
       list the paired hosts
+
+Without --address the host is found on the local network.
 
 The client's identity and paired hosts live in $XDG_DATA_HOME/tovu-client/.
 )";
@@ -112,13 +117,58 @@ struct ClientData {
   ClientIdentity identity = ClientIdentity::loadOrCreate(identityStore);
 };
 
+// The host at `--address`, or the first one on the local network that `wanted` accepts.
+asio::awaitable<std::shared_ptr<Connection>> dial(
+    const Options& options, const std::function<bool(const DiscoveredHost&)>& wanted,
+    ServerTrust trust) {
+  const auto executor = co_await asio::this_coro::executor;
+  if (options.address) {
+    auto connection = co_await QUICConnection::connect(executor, *options.address, trust);
+    co_return connection;
+  }
+  const auto browser = QUICHostBrowser::start(executor);
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (Clock::now() < deadline) {
+    const auto list = co_await nextWithin(browser->hosts(), std::chrono::seconds(1));
+    if (!list) continue;
+    const auto found = std::ranges::find_if(*list, wanted);
+    if (found == list->end()) continue;
+    auto connection = co_await browser->connect(found->id, trust);
+    browser->stop();
+    co_return connection;
+  }
+  browser->stop();
+  fail("no such host on the local network (is avahi-daemon running? else use --address)");
+}
+
+asio::awaitable<int> list(const Options& options, ClientData& data) {
+  const auto executor = co_await asio::this_coro::executor;
+  const auto browser = QUICHostBrowser::start(executor);
+  std::vector<DiscoveredHost> seen;
+  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                           std::chrono::duration<double>(options.seconds));
+  while (Clock::now() < deadline) {
+    if (auto hosts = co_await nextWithin(browser->hosts(), std::chrono::milliseconds(200))) {
+      seen = std::move(*hosts);
+    }
+  }
+  browser->stop();
+  for (const DiscoveredHost& host : seen) {
+    const bool paired = data.hosts.match(host.hostID, host.name).has_value();
+    std::cout << host.name << "  " << (host.hostID ? host.hostID->string() : "-")
+              << (paired ? "  paired" : "") << "\n";
+  }
+  if (seen.empty()) std::cout << "No hosts found." << std::endl;
+  co_return 0;
+}
+
 asio::awaitable<int> pair(const Options& options, ClientData& data) {
   const auto link = PairingURL::parse(options.subject);
   if (!link) fail("that is no pairing link");
-  if (!options.address) fail("pair needs --address HOST:PORT");
-  const auto executor = co_await asio::this_coro::executor;
-  const auto connection = co_await QUICConnection::connect(
-      executor, *options.address, ServerTrust::pinned(link->fingerprint));
+  const UUID hostID = link->hostID;
+  const auto connection =
+      co_await dial(options, [hostID](const DiscoveredHost& h) { return h.hostID == hostID; },
+                    ServerTrust::pinned(link->fingerprint));
   const Data fingerprint = link->fingerprint;
   const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
   const std::function<void(const std::string&)> showCode = [](const std::string& code) {
@@ -277,14 +327,17 @@ class Viewer {
 };
 
 asio::awaitable<int> connect(const Options& options, ClientData& data) {
-  if (!options.address) fail("connect needs --address HOST:PORT");
   const auto id = UUID::parse(options.subject);
   const auto host = data.hosts.match(id, options.subject);
   if (!host) fail("not paired with " + options.subject + " (see tovu-client hosts)");
-  const auto executor = co_await asio::this_coro::executor;
   const auto since = Clock::now();
-  const auto connection = co_await QUICConnection::connect(
-      executor, *options.address, ServerTrust::pinned(host->fingerprint));
+  const auto connection = co_await dial(
+      options,
+      [&data, &host](const DiscoveredHost& h) {
+        return data.hosts.match(h.hostID, h.name).has_value() &&
+               data.hosts.match(h.hostID, h.name)->hostID == host->hostID;
+      },
+      ServerTrust::pinned(host->fingerprint));
   const Data fingerprint = host->fingerprint;
   const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
   const std::function<void(const std::string&)> noCode;
@@ -312,7 +365,7 @@ int main(int argc, char** argv) {
     }
     return 0;
   }
-  if (options.command != "pair" && options.command != "connect") {
+  if (options.command != "pair" && options.command != "connect" && options.command != "list") {
     fail("unknown command " + options.command + " (see --help)");
   }
   asio::io_context io;
@@ -321,6 +374,7 @@ int main(int argc, char** argv) {
       io,
       [&]() -> asio::awaitable<int> {
         if (options.command == "pair") return pair(options, data);
+        if (options.command == "list") return list(options, data);
         return connect(options, data);
       }(),
       [&](std::exception_ptr failure, int code) {

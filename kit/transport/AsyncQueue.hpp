@@ -1,11 +1,13 @@
 #pragma once
 
 #include <asio/awaitable.hpp>
+#include <asio/experimental/awaitable_operators.hpp>
 #include <asio/post.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
+#include <chrono>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -100,5 +102,16 @@ class AsyncQueue {
   std::shared_ptr<Waiter> waiter_;
   bool finished_ = false;
 };
+
+// The next item of `queue`, or nothing if none comes within `wait` (the read is then cancelled).
+template <class T>
+asio::awaitable<std::optional<T>> nextWithin(AsyncQueue<T>& queue,
+                                             std::chrono::steady_clock::duration wait) {
+  using namespace asio::experimental::awaitable_operators;
+  asio::steady_timer timer(co_await asio::this_coro::executor, wait);
+  auto result = co_await (queue.next() || timer.async_wait(asio::use_awaitable));
+  if (result.index() == 0) co_return std::get<0>(std::move(result));
+  co_return std::nullopt;
+}
 
 }  // namespace kelvaron

@@ -41,15 +41,6 @@ inline void runAsync(const std::function<asio::awaitable<void>(asio::io_context&
     if (!(condition)) throw std::runtime_error("assertion failed: " #condition); \
   } while (false)
 
-// The next item of `queue`, or nothing if none comes within `wait` (the read is then cancelled).
-template <class T>
-asio::awaitable<std::optional<T>> nextWithin(AsyncQueue<T>& queue,
-                                             std::chrono::steady_clock::duration wait) {
-  using namespace asio::experimental::awaitable_operators;
-  asio::steady_timer timer(co_await asio::this_coro::executor, wait);
-  auto result = co_await (queue.next() || timer.async_wait(asio::use_awaitable));
-  if (result.index() == 0) co_return std::get<0>(std::move(result));
-  co_return std::nullopt;
-}
+using kelvaron::nextWithin;
 
 }  // namespace kelvaron::test
