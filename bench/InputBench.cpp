@@ -26,9 +26,9 @@ void pointerMoveBurst(benchmark::State& state) {
   }
   state.counters["moves_per_s"] =
       benchmark::Counter(double(kMoves) * double(state.iterations()), benchmark::Counter::kIsRate);
-  state.counters["us_per_move"] = benchmark::Counter(
-      double(kMoves) * double(state.iterations()),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["us_per_move"] =
+      benchmark::Counter(double(kMoves) * double(state.iterations()),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(pointerMoveBurst)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(3.0);
 

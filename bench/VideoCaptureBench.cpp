@@ -59,9 +59,7 @@ class XDesktop {
         .get();
     return source;
   }
-  void stop(CaptureSource& source) {
-    asio::co_spawn(io_, source.stop(), asio::use_future).get();
-  }
+  void stop(CaptureSource& source) { asio::co_spawn(io_, source.stop(), asio::use_future).get(); }
   Executor executor() { return io_.get_executor(); }
 
  private:
@@ -79,8 +77,8 @@ void animate(test::ScreenPainter& painter, int width, int height, int step) {
   const auto w = std::int16_t(width), h = std::int16_t(height);
   const std::int16_t termX = 0, termY = std::int16_t(h / 10), termW = std::int16_t(w / 2),
                      termH = std::int16_t(h * 8 / 10), line = 16;
-  painter.copy(termX, std::int16_t(termY + line), std::uint16_t(termW),
-               std::uint16_t(termH - line), termX, termY);
+  painter.copy(termX, std::int16_t(termY + line), std::uint16_t(termW), std::uint16_t(termH - line),
+               termX, termY);
   painter.fill(0x1e1e1e, termX, std::int16_t(termY + termH - line), std::uint16_t(termW),
                std::uint16_t(line));
   for (int word = 0, x = 8; word < 8 && x < termW - 40; ++word) {
@@ -128,7 +126,8 @@ void captureToEncoded(benchmark::State& state) {
   constexpr auto kRun = std::chrono::seconds(8);
   constexpr auto kTick = std::chrono::microseconds(16667);
   for (auto _ : state) {
-    auto source = desktop.capture([&](CapturedFrame frame) { encoder.encode(frame, false, false); });
+    auto source =
+        desktop.capture([&](CapturedFrame frame) { encoder.encode(frame, false, false); });
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the first session opens
     {
       std::lock_guard guard(lock);
@@ -163,9 +162,8 @@ void stillScreenCpu(benchmark::State& state) {
   const int width = int(state.range(0)), height = int(state.range(1));
   XDesktop desktop(width, height);
   if (!desktop.available()) return state.SkipWithError(desktop.skipReason().c_str());
-  auto encoder = std::make_shared<LibavHEVCEncoder>(LibavBackend::libx265(),
-                                                    CodecProfile::hevcMain, 16000000,
-                                                    [](EncoderOutput) {});
+  auto encoder = std::make_shared<LibavHEVCEncoder>(LibavBackend::libx265(), CodecProfile::hevcMain,
+                                                    16000000, [](EncoderOutput) {});
   auto pipeline = VideoPipeline::make(desktop.executor(), encoder, std::chrono::milliseconds(150));
   constexpr auto kMeasured = std::chrono::seconds(10);
   for (auto _ : state) {
@@ -180,7 +178,11 @@ void stillScreenCpu(benchmark::State& state) {
   }
   pipeline->stop();
 }
-BENCHMARK(stillScreenCpu)->Args({1920, 1080})->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(stillScreenCpu)
+    ->Args({1920, 1080})
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
 
 }  // namespace
 }  // namespace kelvaron::host

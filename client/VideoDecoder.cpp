@@ -50,7 +50,7 @@ std::optional<Picture> VideoDecoder::decode(const VideoFrame& frame) {
 
   Picture picture{frame_->width, frame_->height, {}};
   picture.rgba.resize(std::size_t(picture.width) * std::size_t(picture.height) * 4);
-  const auto convert = frame_->format == AV_PIX_FMT_YUV444P ? libyuv::I444ToABGR
+  const auto convert = frame_->format == AV_PIX_FMT_YUV444P   ? libyuv::I444ToABGR
                        : frame_->format == AV_PIX_FMT_YUV420P ? libyuv::I420ToABGR
                                                               : nullptr;
   const bool converted =

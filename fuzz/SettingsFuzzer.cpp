@@ -7,8 +7,7 @@
 #include "host/app/Settings.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const auto parsed =
-      kelvaron::host::parseSettings({reinterpret_cast<const char*>(data), size});
+  const auto parsed = kelvaron::host::parseSettings({reinterpret_cast<const char*>(data), size});
   if (parsed && !parsed->is_object()) __builtin_trap();
   return 0;
 }

@@ -3,11 +3,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/address.hpp>
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -17,6 +17,7 @@
 
 #include "client/VideoDecoder.hpp"
 #include "host/video/CaptureClock.hpp"
+#include "host/video/CodecProfileNames.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/PairingURL.hpp"
 #include "kit/security/SecretStore.hpp"
@@ -166,18 +167,17 @@ asio::awaitable<int> pair(const Options& options, ClientData& data) {
   const auto link = PairingURL::parse(options.subject);
   if (!link) fail("that is no pairing link");
   const UUID hostID = link->hostID;
-  const auto connection =
-      co_await dial(options, [hostID](const DiscoveredHost& h) { return h.hostID == hostID; },
-                    ServerTrust::pinned(link->fingerprint));
+  const auto connection = co_await dial(
+      options, [hostID](const DiscoveredHost& h) { return h.hostID == hostID; },
+      ServerTrust::pinned(link->fingerprint));
   const Data fingerprint = link->fingerprint;
   const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
   const std::function<void(const std::string&)> showCode = [](const std::string& code) {
     std::cout << "Code: " << code << std::endl;
   };
   const auto purpose = ClientHandshake::Purpose::pairWithToken(link->token);
-  const auto event =
-      co_await ClientHandshake::run(connection, data.identity, purpose, options.name, pinned,
-                                    std::chrono::seconds(30), showCode);
+  const auto event = co_await ClientHandshake::run(connection, data.identity, purpose, options.name,
+                                                   pinned, std::chrono::seconds(30), showCode);
   connection->close();
   if (event.kind != ClientHandshake::Event::Kind::authenticated) {
     std::cerr << "tovu-client: pairing failed" << (event.text.empty() ? "" : ": " + event.text)
@@ -199,9 +199,11 @@ class Viewer {
 
   asio::awaitable<int> run(const ClientData& data) {
     const auto executor = co_await asio::this_coro::executor;
-    const msg::hello hello{16, data.identity.deviceID, options_.name,
-                           {{CodecProfile::hevcMain, CodecProfile::hevcMain444}, 1920, 1080, 2,
-                            "tovu-client", false}};
+    const msg::hello hello{
+        16,
+        data.identity.deviceID,
+        options_.name,
+        {{CodecProfile::hevcMain, CodecProfile::hevcMain444}, 1920, 1080, 2, "tovu-client", false}};
     connection_->send(hello);
     asio::co_spawn(executor, messages(), asio::detached);
     asio::co_spawn(executor, video(), asio::detached);
@@ -230,8 +232,8 @@ class Viewer {
   asio::awaitable<void> messages() {
     while (const auto message = co_await connection_->messages().next()) {
       if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
-        std::cout << "Connected to " << ack->hostName << "; profile " << profileName(ack->profile)
-                  << std::endl;
+        std::cout << "Connected to " << ack->hostName << "; profile "
+                  << host::profileLabel(ack->profile) << std::endl;
       } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
         std::cerr << "tovu-client: refused: " << reject->reason << std::endl;
         rejected_ = true;
@@ -297,20 +299,6 @@ class Viewer {
     bytes_ = 0;
     decodeMs_ = 0;
     captureToShown_.reset();
-  }
-
-  static const char* profileName(CodecProfile profile) {
-    switch (profile) {
-      case CodecProfile::hevcMain:
-        return "HEVC 4:2:0";
-      case CodecProfile::hevcMain10:
-        return "HEVC 4:2:0 10-bit";
-      case CodecProfile::hevcMain444:
-        return "HEVC 4:4:4";
-      case CodecProfile::hevcMain44410:
-        return "HEVC 4:4:4 10-bit";
-    }
-    return "unknown";
   }
 
   std::shared_ptr<Connection> connection_;

@@ -67,8 +67,8 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--virtual-display") {
       const std::string size = value();
       int width = 0, height = 0;
-      if (std::sscanf(size.c_str(), "%dx%d", &width, &height) != 2 || width < 16 ||
-          height < 16 || width > 8192 || height > 8192) {
+      if (std::sscanf(size.c_str(), "%dx%d", &width, &height) != 2 || width < 16 || height < 16 ||
+          width > 8192 || height > 8192) {
         fail("--virtual-display wants a size such as 1920x1080");
       }
       options.virtualDisplay = {width, height};

@@ -65,9 +65,8 @@ AppModel::Dependencies HostComposition::dependencies() const {
         IdentityStores::files(directory, "io.dovka.tovu.host.identity"), "Tovu Host"));
     auto store = std::make_shared<PairedDeviceStore>(PairedDeviceStore::defaultLocation());
     // No one sits at a headless host to compare codes: pairing is by token only.
-    auto service = std::make_shared<HostPairingService>(hostID, hostName, identity->fingerprint(),
-                                                        store, nullptr,
-                                                        [] { return WallClock::now(); });
+    auto service = std::make_shared<HostPairingService>(
+        hostID, hostName, identity->fingerprint(), store, nullptr, [] { return WallClock::now(); });
     return HostSecurity{identity, service};
   };
   deps.probeEncoders = [] { return std::make_shared<LibavEncoderFactory>(); };

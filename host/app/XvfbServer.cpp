@@ -38,8 +38,9 @@ XvfbServer::XvfbServer(int width, int height, const std::filesystem::path& logFi
   if (::pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("Cannot start Xvfb: no pipe.");
   const int log = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   const std::string size = std::to_string(width) + "x" + std::to_string(height) + "x24";
-  std::vector<std::string> arguments = {"Xvfb", "-displayfd", "3", "-screen", "0", size,
-                                        "-nolisten", "tcp", "-noreset", "+extension", "RANDR"};
+  std::vector<std::string> arguments = {"Xvfb",     "-displayfd", "3",         "-screen",
+                                        "0",        size,         "-nolisten", "tcp",
+                                        "-noreset", "+extension", "RANDR"};
   std::vector<char*> argv;
   for (auto& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);

@@ -12,6 +12,7 @@ using Row = std::pair<std::uint16_t, std::string_view>;
 
 // The keys a Mac keyboard has, by their place on a PC keyboard. The keypad's clear key is Num
 // Lock's place; the function key (0xFF03) has no X11 key and no row.
+// clang-format off
 constexpr std::array kRows = {
     // Letters a to z.
     Row{0x04, "AC01"}, Row{0x05, "AB05"}, Row{0x06, "AB03"}, Row{0x07, "AC03"}, Row{0x08, "AD03"},
@@ -47,6 +48,7 @@ constexpr std::array kRows = {
     Row{0xE0, "LCTL"}, Row{0xE1, "LFSH"}, Row{0xE2, "LALT"}, Row{0xE3, "LWIN"}, Row{0xE4, "RCTL"},
     Row{0xE5, "RTSH"}, Row{0xE6, "RALT"}, Row{0xE7, "RWIN"},
 };
+// clang-format on
 
 constexpr auto kSortedRows = [] {
   auto rows = kRows;

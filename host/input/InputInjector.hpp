@@ -17,7 +17,8 @@ class InputInjector {
 
   virtual void injectKey(const KeyEvent& event) = 0;
   // `display` is the one an absolute move is mapped onto; without it such a move does nothing.
-  virtual void injectPointer(const PointerEvent& event, const std::optional<DisplayInfo>& display) = 0;
+  virtual void injectPointer(const PointerEvent& event,
+                             const std::optional<DisplayInfo>& display) = 0;
   // Types UTF-8 text through the keyboard layout in force.
   virtual void injectText(const std::string& text) = 0;
   virtual std::optional<Point> currentPointerPosition() = 0;

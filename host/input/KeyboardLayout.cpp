@@ -31,8 +31,8 @@ KeyboardLayout::KeyboardLayout(xkb_keymap* keymap, xkb_layout_index_t layout)
   struct Level {
     bool shift, option;
   };
-  for (const Level level : {Level{false, false}, Level{true, false}, Level{false, true},
-                            Level{true, true}}) {
+  for (const Level level :
+       {Level{false, false}, Level{true, false}, Level{false, true}, Level{true, true}}) {
     if ((level.shift && !shift) || (level.option && !option)) continue;
     const StatePtr state(xkb_state_new(keymap_));
     if (!state) continue;
@@ -44,10 +44,10 @@ KeyboardLayout::KeyboardLayout(xkb_keymap* keymap, xkb_layout_index_t layout)
       strokes_.try_emplace(c, LayoutKeystroke{key, level.shift, level.option});
     }
   }
-  for (const auto& [c, name] : {std::pair<char32_t, std::string_view>{U' ', "SPCE"},
-                                {U'\n', "RTRN"},
-                                {U'\t', "TAB"}}) {
-    if (const auto key = keycode(name)) strokes_.try_emplace(c, LayoutKeystroke{*key, false, false});
+  for (const auto& [c, name] :
+       {std::pair<char32_t, std::string_view>{U' ', "SPCE"}, {U'\n', "RTRN"}, {U'\t', "TAB"}}) {
+    if (const auto key = keycode(name))
+      strokes_.try_emplace(c, LayoutKeystroke{*key, false, false});
   }
   for (xkb_keycode_t key = xkb_keymap_min_keycode(keymap_); key <= lastKeycode(); ++key) {
     if (xkb_keymap_num_layouts_for_key(keymap_, key) == 0) spare_.push_back(key);

@@ -24,12 +24,6 @@ namespace kelvaron::host {
 
 namespace {
 
-struct FreeReply {
-  void operator()(void* reply) const { std::free(reply); }
-};
-template <class T>
-using Reply = std::unique_ptr<T, FreeReply>;
-
 // The code points of UTF-8 text; a malformed sequence costs its first byte only.
 std::vector<char32_t> codePoints(const std::string& text) {
   std::vector<char32_t> points;
@@ -37,8 +31,11 @@ std::vector<char32_t> codePoints(const std::string& text) {
   const auto* end = p + text.size();
   while (p < end) {
     const unsigned char lead = *p;
-    const int length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3
-                                       : (lead >> 3) == 0x1E ? 4 : 0;
+    const int length = lead < 0x80           ? 1
+                       : (lead >> 5) == 0x6  ? 2
+                       : (lead >> 4) == 0xE  ? 3
+                       : (lead >> 3) == 0x1E ? 4
+                                             : 0;
     if (length == 0 || end - p < length) {
       ++p;
       continue;
@@ -107,10 +104,9 @@ struct XTestInjector::Server {
     server->root = screens.data->root;
     const auto* xtest = xcb_get_extension_data(server->c, &xcb_test_id);
     if (!xtest || !xtest->present) throw std::runtime_error("The X server has no XTEST extension.");
-    if (!xkb_x11_setup_xkb_extension(server->c, XKB_X11_MIN_MAJOR_XKB_VERSION,
-                                     XKB_X11_MIN_MINOR_XKB_VERSION,
-                                     XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr,
-                                     nullptr, nullptr)) {
+    if (!xkb_x11_setup_xkb_extension(
+            server->c, XKB_X11_MIN_MAJOR_XKB_VERSION, XKB_X11_MIN_MINOR_XKB_VERSION,
+            XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, nullptr, nullptr)) {
       throw std::runtime_error("The X server has no usable XKB extension.");
     }
     server->keyboard = xkb_x11_get_core_keyboard_device_id(server->c);
@@ -118,7 +114,7 @@ struct XTestInjector::Server {
     if (server->keyboard < 0 || !server->xkb) {
       throw std::runtime_error("The X server's keyboard cannot be read.");
     }
-    const Reply<xcb_intern_atom_reply_t> atom(xcb_intern_atom_reply(
+    const XcbReply<xcb_intern_atom_reply_t> atom(xcb_intern_atom_reply(
         server->c, xcb_intern_atom(server->c, 0, 16, "_XKB_RULES_NAMES"), nullptr));
     if (atom) server->rulesNames = atom->atom;
     return server;
@@ -128,7 +124,7 @@ struct XTestInjector::Server {
   // in force: a change of either means another keymap.
   std::string layoutIdentityNow(xkb_layout_index_t group) {
     std::string identity = std::to_string(group) + ":";
-    const Reply<xcb_get_property_reply_t> names(xcb_get_property_reply(
+    const XcbReply<xcb_get_property_reply_t> names(xcb_get_property_reply(
         c, xcb_get_property(c, 0, root, rulesNames, XCB_ATOM_STRING, 0, 1024), nullptr));
     if (names) {
       identity.append(static_cast<const char*>(xcb_get_property_value(names.get())),
@@ -143,7 +139,7 @@ struct XTestInjector::Server {
     xkb_layout_index_t group = 0;
   };
   KeyboardState keyboardState() {
-    const Reply<xcb_xkb_get_state_reply_t> state(
+    const XcbReply<xcb_xkb_get_state_reply_t> state(
         xcb_xkb_get_state_reply(c, xcb_xkb_get_state(c, XCB_XKB_ID_USE_CORE_KBD), nullptr));
     if (!state) return {};
     return {state->baseMods, state->lockedMods, xkb_layout_index_t(state->group)};
@@ -158,8 +154,8 @@ struct XTestInjector::Modifiers {
   static Modifiers of(ModifierFlags flags) {
     const std::uint8_t f = flags.rawValue;
     // The function key (0x10) has no counterpart on X11.
-    return {(f & 0x01) != 0, (f & 0x02) != 0, (f & 0x04) != 0, (f & 0x08) != 0, false,
-            (f & 0x20) != 0};
+    return {(f & 0x01) != 0, (f & 0x02) != 0, (f & 0x04) != 0,
+            (f & 0x08) != 0, false,           (f & 0x20) != 0};
   }
 };
 
@@ -237,15 +233,25 @@ void XTestInjector::applyModifiers(const KeyboardLayout& layout, const Modifiers
     std::vector<std::optional<std::uint32_t>> release;
   };
   const Role roles[] = {
-      {wanted.shift, layout.modifierMask(XKB_MOD_NAME_SHIFT), layout.shiftKey(),
+      {wanted.shift,
+       layout.modifierMask(XKB_MOD_NAME_SHIFT),
+       layout.shiftKey(),
        {layout.shiftKey(), layout.keycode("LFSH"), layout.keycode("RTSH")}},
-      {wanted.control, layout.modifierMask(XKB_MOD_NAME_CTRL), layout.keycode("LCTL"),
+      {wanted.control,
+       layout.modifierMask(XKB_MOD_NAME_CTRL),
+       layout.keycode("LCTL"),
        {layout.keycode("LCTL"), layout.keycode("RCTL")}},
-      {wanted.alt, layout.modifierMask(XKB_MOD_NAME_ALT), layout.keycode("LALT"),
+      {wanted.alt,
+       layout.modifierMask(XKB_MOD_NAME_ALT),
+       layout.keycode("LALT"),
        {layout.keycode("LALT"), layout.keycode("RALT")}},
-      {wanted.super, layout.modifierMask(XKB_MOD_NAME_LOGO), layout.keycode("LWIN"),
+      {wanted.super,
+       layout.modifierMask(XKB_MOD_NAME_LOGO),
+       layout.keycode("LWIN"),
        {layout.keycode("LWIN"), layout.keycode("RWIN")}},
-      {wanted.level3, layout.levelThreeMask(), layout.optionKey(),
+      {wanted.level3,
+       layout.levelThreeMask(),
+       layout.optionKey(),
        {layout.optionKey(), layout.keycode("RALT")}},
   };
   for (const Role& role : roles) {
@@ -289,7 +295,8 @@ void XTestInjector::injectText(const std::string& text) {
   const KeyboardLayout* layout = currentLayout();
   if (!layout) return;
   // Caps lock would turn the layout's letters around; it is off while typing, then as it was.
-  const bool capsWasOn = (server_->keyboardState().locked & layout->modifierMask(XKB_MOD_NAME_CAPS)) != 0;
+  const bool capsWasOn =
+      (server_->keyboardState().locked & layout->modifierMask(XKB_MOD_NAME_CAPS)) != 0;
   std::size_t skipped = 0;
   for (const char32_t c : codePoints(text)) {
     if (isControl(c) && c != U'\n' && c != U'\t') {
@@ -384,13 +391,13 @@ XTestInjector::Screen XTestInjector::readScreen() {
 
 void XTestInjector::resync(double now, Point origin) {
   const std::optional<Point> expected = tracker_.position();
-  const Reply<xcb_query_pointer_reply_t> pointer(
+  const XcbReply<xcb_query_pointer_reply_t> pointer(
       xcb_query_pointer_reply(server_->c, xcb_query_pointer(server_->c, server_->root), nullptr));
   std::optional<Point> real;
   if (pointer) real = Point{pointer->root_x - origin.x, pointer->root_y - origin.y};
   if (tracker_.observe(real, now) && expected) {
-    sessionLog_.info("cursor resync: real %.*f,%.*f vs expected %.*f,%.*f", 1, real->x, 1,
-                     real->y, 1, expected->x, 1, expected->y);
+    sessionLog_.info("cursor resync: real %.*f,%.*f vs expected %.*f,%.*f", 1, real->x, 1, real->y,
+                     1, expected->x, 1, expected->y);
   }
 }
 

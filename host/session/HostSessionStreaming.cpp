@@ -2,11 +2,11 @@
 // runs at all; the video stack, the client's feedback and the per-second statistics.
 
 #include <algorithm>
-#include <utility>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/post.hpp>
 #include <asio/use_awaitable.hpp>
+#include <utility>
 
 #include "host/session/HostSession.hpp"
 #include "host/video/CodecProfileNames.hpp"
@@ -141,7 +141,8 @@ asio::awaitable<bool> HostSession::startCapture(DisplayInfo display, Viewport vi
     pipeline->submit(frame);
   };
   const CaptureSource::StopHandler onStopped = [strand = strand_, weak = weak_from_this(),
-                    weakSource = std::weak_ptr(source)](std::string reason) {
+                                                weakSource =
+                                                    std::weak_ptr(source)](std::string reason) {
     asio::post(strand, [weak, weakSource, reason = std::move(reason)] {
       auto self = weak.lock();
       auto stopped = weakSource.lock();
@@ -299,8 +300,8 @@ void HostSession::handleFeedback(const Feedback& feedback) {
   if (feedback.framesDropped != 0 || feedback.requestKeyframe ||
       now - lastLoggedFeedback_ >= kFeedbackLogInterval) {
     lastLoggedFeedback_ = now;
-    log_.info("feedback received=%u dropped=%u jitter=%.1fms keyframe=%s",
-              feedback.framesReceived, feedback.framesDropped, double(feedback.jitterMs),
+    log_.info("feedback received=%u dropped=%u jitter=%.1fms keyframe=%s", feedback.framesReceived,
+              feedback.framesDropped, double(feedback.jitterMs),
               feedback.requestKeyframe ? "true" : "false");
   }
   // A message that only asks for a key frame says nothing about the network.

@@ -110,19 +110,23 @@ int packetQP(const AVPacket& packet) {
 }  // namespace
 
 LibavBackend LibavBackend::libx265() {
-  return {"libx265",
-          {{"preset", "ultrafast"},
-           {"tune", "zerolatency"},
-           {"forced-idr", "1"},
-           // Quantiser offsets (the idle refresh) are ignored unless adaptive quantisation runs;
-           // at this strength it barely moves anything else.
-           {"x265-params",
-            "log-level=error:info=0:aq-mode=1:aq-strength=0.1:scenecut=0:open-gop=0"}}};
+  return {
+      "libx265",
+      {{"preset", "ultrafast"},
+       {"tune", "zerolatency"},
+       {"forced-idr", "1"},
+       // Quantiser offsets (the idle refresh) are ignored unless adaptive quantisation runs;
+       // at this strength it barely moves anything else.
+       {"x265-params", "log-level=error:info=0:aq-mode=1:aq-strength=0.1:scenecut=0:open-gop=0"}}};
 }
 
 std::vector<LibavBackend> LibavBackend::hardware() {
-  return {{"hevc_nvenc", {{"preset", "p1"}, {"tune", "ull"}, {"zerolatency", "1"},
-                          {"forced-idr", "1"}, {"delay", "0"}}},
+  return {{"hevc_nvenc",
+           {{"preset", "p1"},
+            {"tune", "ull"},
+            {"zerolatency", "1"},
+            {"forced-idr", "1"},
+            {"delay", "0"}}},
           {"hevc_qsv", {{"preset", "veryfast"}, {"async_depth", "1"}, {"forced_idr", "1"}}}};
 }
 
@@ -137,10 +141,7 @@ class LibavHEVCEncoder::Session {
   // Throws with a text for a person.
   Session(const LibavBackend& backend, CodecProfile codecProfile, int pictureWidth,
           int pictureHeight, std::int64_t bitsPerSecond)
-      : profile(codecProfile),
-        width(pictureWidth),
-        height(pictureHeight),
-        bitrate(bitsPerSecond) {
+      : profile(codecProfile), width(pictureWidth), height(pictureHeight), bitrate(bitsPerSecond) {
     const AVCodec* codec = avcodec_find_encoder_by_name(backend.codecName.c_str());
     if (!codec) throw std::runtime_error("avcodec_find_encoder_by_name " + backend.codecName);
     const auto format = pixelFormatFor(*codec, profile);
@@ -161,8 +162,7 @@ class LibavHEVCEncoder::Session {
     picture_ = allocatePicture(*format, width, height);
     if (*format == AV_PIX_FMT_YUV420P10 || *format == AV_PIX_FMT_YUV444P10) {
       eightBit_ = allocatePicture(
-          *format == AV_PIX_FMT_YUV420P10 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P, width,
-          height);
+          *format == AV_PIX_FMT_YUV420P10 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P, width, height);
     }
   }
 
@@ -229,18 +229,16 @@ class LibavHEVCEncoder::Session {
     const int h = std::min(height, source.height);
     switch (target.format) {
       case AV_PIX_FMT_YUV420P:
-        libyuv::ARGBToI420(bgra, source.stride, target.data[0], target.linesize[0],
-                           target.data[1], target.linesize[1], target.data[2],
-                           target.linesize[2], w, h);
+        libyuv::ARGBToI420(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
+                           target.linesize[1], target.data[2], target.linesize[2], w, h);
         break;
       case AV_PIX_FMT_NV12:
-        libyuv::ARGBToNV12(bgra, source.stride, target.data[0], target.linesize[0],
-                           target.data[1], target.linesize[1], w, h);
+        libyuv::ARGBToNV12(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
+                           target.linesize[1], w, h);
         break;
       case AV_PIX_FMT_YUV444P:
-        libyuv::ARGBToI444(bgra, source.stride, target.data[0], target.linesize[0],
-                           target.data[1], target.linesize[1], target.data[2],
-                           target.linesize[2], w, h);
+        libyuv::ARGBToI444(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
+                           target.linesize[1], target.data[2], target.linesize[2], w, h);
         break;
       default:
         break;
@@ -274,8 +272,8 @@ class LibavHEVCEncoder::Session {
     region->right = width;
     region->bottom = height;
     // libavcodec hands libx265 the fraction times 25, its largest offset.
-    region->qoffset = AVRational{std::clamp(qpOffset, -kLargestQPOffset, kLargestQPOffset),
-                                 kLargestQPOffset};
+    region->qoffset =
+        AVRational{std::clamp(qpOffset, -kLargestQPOffset, kLargestQPOffset), kLargestQPOffset};
   }
 
   ContextPtr context_;
@@ -370,8 +368,7 @@ void LibavHEVCEncoder::process(const Job& job) {
   const std::uint64_t number = ++frameNumber_;
   const std::uint64_t time = job.highQuality ? monotonicRawNs() : job.frame.captureTimeNs;
   lastPTS_ = std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
-  const int qpOffset =
-      job.highQuality && lastQP_ > kHighQualityQP ? kHighQualityQP - lastQP_ : 0;
+  const int qpOffset = job.highQuality && lastQP_ > kHighQualityQP ? kHighQualityQP - lastQP_ : 0;
 
   std::vector<Session::Output> outputs;
   try {
@@ -383,7 +380,8 @@ void LibavHEVCEncoder::process(const Job& job) {
   for (auto& output : outputs) {
     if (!session_) return;  // a fallback replaced the session: what is left belongs to the old one
     lastQP_ = packetQP(*output.packet);
-    const std::span<const std::uint8_t> bytes(output.packet->data, std::size_t(output.packet->size));
+    const std::span<const std::uint8_t> bytes(output.packet->data,
+                                              std::size_t(output.packet->size));
     if (!verified_ && !verify(output.frame.job, bytes)) return;
     const bool key = output.packet->flags & AV_PKT_FLAG_KEY;
     deliver(output.frame, bytes, key);

@@ -18,12 +18,6 @@ namespace kelvaron::host {
 
 namespace {
 
-struct FreeReply {
-  void operator()(void* reply) const { std::free(reply); }
-};
-template <class T>
-using Reply = std::unique_ptr<T, FreeReply>;
-
 // Atoms live as long as the server, so their names are kept; a bound keeps a server that makes
 // monitors under ever new names from growing the cache without end.
 constexpr std::size_t kMaxCachedNames = 256;
@@ -52,7 +46,7 @@ std::vector<RandrMonitor> queryMonitors(xcb_connection_t* c, xcb_window_t root,
                                         std::vector<xcb_atom_t>* nameAtoms) {
   static const Logger log("io.dovka.tovu.host", "display");
   xcb_generic_error_t* error = nullptr;
-  const Reply<xcb_randr_get_monitors_reply_t> reply(
+  const XcbReply<xcb_randr_get_monitors_reply_t> reply(
       xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, root, 1), &error));
   if (!reply) {
     if (error) log.error("The X server refused the list of monitors: error %u", error->error_code);
@@ -60,7 +54,8 @@ std::vector<RandrMonitor> queryMonitors(xcb_connection_t* c, xcb_window_t root,
     return {};  // a broken connection is its owner's to report
   }
   // The reply's own length bounds what is read of it, whatever its counts say.
-  const auto* end = reinterpret_cast<const char*>(reply.get()) + 32 + 4 * std::size_t{reply->length};
+  const auto* end =
+      reinterpret_cast<const char*>(reply.get()) + 32 + 4 * std::size_t{reply->length};
   std::vector<RandrMonitor> monitors;
   for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
        xcb_randr_monitor_info_next(&it)) {
@@ -155,7 +150,7 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
       throw std::runtime_error("the X server has no RANDR extension");
     }
     xcb_generic_error_t* error = nullptr;
-    const Reply<xcb_randr_query_version_reply_t> version(
+    const XcbReply<xcb_randr_query_version_reply_t> version(
         xcb_randr_query_version_reply(c, xcb_randr_query_version(c, 1, 6), &error));
     std::free(error);
     if (!version) throw std::runtime_error("the X server did not tell its RANDR version");
@@ -233,7 +228,7 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
     }
     for (const auto& [atom, cookie] : asked) {
       xcb_generic_error_t* error = nullptr;
-      const Reply<xcb_get_atom_name_reply_t> reply(xcb_get_atom_name_reply(c, cookie, &error));
+      const XcbReply<xcb_get_atom_name_reply_t> reply(xcb_get_atom_name_reply(c, cookie, &error));
       std::free(error);
       if (reply) {
         atomNames[atom].assign(

@@ -37,12 +37,6 @@ constexpr int kBytesPerPixel = 4;
 // Far beyond any X screen (coordinates there are 16-bit), and safe to round to an integer.
 constexpr double kCoordinateLimit = 1 << 20;
 
-struct FreeWithStd {
-  void operator()(void* pointer) const { std::free(pointer); }
-};
-template <class T>
-using Reply = std::unique_ptr<T, FreeWithStd>;
-
 // A rectangle of whole pixels on the root window; right and bottom are exclusive.
 struct PixelRect {
   std::int64_t left = 0, top = 0, right = 0, bottom = 0;
@@ -111,7 +105,7 @@ PixelRect wholePixels(const Rect& rect) {
 // reply is read, so that xcb keeps none of them.
 std::vector<RandrMonitor> activeMonitors(X11Connection& connection) {
   xcb_connection_t* c = connection.get();
-  const Reply<xcb_randr_get_monitors_reply_t> reply(
+  const XcbReply<xcb_randr_get_monitors_reply_t> reply(
       xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, connection.root(), 1), nullptr));
   if (!reply) throw std::runtime_error("The X server did not list its monitors.");
   std::vector<RandrMonitor> monitors;
@@ -125,7 +119,7 @@ std::vector<RandrMonitor> activeMonitors(X11Connection& connection) {
     names.push_back(xcb_get_atom_name(c, it.data->name));
   }
   for (std::size_t i = 0; i < names.size(); ++i) {
-    const Reply<xcb_get_atom_name_reply_t> name(xcb_get_atom_name_reply(c, names[i], nullptr));
+    const XcbReply<xcb_get_atom_name_reply_t> name(xcb_get_atom_name_reply(c, names[i], nullptr));
     if (!name) throw std::runtime_error("The X server did not name its monitors.");
     monitors[i].name.assign(xcb_get_atom_name_name(name.get()),
                             std::size_t(xcb_get_atom_name_name_length(name.get())));
@@ -157,7 +151,7 @@ std::optional<RootPlacement> placeOnRoot(X11Connection& connection, std::uint32_
 
 PixelSize rootSize(X11Connection& connection) {
   xcb_connection_t* c = connection.get();
-  const Reply<xcb_get_geometry_reply_t> geometry(
+  const XcbReply<xcb_get_geometry_reply_t> geometry(
       xcb_get_geometry_reply(c, xcb_get_geometry(c, connection.root()), nullptr));
   if (!geometry) throw std::runtime_error("The X server did not tell the size of its screen.");
   return {geometry->width, geometry->height};
@@ -222,7 +216,7 @@ class SharedImage {
     void* address = ::shmat(id, nullptr, SHM_RDONLY);
     const int attachError = address == reinterpret_cast<void*>(-1) ? errno : 0;
     const xcb_shm_seg_t segment = xcb_generate_id(connection_);
-    const Reply<xcb_generic_error_t> refused(
+    const XcbReply<xcb_generic_error_t> refused(
         attachError
             ? nullptr
             : xcb_request_check(connection_, xcb_shm_attach_checked(connection_, segment, id, 0)));
@@ -327,9 +321,9 @@ void requireExtensions(X11Connection& connection, const std::string& displayName
   // DAMAGE must be told the client's version before use; monitors came with RANDR 1.5.
   const auto damageCookie = xcb_damage_query_version(c, 1, 1);
   const auto randrCookie = xcb_randr_query_version(c, 1, 5);
-  const Reply<xcb_damage_query_version_reply_t> damage(
+  const XcbReply<xcb_damage_query_version_reply_t> damage(
       xcb_damage_query_version_reply(c, damageCookie, nullptr));
-  const Reply<xcb_randr_query_version_reply_t> randr(
+  const XcbReply<xcb_randr_query_version_reply_t> randr(
       xcb_randr_query_version_reply(c, randrCookie, nullptr));
   if (!damage) throw missing("a working DAMAGE extension");
   if (!randr || (randr->major_version == 1 && randr->minor_version < 5)) {
@@ -445,7 +439,7 @@ void X11CaptureSource::startOnStrand(const DisplayInfo& display, const Viewport&
   stream->image.reserve(stream->plan.bytes());
   stream->damageNotify = xcb_get_extension_data(c, &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
   const xcb_damage_damage_t damage = xcb_generate_id(c);
-  const Reply<xcb_generic_error_t> refused(xcb_request_check(
+  const XcbReply<xcb_generic_error_t> refused(xcb_request_check(
       c,
       xcb_damage_create_checked(c, damage, connection->root(), XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY)));
   if (refused || connection->broken()) {
@@ -548,14 +542,14 @@ void X11CaptureSource::captureNow(std::uint64_t generation) {
   const std::uint64_t captureTimeNs = monotonicRawNs();
   const PixelRect& area = stream.plan.area;
   xcb_generic_error_t* error = nullptr;
-  const Reply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(
+  const XcbReply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(
       c,
       xcb_shm_get_image(c, stream.connection->root(), std::int16_t(area.left),
                         std::int16_t(area.top), std::uint16_t(area.width()),
                         std::uint16_t(area.height()), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
                         stream.image.segment(), 0),
       &error));
-  const Reply<xcb_generic_error_t> refused(error);
+  const XcbReply<xcb_generic_error_t> refused(error);
   if (image) return deliver(stream, captureTimeNs);
   if (stream.connection->broken()) return;  // reported by the dispatch
   // The screen shrank under the plan: grab what is left of it from now on.

@@ -3,6 +3,7 @@
 #include <xcb/xcb.h>
 
 #include <asio/posix/stream_descriptor.hpp>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -66,6 +67,13 @@ class X11Connection : public std::enable_shared_from_this<X11Connection> {
   bool stopped_ = false;
   bool draining_ = false;
 };
+
+// An xcb reply or error, which the C library's free releases.
+struct FreeXcbReply {
+  void operator()(void* reply) const { std::free(reply); }
+};
+template <class T>
+using XcbReply = std::unique_ptr<T, FreeXcbReply>;
 
 // The text for a person of an xcb connection error code.
 std::string describeX11Error(int code);

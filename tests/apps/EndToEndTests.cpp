@@ -157,8 +157,8 @@ TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {
   ASSERT_TRUE(bob.run({"pair", host.link(2), "--address", host.address()}).succeeded());
 
   const fs::path annLog = ann.home.path() / "connect.log";
-  auto watching = ann.start({"connect", "vm", "--address", host.address(), "--seconds", "20"},
-                            annLog);
+  auto watching =
+      ann.start({"connect", "vm", "--address", host.address(), "--seconds", "20"}, annLog);
   ASSERT_TRUE(waitFor(annLog, "Connected to", 1, 30s)) << readFile(annLog);
   const auto takeover = bob.run({"connect", "vm", "--address", host.address(), "--seconds", "2"});
   EXPECT_TRUE(takeover.succeeded()) << takeover.output;
@@ -166,8 +166,8 @@ TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {
 
   // A client killed mid-stream: the host frees its session and serves the next one.
   const fs::path bobLog = bob.home.path() / "connect.log";
-  auto killed = bob.start({"connect", "vm", "--address", host.address(), "--seconds", "30"},
-                          bobLog);
+  auto killed =
+      bob.start({"connect", "vm", "--address", host.address(), "--seconds", "30"}, bobLog);
   ASSERT_TRUE(waitFor(bobLog, "Connected to", 1, 30s)) << readFile(bobLog);
   ::kill(killed->pid(), SIGKILL);
   const auto next = ann.run({"connect", "vm", "--address", host.address(), "--seconds", "2"});

@@ -36,9 +36,8 @@ class InputRecorder {
         keymapConnection_(xcb_connect(displayName.c_str(), nullptr)) {
     const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c_)).data;
     xkb_x11_setup_xkb_extension(keymapConnection_, XKB_X11_MIN_MAJOR_XKB_VERSION,
-                                XKB_X11_MIN_MINOR_XKB_VERSION,
-                                XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, nullptr,
-                                nullptr);
+                                XKB_X11_MIN_MINOR_XKB_VERSION, XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS,
+                                nullptr, nullptr, nullptr, nullptr);
     context_ = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
     loadKeymap();
     window_ = xcb_generate_id(c_);
@@ -46,9 +45,10 @@ class InputRecorder {
         1,  // override-redirect: no window manager is asked
         XCB_EVENT_MASK_KEY_PRESS | XCB_EVENT_MASK_KEY_RELEASE | XCB_EVENT_MASK_BUTTON_PRESS |
             XCB_EVENT_MASK_BUTTON_RELEASE | XCB_EVENT_MASK_POINTER_MOTION};
-    xcb_create_window(c_, XCB_COPY_FROM_PARENT, window_, screen->root, 0, 0, screen->width_in_pixels,
-                      screen->height_in_pixels, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
-                      screen->root_visual, XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
+    xcb_create_window(c_, XCB_COPY_FROM_PARENT, window_, screen->root, 0, 0,
+                      screen->width_in_pixels, screen->height_in_pixels, 0,
+                      XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual,
+                      XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
     xcb_map_window(c_, window_);
     sync();
     xcb_set_input_focus(c_, XCB_INPUT_FOCUS_POINTER_ROOT, window_, XCB_CURRENT_TIME);
@@ -116,7 +116,7 @@ class InputRecorder {
       case XCB_KEY_RELEASE: {
         const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
         e.kind = (event.response_type & 0x7f) == XCB_KEY_PRESS ? Event::Kind::keyPress
-                                                                : Event::Kind::keyRelease;
+                                                               : Event::Kind::keyRelease;
         e.detail = key.detail;
         e.state = key.state;
         if (state_ && e.kind == Event::Kind::keyPress) {
@@ -132,7 +132,7 @@ class InputRecorder {
       case XCB_BUTTON_RELEASE: {
         const auto& button = reinterpret_cast<const xcb_button_press_event_t&>(event);
         e.kind = (event.response_type & 0x7f) == XCB_BUTTON_PRESS ? Event::Kind::buttonPress
-                                                                   : Event::Kind::buttonRelease;
+                                                                  : Event::Kind::buttonRelease;
         e.detail = button.detail;
         e.state = button.state;
         e.x = button.root_x;

@@ -86,7 +86,8 @@ struct Rig {
     const auto event =
         co_await ClientHandshake::run(client, device, purpose, name, pinned, 5s, noCode);
     EXPECT_EQ(event, ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
-    const msg::hello hello{16, device.deviceID, name, {{CodecProfile::hevcMain}, 1920, 1080, 2, "x", false}};
+    const msg::hello hello{
+        16, device.deviceID, name, {{CodecProfile::hevcMain}, 1920, 1080, 2, "x", false}};
     client->send(hello);
     co_return client;
   }

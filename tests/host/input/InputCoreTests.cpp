@@ -36,8 +36,8 @@ TEST(PointerTracker, ClampsToTheNearestPixelOfTheNearestDisplay) {
   const std::vector<DisplayFrame> displays = {
       {0, 0, 1920, 1080}, {2000, 0, 1280, 720}, {5000, 0, 0, 0}};
   EXPECT_EQ(clampToDisplays({100.5, 200}, displays), (Point{100.5, 200}));
-  EXPECT_EQ(clampToDisplays({4000, 100}, displays), (Point{3279, 100}));  // past the right edge
-  EXPECT_EQ(clampToDisplays({1950, 100}, displays), (Point{1919, 100}));  // nearer the main
+  EXPECT_EQ(clampToDisplays({4000, 100}, displays), (Point{3279, 100}));    // past the right edge
+  EXPECT_EQ(clampToDisplays({1950, 100}, displays), (Point{1919, 100}));    // nearer the main
   EXPECT_EQ(clampToDisplays({1959.5, 100}, displays), (Point{1919, 100}));  // a tie: the earlier
   EXPECT_EQ(clampToDisplays({1960, 100}, displays), (Point{2000, 100}));
   EXPECT_EQ(clampToDisplays({2500, 900}, displays), (Point{2500, 719}));
@@ -67,12 +67,12 @@ TEST(HostScroll, CarriesFractionsAndClicksWithinAGestureAndDropsTheExcess) {
 }
 
 TEST(HIDKeyNames, NamesThePhysicalKeysOfTheTable) {
-  EXPECT_EQ(xkbKeyName({0x04}), "AC01");   // A
-  EXPECT_EQ(xkbKeyName({0x1D}), "AB01");   // Z
-  EXPECT_EQ(xkbKeyName({0x27}), "AE10");   // 0
-  EXPECT_EQ(xkbKeyName({0x64}), "LSGT");   // the ISO key
+  EXPECT_EQ(xkbKeyName({0x04}), "AC01");  // A
+  EXPECT_EQ(xkbKeyName({0x1D}), "AB01");  // Z
+  EXPECT_EQ(xkbKeyName({0x27}), "AE10");  // 0
+  EXPECT_EQ(xkbKeyName({0x64}), "LSGT");  // the ISO key
   EXPECT_EQ(xkbKeyName({0x6F}), "FK20");
-  EXPECT_EQ(xkbKeyName({0xE3}), "LWIN");   // command
+  EXPECT_EQ(xkbKeyName({0xE3}), "LWIN");  // command
   EXPECT_EQ(xkbKeyName({0x32}), std::nullopt);
   EXPECT_EQ(xkbKeyName({0x46}), std::nullopt);
   EXPECT_EQ(xkbKeyName({0xFF03}), std::nullopt);  // the function key has no X11 key

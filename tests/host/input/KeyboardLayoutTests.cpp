@@ -20,8 +20,8 @@ std::unique_ptr<KeyboardLayout> layoutOf(const char* name) {
   return layout;
 }
 
-#define LAYOUT_OR_SKIP(var, name)                                              \
-  const auto var = layoutOf(name);                                             \
+#define LAYOUT_OR_SKIP(var, name)  \
+  const auto var = layoutOf(name); \
   if (!var) GTEST_SKIP() << "no XKB data for the layout " name " (xkb-data)";
 
 TEST(KeyboardLayout, FindsEachCharacterOnItsSimplestKeyStroke) {

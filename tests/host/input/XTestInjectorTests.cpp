@@ -39,11 +39,14 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
   const std::string text = "Grüße, Ça va? @€ 1 Zoë 日本\tok\n";
   for (const std::string layout : {"us", "de", "fr", "jp"}) {
     SCOPED_TRACE(layout);
-    if (!setLayout(x, layout)) GTEST_SKIP() << "setxkbmap cannot set " << layout << " (x11-xkb-utils)";
+    if (!setLayout(x, layout))
+      GTEST_SKIP() << "setxkbmap cannot set " << layout << " (x11-xkb-utils)";
     InputRecorder recorder(x.name());
     // Text, whatever the layout has keys for and what it has not.
     injector.injectText(text);
-    injector.injectText("a\x01\x7f" "b");  // control characters are dropped
+    injector.injectText(
+        "a\x01\x7f"
+        "b");  // control characters are dropped
     const auto typed = InputRecorder::typed(recorder.take());
     EXPECT_EQ(typed, text + "ab");
 
@@ -132,10 +135,10 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
 
   // Scrolling: 2 pixels a unit, 40 a wheel click; what is short of a click waits for the next
   // event of the gesture, and a new gesture starts afresh.
-  injector.injectPointer(pointer::scroll{0, 30, ScrollPhase::began}, {});     // 60 px: 1 up
-  injector.injectPointer(pointer::scroll{0, 10, ScrollPhase::changed}, {});   // 40 px: 1 up
-  injector.injectPointer(pointer::scroll{-25, 0, ScrollPhase::momentum}, {}); // 50 px: 1 right
-  injector.injectPointer(pointer::scroll{0, -5, ScrollPhase::began}, {});     // 10 px: none
+  injector.injectPointer(pointer::scroll{0, 30, ScrollPhase::began}, {});      // 60 px: 1 up
+  injector.injectPointer(pointer::scroll{0, 10, ScrollPhase::changed}, {});    // 40 px: 1 up
+  injector.injectPointer(pointer::scroll{-25, 0, ScrollPhase::momentum}, {});  // 50 px: 1 right
+  injector.injectPointer(pointer::scroll{0, -5, ScrollPhase::began}, {});      // 10 px: none
   injector.injectPointer(pointer::scroll{0, -40, ScrollPhase::momentumEnded}, {});  // 90: 2 down
   std::vector<int> wheel;
   for (const auto& e : only(recorder.take(), Kind::buttonPress)) wheel.push_back(e.detail);

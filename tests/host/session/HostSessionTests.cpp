@@ -490,10 +490,9 @@ TEST(HostSession, TheSourceFollowsTheClientAndTheDisplays) {
     EXPECT_EQ(back, (msg::streamInfo{1, {0, 0, 1, 1}, 1920, 1080, hevcMain}));
 
     // The source applies the geometry itself; each change of display asks for a key frame.
-    EXPECT_EQ(h.captures->log,
-              (std::vector<std::string>{"start 1 1920x1080", "update 1 9000x1001",
-                                        "update 2 2048x1280", "update 2 1280x720",
-                                        "update 1 1920x1080"}));
+    EXPECT_EQ(h.captures->log, (std::vector<std::string>{"start 1 1920x1080", "update 1 9000x1001",
+                                                         "update 2 2048x1280", "update 2 1280x720",
+                                                         "update 1 1920x1080"}));
     EXPECT_EQ(h.encoders->made->keyframeRequests, 3);
     EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::streaming);
     EXPECT_EQ(h.lastReport().displayName, "DP-1");
@@ -530,8 +529,8 @@ TEST(HostSession, ACaptureThatFailsOrEndsIsReportedAndTheSessionGoesOn) {
     h.client->send(msg::selectDisplay{1});
     co_await h.expect<msg::hostStatus>();
     co_await h.expect<msg::streamInfo>();
-    EXPECT_EQ(h.captures->log, (std::vector<std::string>{"start 1 1920x1080", "stop",
-                                                         "start 1 1920x1080"}));
+    EXPECT_EQ(h.captures->log,
+              (std::vector<std::string>{"start 1 1920x1080", "stop", "start 1 1920x1080"}));
   });
 }
 
