@@ -34,6 +34,8 @@ constexpr const char* kUsage = R"(Usage:
       the hosts on the local network (DNS-SD), looked for during N seconds (default 3)
   tovu-client pair <link> [--address HOST:PORT] [--name NAME]
       pair with the host of a pairing link (as tovu-host --pair prints it)
+  tovu-client pair --compare <host> [--address HOST:PORT] [--name NAME]
+      pair by comparing the six digits shown here with those the host shows
   tovu-client connect <host> [--address HOST:PORT] [options]
       connect to a paired host (its name or ID), show statistics every second
         --seconds N        stay connected for N seconds (default 10)
@@ -57,6 +59,7 @@ struct Options {
   double seconds = 10;
   std::string saveFrame;
   std::string type;
+  bool compare = false;
 };
 
 [[noreturn]] void fail(const std::string& text) {
@@ -98,6 +101,8 @@ Options parse(int argc, char** argv) {
       options.saveFrame = value();
     } else if (arg == "--type") {
       options.type = value();
+    } else if (arg == "--compare") {
+      options.compare = true;
     } else if (options.command.empty()) {
       options.command = arg;
     } else if (options.subject.empty()) {
@@ -163,13 +168,69 @@ asio::awaitable<int> list(const Options& options, ClientData& data) {
   co_return 0;
 }
 
+// Pairing by code comparison: the first contact trusts the certificate it is shown, the person
+// compares the digits, and the host's ID and name come with its answer to hello.
+asio::awaitable<int> pairByComparison(const Options& options, ClientData& data) {
+  const auto id = UUID::parse(options.subject);
+  const std::string name = options.subject;
+  // Named: GCC 12 destroys temporaries that live across a suspension twice.
+  const std::function<bool(const DiscoveredHost&)> wanted = [id, name](const DiscoveredHost& h) {
+    return (id && h.hostID == id) || h.name == name;
+  };
+  const ServerTrust trust = ServerTrust::unpinned();
+  const auto connection = co_await dial(options, wanted, trust);
+  const std::function<std::optional<Data>()> shown = [connection] {
+    return connection->peerCertificateFingerprint();
+  };
+  const std::function<void(const std::string&)> showCode = [](const std::string& code) {
+    std::cout << "Code: " << code << " - check that the host shows the same" << std::endl;
+  };
+  const auto purpose = ClientHandshake::Purpose::pairByComparison();
+  const auto event = co_await ClientHandshake::run(connection, data.identity, purpose, options.name,
+                                                   shown, std::chrono::seconds(120), showCode);
+  if (event.kind != ClientHandshake::Event::Kind::authenticated) {
+    std::cerr << "tovu-client: pairing failed" << (event.text.empty() ? "" : ": " + event.text)
+              << std::endl;
+    connection->close();
+    co_return 1;
+  }
+  const msg::hello hello{16,
+                         data.identity.deviceID,
+                         options.name,
+                         {{CodecProfile::hevcMain}, 1920, 1080, 2, "tovu-client", false}};
+  connection->send(hello);
+  std::optional<msg::helloAck> ack;
+  while (const auto message =
+             co_await nextWithin(connection->messages(), std::chrono::seconds(5))) {
+    if (const auto* found = std::get_if<msg::helloAck>(&*message)) {
+      ack = *found;
+      break;
+    }
+  }
+  const auto fingerprint = connection->peerCertificateFingerprint();
+  connection->close();
+  if (!ack || !fingerprint) {
+    std::cerr << "tovu-client: paired, but the host did not say who it is" << std::endl;
+    co_return 1;
+  }
+  data.hosts.save({ack->hostID, ack->hostName, *fingerprint, WallClock::now(), {}});
+  std::cout << "Paired with " << ack->hostName << " (" << ack->hostID.string() << ")" << std::endl;
+  co_return 0;
+}
+
 asio::awaitable<int> pair(const Options& options, ClientData& data) {
+  if (options.compare) {
+    const int result = co_await pairByComparison(options, data);
+    co_return result;
+  }
   const auto link = PairingURL::parse(options.subject);
   if (!link) fail("that is no pairing link");
   const UUID hostID = link->hostID;
-  const auto connection = co_await dial(
-      options, [hostID](const DiscoveredHost& h) { return h.hostID == hostID; },
-      ServerTrust::pinned(link->fingerprint));
+  const std::function<bool(const DiscoveredHost&)> wanted = [hostID](const DiscoveredHost& h) {
+    return h.hostID == hostID;
+  };
+  const ServerTrust trust = ServerTrust::pinned(link->fingerprint);
+  const auto connection = co_await dial(options, wanted, trust);
   const Data fingerprint = link->fingerprint;
   const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
   const std::function<void(const std::string&)> showCode = [](const std::string& code) {
@@ -319,13 +380,14 @@ asio::awaitable<int> connect(const Options& options, ClientData& data) {
   const auto host = data.hosts.match(id, options.subject);
   if (!host) fail("not paired with " + options.subject + " (see tovu-client hosts)");
   const auto since = Clock::now();
-  const auto connection = co_await dial(
-      options,
-      [&data, &host](const DiscoveredHost& h) {
-        return data.hosts.match(h.hostID, h.name).has_value() &&
-               data.hosts.match(h.hostID, h.name)->hostID == host->hostID;
-      },
-      ServerTrust::pinned(host->fingerprint));
+  const UUID hostID = host->hostID;
+  const std::function<bool(const DiscoveredHost&)> wanted = [&data,
+                                                             hostID](const DiscoveredHost& h) {
+    const auto paired = data.hosts.match(h.hostID, h.name);
+    return paired && paired->hostID == hostID;
+  };
+  const ServerTrust trust = ServerTrust::pinned(host->fingerprint);
+  const auto connection = co_await dial(options, wanted, trust);
   const Data fingerprint = host->fingerprint;
   const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
   const std::function<void(const std::string&)> noCode;

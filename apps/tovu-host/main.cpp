@@ -33,6 +33,7 @@ Options:
   --port N               the UDP port to listen on (default: any; kept across restarts)
   --pair                 print a pairing link, and its QR code, for a new device (and a
                          fresh one after each pairing)
+  --confirm              let devices pair by comparing codes, confirmed here on the terminal
   --no-advertise         do not announce the host on the local network (DNS-SD)
   --headless             run without a tray item (the only way this build runs)
   --help                 show this text
@@ -43,6 +44,7 @@ struct Options {
   std::optional<std::pair<int, int>> virtualDisplay;
   std::optional<std::uint16_t> port;
   bool pair = false;
+  bool confirm = false;
   bool advertise = true;
 };
 
@@ -80,6 +82,8 @@ Options parse(int argc, char** argv) {
       options.port = std::uint16_t(port);
     } else if (arg == "--pair") {
       options.pair = true;
+    } else if (arg == "--confirm") {
+      options.confirm = true;
     } else if (arg == "--no-advertise") {
       options.advertise = false;
     } else if (arg == "--headless") {
@@ -183,7 +187,8 @@ int main(int argc, char** argv) {
 
   asio::io_context io;
   const Executor main = makeStrand(io.get_executor());
-  HostComposition composition(main, {options.display, hostName(), options.port, options.advertise});
+  HostComposition composition(
+      main, {options.display, hostName(), options.port, options.advertise, options.confirm});
   const auto model = AppModel::make(main, composition.dependencies());
   asio::steady_timer timer(main);
   asio::post(main, [&] {

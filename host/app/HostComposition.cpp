@@ -3,6 +3,7 @@
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
 
+#include "host/app/TerminalPairingConfirmer.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
 #include "kit/security/SecretStore.hpp"
@@ -59,14 +60,18 @@ AppModel::Dependencies HostComposition::dependencies() const {
     auto listener = QUICHostListener::make(main, *security.identity, listenerOptions);
     return ListenerStart{listener, [listener] { return listener->waitUntilReady(); }};
   };
-  deps.loadSecurity = [](const UUID& hostID, const std::string& hostName) {
+  deps.loadSecurity = [main = main_, confirm = options_.confirmOnTerminal](
+                          const UUID& hostID, const std::string& hostName) {
     const auto directory = userDataDirectory("tovu-host");
     auto identity = std::make_shared<SelfSignedIdentity>(SelfSignedIdentity::loadOrCreate(
         IdentityStores::files(directory, "io.dovka.tovu.host.identity"), "Tovu Host"));
     auto store = std::make_shared<PairedDeviceStore>(PairedDeviceStore::defaultLocation());
-    // No one sits at a headless host to compare codes: pairing is by token only.
-    auto service = std::make_shared<HostPairingService>(
-        hostID, hostName, identity->fingerprint(), store, nullptr, [] { return WallClock::now(); });
+    // Without a person to confirm codes, pairing is by link only.
+    std::shared_ptr<PairingConfirming> confirmer;
+    if (confirm) confirmer = std::make_shared<TerminalPairingConfirmer>(main);
+    auto service =
+        std::make_shared<HostPairingService>(hostID, hostName, identity->fingerprint(), store,
+                                             std::move(confirmer), [] { return WallClock::now(); });
     return HostSecurity{identity, service};
   };
   deps.probeEncoders = [] { return std::make_shared<LibavEncoderFactory>(); };

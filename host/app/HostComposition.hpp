@@ -21,6 +21,8 @@ class HostComposition {
     std::string hostName;
     std::optional<std::uint16_t> port;
     bool advertise = true;  // DNS-SD on the local network
+    // Pairing by code comparison, confirmed on the terminal; else by link only.
+    bool confirmOnTerminal = false;
   };
 
   HostComposition(const Executor& mainExecutor, Options options);

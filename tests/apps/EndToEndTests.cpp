@@ -1,8 +1,10 @@
 // tovu-host and tovu-client as separate processes, over real QUIC on the loopback interface, with
 // the host serving a virtual display of its own.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
@@ -84,16 +86,36 @@ struct Device {
                                       const fs::path& log) const {
     return std::make_unique<ChildProcess>(command(std::move(arguments)), log);
   }
+  // The ID of the first host this device paired with.
+  std::string host() const {
+    const std::string listed = run({"hosts"}).output;
+    return listed.substr(0, listed.find(' '));
+  }
 };
 
 class Host {
  public:
-  Host() {
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"env", "XDG_DATA_HOME=" + home_.path().string(),
-                                 "XDG_CONFIG_HOME=" + home_.path().string(), TOVU_HOST,
-                                 "--virtual-display", "800x600", "--pair", "--no-advertise"},
-        log());
+  // `confirm`: pairing by code comparison, answered through `answer`.
+  explicit Host(bool confirm = false) {
+    std::vector<std::string> command = {"env",
+                                        "XDG_DATA_HOME=" + home_.path().string(),
+                                        "XDG_CONFIG_HOME=" + home_.path().string(),
+                                        TOVU_HOST,
+                                        "--virtual-display",
+                                        "800x600",
+                                        "--pair",
+                                        "--no-advertise"};
+    std::function<bool()> prepare;
+    if (confirm) {
+      command.push_back("--confirm");
+      ::mkfifo(answers().c_str(), 0600);
+      // Read and write, so that opening it waits for nobody.
+      prepare = [fifo = answers().string()] {
+        const int fd = ::open(fifo.c_str(), O_RDWR);
+        return fd >= 0 && ::dup2(fd, STDIN_FILENO) == STDIN_FILENO;
+      };
+    }
+    process_ = std::make_unique<ChildProcess>(command, log(), prepare);
     display_ = waitFor(log(), "virtual display ").value_or("");
     port_ = waitFor(log(), "listening on UDP port ").value_or("");
   }
@@ -107,8 +129,12 @@ class Host {
     return waitFor(log(), "with this link:\n", nth).value_or("");
   }
   fs::path log() const { return home_.path() / "host.log"; }
+  // A line typed at the host's terminal.
+  void answer(const std::string& line) const { std::ofstream(answers()) << line << std::endl; }
 
  private:
+  fs::path answers() const { return home_.path() / "answers"; }
+
   TempDirectory home_;
   std::unique_ptr<ChildProcess> process_;
   std::string display_, port_;
@@ -138,8 +164,8 @@ TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   painter.fill(0x20b040, 400, 300, 400, 300);
   InputRecorder window(host.display());
   const fs::path frame = ann.home.path() / "frame.png";
-  const auto streamed = ann.run({"connect", "vm", "--address", host.address(), "--seconds", "3",
-                                 "--save-frame", frame.string(), "--type", "hello, tovu"});
+  const auto streamed = ann.run({"connect", ann.host(), "--address", host.address(), "--seconds",
+                                 "3", "--save-frame", frame.string(), "--type", "hello, tovu"});
   ASSERT_TRUE(streamed.succeeded()) << streamed.output;
   EXPECT_NE(streamed.output.find("profile HEVC"), std::string::npos) << streamed.output;
   const auto topLeft = colourAt(frame, 200, 150), bottomRight = colourAt(frame, 600, 450);
@@ -158,20 +184,38 @@ TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {
 
   const fs::path annLog = ann.home.path() / "connect.log";
   auto watching =
-      ann.start({"connect", "vm", "--address", host.address(), "--seconds", "20"}, annLog);
+      ann.start({"connect", ann.host(), "--address", host.address(), "--seconds", "20"}, annLog);
   ASSERT_TRUE(waitFor(annLog, "Connected to", 1, 30s)) << readFile(annLog);
-  const auto takeover = bob.run({"connect", "vm", "--address", host.address(), "--seconds", "2"});
+  const auto takeover =
+      bob.run({"connect", bob.host(), "--address", host.address(), "--seconds", "2"});
   EXPECT_TRUE(takeover.succeeded()) << takeover.output;
   EXPECT_TRUE(waitFor(annLog, "Replaced by Bob's iPhone", 1, 10s)) << readFile(annLog);
 
   // A client killed mid-stream: the host frees its session and serves the next one.
   const fs::path bobLog = bob.home.path() / "connect.log";
   auto killed =
-      bob.start({"connect", "vm", "--address", host.address(), "--seconds", "30"}, bobLog);
+      bob.start({"connect", ann.host(), "--address", host.address(), "--seconds", "30"}, bobLog);
   ASSERT_TRUE(waitFor(bobLog, "Connected to", 1, 30s)) << readFile(bobLog);
   ::kill(killed->pid(), SIGKILL);
-  const auto next = ann.run({"connect", "vm", "--address", host.address(), "--seconds", "2"});
+  const auto next = ann.run({"connect", ann.host(), "--address", host.address(), "--seconds", "2"});
   EXPECT_TRUE(next.succeeded()) << next.output;
+}
+
+TEST(EndToEnd, PairsByComparingCodesThatThePersonAtTheHostConfirms) {
+  Host host(true);
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  const fs::path log = ann.home.path() / "pair.log";
+  auto pairing = ann.start({"pair", "--compare", "any", "--address", host.address()}, log);
+  const auto hostCode = waitFor(host.log(), "showing the code ");
+  const auto clientCode = waitFor(log, "Code: ");
+  ASSERT_TRUE(hostCode && clientCode) << readFile(host.log()) << readFile(log);
+  EXPECT_EQ(hostCode->substr(0, 6), *clientCode);
+  host.answer("y");
+  EXPECT_TRUE(waitFor(log, "Paired with ", 1, 30s)) << readFile(log);
+  const auto streamed =
+      ann.run({"connect", ann.host(), "--address", host.address(), "--seconds", "1"});
+  EXPECT_TRUE(streamed.succeeded()) << streamed.output;
 }
 
 }  // namespace
