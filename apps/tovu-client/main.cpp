@@ -252,7 +252,7 @@ asio::awaitable<int> pair(const Options& options, ClientData& data) {
 }
 
 // A session with a host: what it says, its pictures, and the statistics of each second.
-class Viewer {
+class Viewer : public std::enable_shared_from_this<Viewer> {
  public:
   // `since`: when the client began to connect, for the time to the first picture.
   Viewer(std::shared_ptr<Connection> connection, const Options& options, Clock::time_point since)
@@ -266,8 +266,11 @@ class Viewer {
         options_.name,
         {{CodecProfile::hevcMain, CodecProfile::hevcMain444}, 1920, 1080, 2, "tovu-client", false}};
     connection_->send(hello);
-    asio::co_spawn(executor, messages(), asio::detached);
-    asio::co_spawn(executor, video(), asio::detached);
+    // The readers keep the viewer alive: they may wake once more after it has closed.
+    asio::co_spawn(
+        executor, [self = shared_from_this()] { return self->messages(); }, asio::detached);
+    asio::co_spawn(
+        executor, [self = shared_from_this()] { return self->video(); }, asio::detached);
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                         std::chrono::duration<double>(options_.seconds));
     int second = 0;
@@ -399,8 +402,8 @@ asio::awaitable<int> connect(const Options& options, ClientData& data) {
     co_return 1;
   }
   data.hosts.touch(host->hostID, WallClock::now());
-  Viewer viewer(connection, options, since);
-  const int result = co_await viewer.run(data);
+  const auto viewer = std::make_shared<Viewer>(connection, options, since);
+  const int result = co_await viewer->run(data);
   co_return result;
 }
 
