@@ -32,18 +32,10 @@ VideoDecoder::~VideoDecoder() {
 }
 
 std::optional<Picture> VideoDecoder::decode(const VideoFrame& frame) {
-  // Back to Annex B, as the decoder takes a stream.
-  std::vector<std::uint8_t> stream;
-  auto append = [&](std::span<const std::uint8_t> unit) {
-    stream.insert(stream.end(), {0, 0, 0, 1});
-    stream.insert(stream.end(), unit.begin(), unit.end());
-  };
-  for (const auto& set : frame.parameterSets) append(set.span());
-  const auto units = host::hevc::splitLengthPrefixed(frame.payload.span());
-  if (!units) return std::nullopt;
-  for (const auto unit : *units) append(unit);
-  if (stream.empty() || av_new_packet(packet_, int(stream.size())) < 0) return std::nullopt;
-  std::copy(stream.begin(), stream.end(), packet_->data);
+  const auto stream = host::hevc::annexBOf(frame);
+  if (!stream) return std::nullopt;
+  if (stream->empty() || av_new_packet(packet_, int(stream->size())) < 0) return std::nullopt;
+  std::copy(stream->begin(), stream->end(), packet_->data);
   const int sent = avcodec_send_packet(context_, packet_);
   av_packet_unref(packet_);
   if (sent < 0 || avcodec_receive_frame(context_, frame_) < 0) return std::nullopt;

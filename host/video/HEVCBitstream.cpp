@@ -185,6 +185,19 @@ Data lengthPrefixed(const std::vector<NALUnit>& units) {
   return out;
 }
 
+std::optional<Data> annexBOf(const VideoFrame& frame) {
+  const auto units = splitLengthPrefixed(frame.payload.span());
+  if (!units) return std::nullopt;
+  Data stream;
+  auto append = [&stream](std::span<const std::uint8_t> unit) {
+    stream.insert(stream.end(), {0, 0, 0, 1});
+    stream.insert(stream.end(), unit.begin(), unit.end());
+  };
+  for (const auto& set : frame.parameterSets) append(set.span());
+  for (const auto unit : *units) append(unit);
+  return stream;
+}
+
 std::optional<std::vector<NALUnit>> splitLengthPrefixed(std::span<const std::uint8_t> payload) {
   std::vector<NALUnit> units;
   while (!payload.empty()) {

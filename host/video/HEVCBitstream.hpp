@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kit/wire/Bytes.hpp"
+#include "kit/wire/MediaFrames.hpp"
 
 // What the encoder needs to know of the HEVC bytes an encoder library hands back: where the NAL
 // units are, which are parameter sets and key pictures, how to lay them out for the client, and
@@ -35,6 +36,10 @@ Data lengthPrefixed(const std::vector<NALUnit>& units);
 // The inverse, for checks and for a client: nothing if a length, or the unit it announces, runs
 // past the end. A zero length gives an empty unit, as it was written.
 std::optional<std::vector<NALUnit>> splitLengthPrefixed(std::span<const std::uint8_t> payload);
+
+// A frame as a decoder's byte stream (Annex B): its parameter sets, then its units, each after a
+// start code. Nothing if its payload does not split.
+std::optional<Data> annexBOf(const VideoFrame& frame);
 
 // What the first output of an encoder session is checked against.
 struct StreamFormat {

@@ -48,17 +48,9 @@ class HEVCTestDecoder {
 
   // The decoded luma, or nothing if the decoder produced no picture for this frame.
   std::optional<LumaPlane> decode(const VideoFrame& frame) {
-    std::vector<std::uint8_t> annexB;
-    auto append = [&](std::span<const std::uint8_t> unit) {
-      annexB.insert(annexB.end(), {0, 0, 0, 1});
-      annexB.insert(annexB.end(), unit.begin(), unit.end());
-    };
-    for (const auto& set : frame.parameterSets) append(set.span());
-    const auto units = host::hevc::splitLengthPrefixed(frame.payload.span());
-    if (!units) return std::nullopt;
-    for (auto unit : *units) append(unit);
-    if (av_new_packet(packet_, int(annexB.size())) < 0) return std::nullopt;
-    std::copy(annexB.begin(), annexB.end(), packet_->data);
+    const auto annexB = host::hevc::annexBOf(frame);
+    if (!annexB || av_new_packet(packet_, int(annexB->size())) < 0) return std::nullopt;
+    std::copy(annexB->begin(), annexB->end(), packet_->data);
     const int sent = avcodec_send_packet(context_, packet_);
     av_packet_unref(packet_);
     if (sent < 0 || avcodec_receive_frame(context_, frame_) < 0) return std::nullopt;
