@@ -10,17 +10,19 @@
 namespace kelvaron::host {
 namespace {
 
+constexpr InputOwner kOwner = 1;
+
 void pointerMoveBurst(benchmark::State& state) {
   test::VirtualDisplay x(1920, 1080);
   if (!x.available()) return state.SkipWithError(x.skipReason().c_str());
   XTestInjector injector(x.name());
-  injector.injectPointer(pointer::moveAbsolute{0, 0.5f, 0.5f},
+  injector.injectPointer(kOwner, pointer::moveAbsolute{0, 0.5f, 0.5f},
                          DisplayInfo{1, "screen", true, 1920, 1080, {0, 0, 1920, 1080}});
   constexpr int kMoves = 1000;
   for (auto _ : state) {
     for (int i = 0; i < kMoves; ++i) {
       const float step = i % 2 == 0 ? 3.0f : -3.0f;
-      injector.injectPointer(pointer::moveRelative{step, step}, std::nullopt);
+      injector.injectPointer(kOwner, pointer::moveRelative{step, step}, std::nullopt);
     }
     benchmark::DoNotOptimize(injector.currentPointerPosition());  // a round trip: all applied
   }

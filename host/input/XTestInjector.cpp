@@ -81,7 +81,8 @@ struct XTestInjector::Server {
   std::int32_t keyboard = -1;  // the core keyboard's XKB device
   xcb_atom_t rulesNames = XCB_ATOM_NONE;
   std::unique_ptr<KeyboardLayout> layout;
-  std::string layoutIdentity;
+  std::string layoutRules;
+  xkb_layout_index_t layoutGroup = 0;
   // Spare keys given a character, least recently typed first.
   std::vector<std::pair<char32_t, std::uint32_t>> spareInUse;
 
@@ -120,17 +121,14 @@ struct XTestInjector::Server {
     return server;
   }
 
-  // The layout's name as setxkbmap and desktops set it on the root window, and the layout (group)
-  // in force: a change of either means another keymap.
-  std::string layoutIdentityNow(xkb_layout_index_t group) {
-    std::string identity = std::to_string(group) + ":";
+  // The layout's name as setxkbmap and desktops set it on the root window: a change means the
+  // server has another keymap.
+  std::string rulesNamesNow() {
     const XcbReply<xcb_get_property_reply_t> names(xcb_get_property_reply(
         c, xcb_get_property(c, 0, root, rulesNames, XCB_ATOM_STRING, 0, 1024), nullptr));
-    if (names) {
-      identity.append(static_cast<const char*>(xcb_get_property_value(names.get())),
-                      std::size_t(xcb_get_property_value_length(names.get())));
-    }
-    return identity;
+    if (!names) return {};
+    return {static_cast<const char*>(xcb_get_property_value(names.get())),
+            std::size_t(xcb_get_property_value_length(names.get()))};
   }
 
   struct KeyboardState {
@@ -146,22 +144,30 @@ struct XTestInjector::Server {
   }
 };
 
-// Which modifiers a key stroke wants down, and caps lock on or off.
+// Which modifiers a key stroke wants down; absent: left as they are.
 struct XTestInjector::Modifiers {
-  bool shift = false, control = false, alt = false, super = false, level3 = false;
-  std::optional<bool> capsLock;  // absent: left as it is
+  bool shift = false, control = false, alt = false, super = false;
+  std::optional<bool> level3 = false;
+  std::optional<bool> capsLock;
 
+  // The Mac's option is Alt here. Where the client holds the key that is AltGr on this layout
+  // (its right option), that key already stands for the option flag: the third level stays as
+  // the client holds it, and Alt is not pressed beside it.
   static Modifiers of(ModifierFlags flags) {
     const std::uint8_t f = flags.rawValue;
+    const bool option = (f & 0x04) != 0;
     // The function key (0x10) has no counterpart on X11.
-    return {(f & 0x01) != 0, (f & 0x02) != 0, (f & 0x04) != 0,
-            (f & 0x08) != 0, false,           (f & 0x20) != 0};
+    return {(f & 0x01) != 0, (f & 0x02) != 0, option, (f & 0x08) != 0,
+            option ? std::nullopt : std::optional(false), (f & 0x20) != 0};
   }
 };
 
 XTestInjector::XTestInjector(std::string displayName) : displayName_(std::move(displayName)) {}
 
-XTestInjector::~XTestInjector() { releaseAll(); }
+XTestInjector::~XTestInjector() {
+  std::lock_guard guard(lock_);
+  releaseHeld([](InputOwner) { return true; });
+}
 
 bool XTestInjector::ensureServer() {
   if (server_ && !xcb_connection_has_error(server_->c)) return true;
@@ -184,8 +190,13 @@ bool XTestInjector::ensureServer() {
 
 const KeyboardLayout* XTestInjector::currentLayout() {
   const auto state = server_->keyboardState();
-  std::string identity = server_->layoutIdentityNow(state.group);
-  if (server_->layout && identity == server_->layoutIdentity) return server_->layout.get();
+  std::string rules = server_->rulesNamesNow();
+  const bool sameRules = server_->layout && rules == server_->layoutRules;
+  if (sameRules && state.group == server_->layoutGroup) return server_->layout.get();
+  // Another group of the same keymap: the spare keys still carry their characters, and a key the
+  // new layout reads differently must not keep one. A new keymap has none of them.
+  if (sameRules) restoreSpareKeys();
+  server_->spareInUse.clear();
   xkb_keymap* keymap = xkb_x11_keymap_new_from_device(server_->xkb, server_->c, server_->keyboard,
                                                       XKB_KEYMAP_COMPILE_NO_FLAGS);
   if (!keymap) {
@@ -193,16 +204,17 @@ const KeyboardLayout* XTestInjector::currentLayout() {
     return nullptr;
   }
   server_->layout = std::make_unique<KeyboardLayout>(keymap, state.group);
-  server_->spareInUse.clear();  // a new keymap has none of them
-  server_->layoutIdentity = std::move(identity);
+  server_->layoutRules = std::move(rules);
+  server_->layoutGroup = state.group;
   xkb_keymap_unref(keymap);
   return server_->layout.get();
 }
 
 // ---- Keys ----
 
-void XTestInjector::injectKey(const KeyEvent& event) {
+void XTestInjector::injectKey(InputOwner owner, const KeyEvent& event) {
   std::lock_guard guard(lock_);
+  owner_ = owner;
   const auto name = xkbKeyName(event.usage);
   if (!name) {
     log_.error("Tovu: no virtual key for HID usage 0x%X", unsigned(event.usage.rawValue));
@@ -226,8 +238,9 @@ void XTestInjector::injectKey(const KeyEvent& event) {
 
 void XTestInjector::applyModifiers(const KeyboardLayout& layout, const Modifiers& wanted) {
   const auto state = server_->keyboardState();
+  const bool level3Down = (state.depressed & layout.levelThreeMask()) != 0;
   struct Role {
-    bool wanted;
+    std::optional<bool> wanted;
     xkb_mod_mask_t mask;  // 0: the keymap has no such modifier
     std::optional<std::uint32_t> press;
     std::vector<std::optional<std::uint32_t>> release;
@@ -241,7 +254,7 @@ void XTestInjector::applyModifiers(const KeyboardLayout& layout, const Modifiers
        layout.modifierMask(XKB_MOD_NAME_CTRL),
        layout.keycode("LCTL"),
        {layout.keycode("LCTL"), layout.keycode("RCTL")}},
-      {wanted.alt,
+      {wanted.alt && level3Down && !wanted.level3 ? std::nullopt : std::optional(wanted.alt),
        layout.modifierMask(XKB_MOD_NAME_ALT),
        layout.keycode("LALT"),
        {layout.keycode("LALT"), layout.keycode("RALT")}},
@@ -255,10 +268,10 @@ void XTestInjector::applyModifiers(const KeyboardLayout& layout, const Modifiers
        {layout.optionKey(), layout.keycode("RALT")}},
   };
   for (const Role& role : roles) {
-    if (!role.mask) continue;
+    if (!role.mask || !role.wanted) continue;
     const bool down = (state.depressed & role.mask) != 0;
-    if (role.wanted && !down && role.press) sendKey(*role.press, true);
-    if (!role.wanted && down) {
+    if (*role.wanted && !down && role.press) sendKey(*role.press, true);
+    if (!*role.wanted && down) {
       for (const auto& key : role.release) {
         // The server drops the release of a key that is not down.
         if (key) sendKey(*key, false);
@@ -276,7 +289,7 @@ void XTestInjector::sendKey(std::uint32_t keycode, bool isDown) {
   xcb_test_fake_input(server_->c, isDown ? XCB_KEY_PRESS : XCB_KEY_RELEASE, std::uint8_t(keycode),
                       XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
   if (isDown) {
-    heldKeys_.insert(keycode);
+    heldKeys_[keycode] = owner_;
   } else {
     heldKeys_.erase(keycode);
   }
@@ -289,8 +302,9 @@ void XTestInjector::tapKey(std::uint32_t keycode) {
 
 // ---- Text ----
 
-void XTestInjector::injectText(const std::string& text) {
+void XTestInjector::injectText(InputOwner owner, const std::string& text) {
   std::lock_guard guard(lock_);
+  owner_ = owner;
   if (!ensureServer()) return;
   const KeyboardLayout* layout = currentLayout();
   if (!layout) return;
@@ -341,6 +355,7 @@ void XTestInjector::typeOnSpareKey(const KeyboardLayout& layout, char32_t charac
     xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, symbols);
   }
   inUse.emplace_back(character, key);
+  spareKeysOwner_ = owner_;
   applyModifiers(layout, Modifiers{});
   tapKey(key);
 }
@@ -351,13 +366,15 @@ void XTestInjector::restoreSpareKeys() {
     xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, none);
   }
   server_->spareInUse.clear();
+  spareKeysOwner_.reset();
 }
 
 // ---- The pointer ----
 
-void XTestInjector::injectPointer(const PointerEvent& event,
+void XTestInjector::injectPointer(InputOwner owner, const PointerEvent& event,
                                   const std::optional<DisplayInfo>& display) {
   std::lock_guard guard(lock_);
+  owner_ = owner;
   if (!ensureServer()) return;
   if (const auto* move = std::get_if<pointer::moveRelative>(&event)) {
     moveRelative(move->dx, move->dy);
@@ -443,7 +460,7 @@ void XTestInjector::sendButton(std::uint8_t number, bool isDown) {
   xcb_test_fake_input(server_->c, isDown ? XCB_BUTTON_PRESS : XCB_BUTTON_RELEASE, number,
                       XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
   if (isDown) {
-    heldButtons_.insert(number);
+    heldButtons_[number] = owner_;
   } else {
     heldButtons_.erase(number);
   }
@@ -472,12 +489,21 @@ void XTestInjector::scroll(float dx, float dy, ScrollPhase phase) {
 
 // ---- The end of a session ----
 
-void XTestInjector::releaseAll() {
+void XTestInjector::release(InputOwner owner) {
   std::lock_guard guard(lock_);
+  releaseHeld([owner](InputOwner holder) { return holder == owner; });
+}
+
+template <class Owned>
+void XTestInjector::releaseHeld(Owned owned) {
   if (!server_ || xcb_connection_has_error(server_->c)) return;
-  for (const std::uint32_t key : std::set(heldKeys_)) sendKey(key, false);
-  for (const std::uint8_t number : std::set(heldButtons_)) sendButton(number, false);
-  restoreSpareKeys();
+  for (const auto& [key, holder] : std::map(heldKeys_)) {
+    if (owned(holder)) sendKey(key, false);
+  }
+  for (const auto& [number, holder] : std::map(heldButtons_)) {
+    if (owned(holder)) sendButton(number, false);
+  }
+  if (spareKeysOwner_ && owned(*spareKeysOwner_)) restoreSpareKeys();
   xcb_flush(server_->c);
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -27,11 +27,12 @@ class XTestInjector : public InputInjector {
   explicit XTestInjector(std::string displayName);
   ~XTestInjector() override;
 
-  void injectKey(const KeyEvent& event) override;
-  void injectPointer(const PointerEvent& event, const std::optional<DisplayInfo>& display) override;
-  void injectText(const std::string& text) override;
+  void injectKey(InputOwner owner, const KeyEvent& event) override;
+  void injectPointer(InputOwner owner, const PointerEvent& event,
+                     const std::optional<DisplayInfo>& display) override;
+  void injectText(InputOwner owner, const std::string& text) override;
   std::optional<Point> currentPointerPosition() override;
-  void releaseAll() override;
+  void release(InputOwner owner) override;
 
  private:
   struct Server;
@@ -55,6 +56,8 @@ class XTestInjector : public InputInjector {
   void applyModifiers(const KeyboardLayout& layout, const Modifiers& wanted);
   void typeOnSpareKey(const KeyboardLayout& layout, char32_t character);
   void restoreSpareKeys();
+  template <class Owned>
+  void releaseHeld(Owned owned);
   void sendKey(std::uint32_t keycode, bool isDown);
   void tapKey(std::uint32_t keycode);
   void sendButton(std::uint8_t number, bool isDown);
@@ -64,8 +67,12 @@ class XTestInjector : public InputInjector {
   std::unique_ptr<Server> server_;
   bool reportedNoServer_ = false;  // one log line for a run of failed connections
   PointerTracker tracker_;
-  std::set<std::uint32_t> heldKeys_;
-  std::set<std::uint8_t> heldButtons_;  // X button numbers
+  // Who is injecting now: what goes down is theirs.
+  InputOwner owner_ = 0;
+  std::map<std::uint32_t, InputOwner> heldKeys_;
+  std::map<std::uint8_t, InputOwner> heldButtons_;  // X button numbers
+  // The last owner to type on the spare keys; its end gives them back.
+  std::optional<InputOwner> spareKeysOwner_;
   HostScroll::Remainder scrollRemainder_;
   Logger log_{"io.dovka.tovu.host", "input"};
   Logger sessionLog_{"io.dovka.tovu.host", "session"};

@@ -120,9 +120,9 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
   } else if (const auto* video = std::get_if<msg::setVideoEnabled>(&message)) {
     co_await setVideoEnabledFlag(video->enabled);
   } else if (const auto* key = std::get_if<msg::key>(&message)) {
-    env_.injector->injectKey(key->event);
+    env_.injector->injectKey(inputOwner_, key->event);
   } else if (const auto* text = std::get_if<msg::text>(&message)) {
-    env_.injector->injectText(text->text);
+    env_.injector->injectText(inputOwner_, text->text);
   } else if (const auto* pointer = std::get_if<msg::pointer>(&message)) {
     co_await handlePointer(pointer->event, pointer->seq);
   }
@@ -319,8 +319,8 @@ asio::awaitable<void> HostSession::teardown() {
   }
   for (const Task& task : tasks_) task.cancel();
   tasks_.clear();
-  // No key or button of this session stays down once it is gone.
-  env_.injector->releaseAll();
+  // No key or button of this session stays down once it is gone; what others hold stays.
+  env_.injector->release(inputOwner_);
   if (pipeline_) pipeline_->stop();
   pipeline_.reset();
   co_await stopCapture();

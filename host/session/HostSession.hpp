@@ -129,6 +129,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   };
   std::optional<StatsMark> lastStats_;
   std::uint32_t lastAppliedSeq_ = 0;
+  const InputOwner inputOwner_ = newInputOwner();
   double lastLoggedFeedback_ = 0;
   std::optional<std::uint32_t> assertionID_;
   bool keepAwake_ = true;

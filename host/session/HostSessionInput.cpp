@@ -12,8 +12,7 @@ asio::awaitable<void> HostSession::handlePointer(const PointerEvent& event, std:
   if (std::holds_alternative<pointer::moveRelative>(event) && env_.isDisplayAsleep()) {
     env_.power->declareUserActivity();
     log_.info("declared user activity (wake display)");
-    const bool asleep = env_.isDisplayAsleep();
-    co_await env_.onWakeRequested(asleep);
+    co_await env_.onWakeRequested(true);
   }
   std::optional<DisplayInfo> display;
   if (const auto* absolute = std::get_if<pointer::moveAbsolute>(&event)) {
@@ -26,7 +25,7 @@ asio::awaitable<void> HostSession::handlePointer(const PointerEvent& event, std:
       env_.clicks->record({*position, uptimeSeconds()});
     }
   }
-  env_.injector->injectPointer(event, display);
+  env_.injector->injectPointer(inputOwner_, event, display);
   // Also when the event did nothing for want of a display: the client counts it as applied.
   lastAppliedSeq_ = seq;
 }

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -113,19 +115,28 @@ class FakeCapture : public CaptureSource {
 // Records what reaches the injector.
 class FakeInjector : public InputInjector {
  public:
-  void injectKey(const KeyEvent& event) override { keys.push_back(event); }
-  void injectPointer(const PointerEvent& event,
+  void injectKey(InputOwner owner, const KeyEvent& event) override {
+    keys.push_back(event);
+    if (event.isDown) {
+      held[event.usage.rawValue] = owner;
+    } else {
+      held.erase(event.usage.rawValue);
+    }
+  }
+  void injectPointer(InputOwner, const PointerEvent& event,
                      const std::optional<DisplayInfo>& display) override {
     pointer.emplace_back(event, display);
   }
-  void injectText(const std::string& text) override { texts.push_back(text); }
+  void injectText(InputOwner, const std::string& text) override { texts.push_back(text); }
   std::optional<Point> currentPointerPosition() override { return Point{12, 34}; }
-  void releaseAll() override { ++releases; }
+  void release(InputOwner owner) override {
+    std::erase_if(held, [&](const auto& entry) { return entry.second == owner; });
+  }
 
   std::vector<KeyEvent> keys;
   std::vector<std::pair<PointerEvent, std::optional<DisplayInfo>>> pointer;
   std::vector<std::string> texts;
-  int releases = 0;
+  std::map<std::uint16_t, InputOwner> held;  // keys down, by HID usage
 };
 
 class FakePower : public PowerManaging {
@@ -133,6 +144,7 @@ class FakePower : public PowerManaging {
   std::vector<std::uint32_t> held;
   int taken = 0;
   int activityDeclared = 0;
+  std::function<void()> onActivity = [] {};
   std::optional<std::uint32_t> takeDisplayAssertion(const std::string& name) override {
     EXPECT_EQ(name, "Tovu remote session");
     held.push_back(++taken);
@@ -140,7 +152,10 @@ class FakePower : public PowerManaging {
   }
   void releaseAssertion(std::uint32_t id) override { std::erase(held, id); }
   void stopAllAssertions() override { held.clear(); }
-  void declareUserActivity() override { ++activityDeclared; }
+  void declareUserActivity() override {
+    ++activityDeclared;
+    onActivity();
+  }
 };
 
 }  // namespace kelvaron::test

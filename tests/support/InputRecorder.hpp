@@ -6,6 +6,10 @@
 
 #include <sys/socket.h>
 #include <xcb/xcb.h>
+// xcb's XKB header names a field after a C++ keyword.
+#define explicit explicit_
+#include <xcb/xkb.h>
+#undef explicit
 #include <xkbcommon/xkbcommon-x11.h>
 
 #include <chrono>
@@ -83,6 +87,35 @@ class InputRecorder {
       if (e.kind == Event::Kind::keyPress) text += e.text;
     }
     return text;
+  }
+
+  // Switches the keyboard to another layout of its keymap, as a layout switcher does.
+  void lockKeyboardGroup(std::uint8_t group) {
+    xcb_xkb_latch_lock_state(keymapConnection_, XCB_XKB_ID_USE_CORE_KBD, 0, 0, 1, group, 0, 0, 0);
+    std::free(xcb_get_input_focus_reply(keymapConnection_, xcb_get_input_focus(keymapConnection_),
+                                        nullptr));
+  }
+
+  // How many key codes of the core keymap carry `keysym`.
+  std::size_t keycodesTyping(xcb_keysym_t keysym) {
+    const xcb_setup_t* setup = xcb_get_setup(keymapConnection_);
+    const auto count = std::uint8_t(setup->max_keycode - setup->min_keycode + 1);
+    auto* reply = xcb_get_keyboard_mapping_reply(
+        keymapConnection_,
+        xcb_get_keyboard_mapping(keymapConnection_, setup->min_keycode, count), nullptr);
+    if (!reply) return 0;
+    const xcb_keysym_t* symbols = xcb_get_keyboard_mapping_keysyms(reply);
+    std::size_t found = 0;
+    for (std::size_t key = 0; key < count; ++key) {
+      for (std::size_t level = 0; level < reply->keysyms_per_keycode; ++level) {
+        if (symbols[key * reply->keysyms_per_keycode + level] == keysym) {
+          ++found;
+          break;
+        }
+      }
+    }
+    std::free(reply);
+    return found;
   }
 
  private:

@@ -19,6 +19,7 @@ using namespace test;
 using Kind = InputRecorder::Event::Kind;
 
 constexpr std::uint16_t kShiftMask = 1, kControlMask = 4, kButton1Mask = 256;
+constexpr InputOwner kOwner = 1, kOtherOwner = 2;
 
 bool setLayout(const VirtualDisplay& x, const std::string& layout) {
   return runCommand({"setxkbmap", "-display", x.name(), layout}).succeeded();
@@ -43,8 +44,8 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
       GTEST_SKIP() << "setxkbmap cannot set " << layout << " (x11-xkb-utils)";
     InputRecorder recorder(x.name());
     // Text, whatever the layout has keys for and what it has not.
-    injector.injectText(text);
-    injector.injectText(
+    injector.injectText(kOwner, text);
+    injector.injectText(kOwner, 
         "a\x01\x7f"
         "b");  // control characters are dropped
     const auto typed = InputRecorder::typed(recorder.take());
@@ -52,14 +53,14 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
 
     // Keys are places on the keyboard: the key of the US Y is a Z on a German keyboard. The
     // flags alone say which modifiers are down.
-    injector.injectKey({{0x1C}, true, {0}});
-    injector.injectKey({{0x1C}, false, {0}});
-    injector.injectKey({{0x04}, true, {0x01}});  // shift
-    injector.injectKey({{0x04}, false, {0x01}});
-    injector.injectKey({{0x06}, true, {0x02}});  // control, and shift no more
-    injector.injectKey({{0x06}, false, {0x02}});
-    injector.injectKey({{0x32}, true, {0}});  // no such key: logged and dropped
-    injector.releaseAll();
+    injector.injectKey(kOwner, {{0x1C}, true, {0}});
+    injector.injectKey(kOwner, {{0x1C}, false, {0}});
+    injector.injectKey(kOwner, {{0x04}, true, {0x01}});  // shift
+    injector.injectKey(kOwner, {{0x04}, false, {0x01}});
+    injector.injectKey(kOwner, {{0x06}, true, {0x02}});  // control, and shift no more
+    injector.injectKey(kOwner, {{0x06}, false, {0x02}});
+    injector.injectKey(kOwner, {{0x32}, true, {0}});  // no such key: logged and dropped
+    injector.release(kOwner);
     const auto presses = only(recorder.take(), Kind::keyPress);
     std::string plain;
     std::vector<std::uint16_t> controlled;
@@ -73,7 +74,33 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
     EXPECT_EQ(plain, layout == "de" ? "zA" : layout == "fr" ? "yQ" : "yA");
     ASSERT_EQ(controlled.size(), 1u);
     EXPECT_EQ(controlled[0] & kShiftMask, 0);
+
+    // The client's right option is AltGr here: held with the option flag, it reaches the third
+    // level (German AltGr+Q is @) instead of being let go for the flag's Alt.
+    if (layout == "de") {
+      injector.injectKey(kOwner, {{0xE6}, true, {0x04}});
+      injector.injectKey(kOwner, {{0x14}, true, {0x04}});
+      injector.injectKey(kOwner, {{0x14}, false, {0x04}});
+      injector.injectKey(kOwner, {{0xE6}, false, {0}});
+      EXPECT_EQ(InputRecorder::typed(recorder.take()), "@");
+    }
   }
+}
+
+TEST(XTestInjector, SpareKeysAreGivenBackWhenTheLayoutGroupChanges) {
+  VirtualDisplay x(640, 480);
+  SKIP_WITHOUT_DISPLAY(x);
+  if (!runCommand({"setxkbmap", "-display", x.name(), "us,de"}).succeeded()) {
+    GTEST_SKIP() << "setxkbmap cannot set us,de (x11-xkb-utils)";
+  }
+  XTestInjector injector(x.name());
+  InputRecorder recorder(x.name());
+  injector.injectText(kOwner, "日");  // on a spare key
+  EXPECT_EQ(InputRecorder::typed(recorder.take()), "日");
+  EXPECT_EQ(recorder.keycodesTyping(0x10065E5), 1u);
+  recorder.lockKeyboardGroup(1);
+  injector.injectText(kOwner, "a");
+  EXPECT_EQ(recorder.keycodesTyping(0x10065E5), 0u);
 }
 
 TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
@@ -89,17 +116,17 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
   auto motions = [&] { return only(recorder.take(), Kind::motion); };
 
   // Absolute moves land on the pixel of the display they name; without a display, nowhere.
-  injector.injectPointer(pointer::moveAbsolute{1, 0.25f, 0.5f}, left);
-  injector.injectPointer(pointer::moveAbsolute{9, 0.9f, 0.9f}, std::nullopt);
+  injector.injectPointer(kOwner, pointer::moveAbsolute{1, 0.25f, 0.5f}, left);
+  injector.injectPointer(kOwner, pointer::moveAbsolute{9, 0.9f, 0.9f}, std::nullopt);
   auto moved = motions();
   ASSERT_EQ(moved.size(), 1u);
   EXPECT_EQ(at(moved[0]), (Point{320, 360}));
   EXPECT_EQ(injector.currentPointerPosition(), (Point{-960, 360}));
 
   // Relative moves go on from there, and stop at the last pixel of the outermost display.
-  injector.injectPointer(pointer::moveRelative{10.4f, -5.6f}, std::nullopt);
-  injector.injectPointer(pointer::moveRelative{5000, 0}, std::nullopt);
-  injector.injectPointer(pointer::moveRelative{NAN, 0}, std::nullopt);  // dropped
+  injector.injectPointer(kOwner, pointer::moveRelative{10.4f, -5.6f}, std::nullopt);
+  injector.injectPointer(kOwner, pointer::moveRelative{5000, 0}, std::nullopt);
+  injector.injectPointer(kOwner, pointer::moveRelative{NAN, 0}, std::nullopt);  // dropped
   moved = motions();
   ASSERT_EQ(moved.size(), 2u);
   EXPECT_EQ(at(moved[0]), (Point{330, 354}));
@@ -107,21 +134,21 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
 
   // Somebody else moves the pointer: the next relative move starts from where it really is.
   painter.warpPointer(100, 100);
-  injector.injectPointer(pointer::moveRelative{10, 10}, std::nullopt);
+  injector.injectPointer(kOwner, pointer::moveRelative{10, 10}, std::nullopt);
   moved = motions();
   ASSERT_FALSE(moved.empty());
   EXPECT_EQ(at(moved.back()), (Point{110, 110}));
-  injector.injectPointer(pointer::moveRelative{5000, -5}, std::nullopt);
+  injector.injectPointer(kOwner, pointer::moveRelative{5000, -5}, std::nullopt);
   EXPECT_EQ(at(motions().back()), (Point{2559, 105}));
 
   // A double click is two clicks in quick succession; a drag moves with the button down.
   for (int click = 1; click <= 2; ++click) {
-    injector.injectPointer(pointer::button{PointerButton::left, true, std::uint8_t(click)}, {});
-    injector.injectPointer(pointer::button{PointerButton::left, false, std::uint8_t(click)}, {});
+    injector.injectPointer(kOwner, pointer::button{PointerButton::left, true, std::uint8_t(click)}, {});
+    injector.injectPointer(kOwner, pointer::button{PointerButton::left, false, std::uint8_t(click)}, {});
   }
-  injector.injectPointer(pointer::button{PointerButton::right, true, 1}, {});
-  injector.injectPointer(pointer::moveRelative{-100, 0}, std::nullopt);
-  injector.injectPointer(pointer::button{PointerButton::right, false, 1}, {});
+  injector.injectPointer(kOwner, pointer::button{PointerButton::right, true, 1}, {});
+  injector.injectPointer(kOwner, pointer::moveRelative{-100, 0}, std::nullopt);
+  injector.injectPointer(kOwner, pointer::button{PointerButton::right, false, 1}, {});
   const auto clicks = recorder.take();
   const auto presses = only(clicks, Kind::buttonPress);
   ASSERT_EQ(presses.size(), 3u);
@@ -135,22 +162,26 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
 
   // Scrolling: 2 pixels a unit, 40 a wheel click; what is short of a click waits for the next
   // event of the gesture, and a new gesture starts afresh.
-  injector.injectPointer(pointer::scroll{0, 30, ScrollPhase::began}, {});      // 60 px: 1 up
-  injector.injectPointer(pointer::scroll{0, 10, ScrollPhase::changed}, {});    // 40 px: 1 up
-  injector.injectPointer(pointer::scroll{-25, 0, ScrollPhase::momentum}, {});  // 50 px: 1 right
-  injector.injectPointer(pointer::scroll{0, -5, ScrollPhase::began}, {});      // 10 px: none
-  injector.injectPointer(pointer::scroll{0, -40, ScrollPhase::momentumEnded}, {});  // 90: 2 down
+  injector.injectPointer(kOwner, pointer::scroll{0, 30, ScrollPhase::began}, {});      // 60 px: 1 up
+  injector.injectPointer(kOwner, pointer::scroll{0, 10, ScrollPhase::changed}, {});    // 40 px: 1 up
+  injector.injectPointer(kOwner, pointer::scroll{-25, 0, ScrollPhase::momentum}, {});  // 50 px: 1 right
+  injector.injectPointer(kOwner, pointer::scroll{0, -5, ScrollPhase::began}, {});      // 10 px: none
+  injector.injectPointer(kOwner, pointer::scroll{0, -40, ScrollPhase::momentumEnded}, {});  // 90: 2 down
   std::vector<int> wheel;
   for (const auto& e : only(recorder.take(), Kind::buttonPress)) wheel.push_back(e.detail);
   EXPECT_EQ(wheel, (std::vector<int>{4, 4, 7, 5, 5}));
 
-  // The end of a session lets go of what is down.
-  injector.injectPointer(pointer::button{PointerButton::middle, true, 1}, {});
-  injector.injectKey({{0xE1}, true, {0x01}});  // left shift, held
-  injector.releaseAll();
+  // The end of a session lets go of what it holds down, and of nothing another session holds.
+  injector.injectPointer(kOwner, pointer::button{PointerButton::middle, true, 1}, {});
+  injector.injectKey(kOwner, {{0xE1}, true, {0x01}});  // left shift, held
+  injector.injectKey(kOtherOwner, {{0x04}, true, {0x01}});  // A, held by another session
+  recorder.take();
+  injector.release(kOwner);
   const auto released = recorder.take();
   EXPECT_EQ(only(released, Kind::buttonRelease).size(), 1u);
   EXPECT_EQ(only(released, Kind::keyRelease).size(), 1u);
+  injector.release(kOtherOwner);
+  EXPECT_EQ(only(recorder.take(), Kind::keyRelease).size(), 1u);
 }
 
 }  // namespace
