@@ -306,6 +306,7 @@ void HostAuthGate::finishPairing() {
 // The session is switched on before the peer hears of success.
 void HostAuthGate::completeAuthentication(const UUID& deviceID) {
   phase_ = Phase::authenticated;
+  connection_->liftHandshakeLimits();
   {
     std::lock_guard guard(authenticatedLock_);
     authenticatedDeviceID_ = deviceID;

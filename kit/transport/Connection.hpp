@@ -67,6 +67,10 @@ class Connection {
   virtual asio::awaitable<bool> sendTransfer(const Message& message) = 0;
   // Idempotent.
   virtual void close() = 0;
+  // Until the peer has proved who it is, a host's connection takes only the handshake's
+  // messages, in small frames and with little flow-control credit, so that a stranger costs it a
+  // few KiB at most. Its gate calls this once the proof verified. Idempotent.
+  virtual void liftHandshakeLimits() = 0;
 
   // The fingerprint of the certificate the peer presented, where the transport has one.
   virtual std::optional<Data> peerCertificateFingerprint() const = 0;

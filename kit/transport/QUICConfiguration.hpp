@@ -37,6 +37,13 @@ inline constexpr std::uint64_t kQUICConnectionWindow = 16'777'216;
 inline constexpr std::uint64_t kQUICStreamWindow = 4'194'304;
 inline constexpr std::uint64_t kQUICMaxBidirectionalStreams = 8;
 
+// Before the peer proved its key, the host takes frames of at most this length, this much
+// unread data per stream and per connection, and this many undelivered handshake messages.
+inline constexpr std::uint32_t kHandshakeMaxFrameLength = 4096;
+inline constexpr std::uint64_t kHandshakeStreamWindow = 16'384;
+inline constexpr std::uint64_t kHandshakeConnectionWindow = 65'536;
+inline constexpr std::size_t kHandshakeMaxPendingMessages = 16;
+
 // The five long-lived streams, in the order of `Channel`. On the wire each stream opens with one
 // preamble byte: the kind's value plus one.
 enum class StreamKind : std::uint8_t { control, input, video, audio, transfer };

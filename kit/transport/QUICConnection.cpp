@@ -222,7 +222,8 @@ QUICConnection::QUICConnection(Role role, const Executor& executor,
       closeTimer_(executor),
       videoPollTimer_(executor),
       waitingTimer_(executor),
-      openings_(std::move(openings)) {
+      openings_(std::move(openings)),
+      handshakeLimited_(role == Role::host) {
   if (role == Role::client && openings_.empty()) {
     for (int k = 0; k < kStreamKindCount; ++k) {
       openings_.push_back({preambleByte(static_cast<StreamKind>(k))});
@@ -324,9 +325,10 @@ void QUICConnection::makeConnection(const ngtcp2_pkt_hd* initial,
 
   ngtcp2_transport_params params;
   ngtcp2_transport_params_default(&params);
-  params.initial_max_data = kQUICConnectionWindow;
+  params.initial_max_data = handshakeLimited_ ? kHandshakeConnectionWindow : kQUICConnectionWindow;
   params.initial_max_stream_data_bidi_local = kQUICStreamWindow;
-  params.initial_max_stream_data_bidi_remote = kQUICStreamWindow;
+  params.initial_max_stream_data_bidi_remote =
+      handshakeLimited_ ? kHandshakeStreamWindow : kQUICStreamWindow;
   params.initial_max_streams_bidi = kQUICMaxBidirectionalStreams;
   params.initial_max_streams_uni = 0;
   params.max_idle_timeout =
@@ -440,8 +442,47 @@ void QUICConnection::openStreams() {
 
 QUICConnection::Stream& QUICConnection::streamFor(std::int64_t id) {
   auto& stream = streams_[id];
-  if (!stream) stream = std::make_unique<Stream>(id);
+  if (!stream) {
+    stream = std::make_unique<Stream>(id);
+    if (handshakeLimited_) {
+      stream->decoder.setMaxFrameLength(kHandshakeMaxFrameLength);
+    } else if (role_ == Role::host) {
+      // Opened after the limits were lifted, with the small window the peer was first told of.
+      ngtcp2_conn_extend_max_stream_offset(connection_.get(), id,
+                                           kQUICStreamWindow - kHandshakeStreamWindow);
+    }
+  }
   return *stream;
+}
+
+void QUICConnection::liftHandshakeLimits() {
+  // Posted before anything the gate sends next, so the limits are gone before the peer can
+  // answer it.
+  asio::post(executor_, [self = shared_from_this()] { self->applyLiftedLimits(); });
+}
+
+void QUICConnection::applyLiftedLimits() {
+  if (!handshakeLimited_ || transportClosed_) return;
+  handshakeLimited_ = false;
+  for (auto& [id, stream] : streams_) {
+    stream->decoder.setMaxFrameLength(kMaxFrameLength);
+    ngtcp2_conn_extend_max_stream_offset(connection_.get(), id,
+                                         kQUICStreamWindow - kHandshakeStreamWindow);
+  }
+  ngtcp2_conn_extend_max_offset(connection_.get(),
+                                kQUICConnectionWindow - kHandshakeConnectionWindow);
+  writePackets();
+}
+
+// Before the peer proved its key only the handshake's messages are taken, and only a few that
+// the session has not read yet.
+void QUICConnection::deliverMessage(Message message) {
+  if (handshakeLimited_ && (!isAuthentication(message) ||
+                            messages_.count() >= kHandshakeMaxPendingMessages)) {
+    log_.debug("dropped a message before authentication (type %u)", unsigned(typeCode(message)));
+    return;
+  }
+  messages_.push(std::move(message));
 }
 
 QUICConnection::Stream* QUICConnection::streamOfKind(StreamKind kind) {
@@ -472,7 +513,7 @@ void QUICConnection::receiveStreamData(Stream& stream, std::span<const std::uint
     stream.decoder.append(data);
     credit(stream, data.size());
     drainFrames(stream, &WireDecoder::nextMessage,
-                [this](Message message) { messages_.push(std::move(message)); });
+                [this](Message message) { deliverMessage(std::move(message)); });
     // The end of the control stream is the peer's clean goodbye; the others end quietly.
     if (fin && kind == StreamKind::control) finish(ConnectionState::closed());
   } else if (role_ == Role::client && kind == StreamKind::video) {

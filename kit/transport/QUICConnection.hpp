@@ -82,6 +82,7 @@ class QUICConnection final : public Connection,
   bool sendAudio(const AudioPacket& packet) override;
   asio::awaitable<bool> sendTransfer(const Message& message) override;
   void close() override;
+  void liftHandshakeLimits() override;
 
   std::optional<Data> peerCertificateFingerprint() const override;
   std::optional<Data> tlsExporter() const override;
@@ -109,6 +110,8 @@ class QUICConnection final : public Connection,
   Stream& streamFor(std::int64_t id);
   Stream* streamOfKind(StreamKind kind);
   void receiveStreamData(Stream& stream, std::span<const std::uint8_t> data, bool fin);
+  void deliverMessage(Message message);
+  void applyLiftedLimits();
   bool readPreamble(Stream& stream, std::span<const std::uint8_t>& data, bool fin);
   template <class Next, class Deliver>
   void drainFrames(Stream& stream, Next next, Deliver deliver);
@@ -163,6 +166,7 @@ class QUICConnection final : public Connection,
   std::size_t openingsAcknowledged_ = 0;
   bool transportClosed_ = false;
   bool waiting_ = false;
+  bool handshakeLimited_;  // host only, until the peer proved its key
   int waitingGeneration_ = 0;
 
   mutable std::mutex lock_;  // guards everything below

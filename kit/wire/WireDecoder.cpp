@@ -16,6 +16,7 @@ std::uint32_t readU32(const std::uint8_t* p) {
 }  // namespace
 
 void WireDecoder::append(std::span<const std::uint8_t> bytes) {
+  if (poisoned_) return;
   buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
 }
 
@@ -23,8 +24,10 @@ std::optional<SharedBytes> WireDecoder::decodeFrame() {
   if (poisoned_) throw *poisoned_;
   if (buffer_.size() - offset_ < 4) return std::nullopt;
   const std::uint32_t length = readU32(buffer_.data() + offset_);
-  if (length > kMaxFrameLength) {
+  if (length > maxFrameLength_) {
     poisoned_ = WireError::frameTooLarge(length);
+    buffer_ = Data();
+    offset_ = 0;
     throw *poisoned_;
   }
   if (buffer_.size() - offset_ - 4 < length) return std::nullopt;

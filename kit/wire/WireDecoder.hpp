@@ -17,9 +17,11 @@ inline constexpr std::uint32_t kMaxFrameLength = 0x4000000;
 
 // Cuts one direction of one stream into frames. Partial frames wait for more bytes; a frame whose
 // content fails to decode costs only itself; a length above the limit poisons the decoder for
-// good, because the stream can no longer be followed.
+// good, because the stream can no longer be followed, and it takes no more bytes from then on.
 class WireDecoder {
  public:
+  // A stream whose peer is not yet trusted gets a lower limit, raised once it is.
+  void setMaxFrameLength(std::uint32_t length) { maxFrameLength_ = length; }
   void append(std::span<const std::uint8_t> bytes);
 
   // The next complete frame, type byte first, in a buffer of its own; nothing if no whole frame
@@ -41,6 +43,7 @@ class WireDecoder {
 
   Data buffer_;
   std::size_t offset_ = 0;
+  std::uint32_t maxFrameLength_ = kMaxFrameLength;
   std::optional<WireError> poisoned_;
 };
 

@@ -13,6 +13,8 @@
 
 #include <png.h>
 
+#include "kit/transport/QUICConnection.hpp"
+#include "tests/support/AsyncTest.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
 #include "tests/support/ScreenPainter.hpp"
@@ -129,6 +131,14 @@ class Host {
     return waitFor(log(), "with this link:\n", nth).value_or("");
   }
   fs::path log() const { return home_.path() / "host.log"; }
+  // The host's resident memory in KiB, from the kernel's status of its process.
+  long residentKiB() const {
+    std::ifstream status("/proc/" + std::to_string(process_->pid()) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+    }
+    return -1;
+  }
   // A line typed at the host's terminal.
   void answer(const std::string& line) const { std::ofstream(answers()) << line << std::endl; }
 
@@ -173,6 +183,32 @@ TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   EXPECT_TRUE(near(*topLeft, 0xd02020)) << std::hex << *topLeft;
   EXPECT_TRUE(near(*bottomRight, 0x20b040)) << std::hex << *bottomRight;
   EXPECT_EQ(InputRecorder::typed(window.take()), "hello, tovu");
+}
+
+TEST(EndToEnd, AStrangersHugeFramesBeforeHelloCostTheHostNothing) {
+  Host host;
+  HOST_OR_SKIP(host);
+  const long before = host.residentKiB();
+  // Three frames of the largest length the wire allows, on the three streams a client writes
+  // messages on, before it has proved anything.
+  Data huge(4 + 0x4000000, 0x5a);
+  huge[0] = 0x04, huge[1] = huge[2] = huge[3] = 0;
+  huge[4] = msg::ping::code;
+  auto opening = [&](std::uint8_t preamble) { return concat({Data{preamble}, huge}); };
+  runAsync(
+      [&](asio::io_context& io) -> asio::awaitable<void> {
+        const auto port = std::uint16_t(std::stoi(host.address().substr(10)));
+        const auto stranger = QUICConnection::dial(
+            io.get_executor(), {asio::ip::make_address("127.0.0.1"), port},
+            ServerTrust::unpinned(), {}, {opening(1), opening(2), {3}, {4}, opening(5)});
+        ConnectionState last;
+        while (auto state = co_await nextWithin(stranger->states(), 30s)) last = *state;
+        EXPECT_EQ(last.kind, ConnectionState::Kind::failed);
+        EXPECT_TRUE(last.failure.starts_with("closed by peer: protocol error: ")) << last.failure;
+      },
+      60s);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_LT(host.residentKiB() - before, 8 * 1024) << "before: " << before << " KiB";
 }
 
 TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {

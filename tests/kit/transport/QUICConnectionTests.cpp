@@ -42,11 +42,12 @@ struct Loopback {
   }
   ServerTrust trust() const { return ServerTrust::pinned(identity.fingerprint()); }
 
-  // A client connected with the right pin, and the host's end of it.
+  // A client connected with the right pin, and the host's end of it, as after authentication.
   asio::awaitable<std::pair<std::shared_ptr<QUICConnection>, std::shared_ptr<Connection>>>
   connected() {
     auto client = co_await QUICConnection::connect(executor, endpoint, trust());
     auto host = co_await accepted();
+    host->liftHandshakeLimits();
     co_return std::pair(std::move(client), std::move(host));
   }
 
@@ -317,10 +318,10 @@ TEST(QUICConnection, AnUnknownMessageCostsOnlyItselfButAnOversizedFrameEndsTheCo
     const Data unknown = {0, 0, 0, 3, 200, 1, 2};  // length 3: type 200 and two bytes
     const auto lenient = QUICConnection::dial(
         io.get_executor(), loopback.endpoint, loopback.trust(), {},
-        {concat({Data{1}, unknown, frameBytes(msg::ping{5})}), {2}, {3}, {4}, {5}});
+        {concat({Data{1}, unknown, frameBytes(msg::pairReveal{Data(32, 5)})}), {2}, {3}, {4}, {5}});
     const auto host = co_await loopback.accepted();
-    const auto ping = co_await nextWithin(host->messages(), 5s);
-    EXPECT_EQ(ping, Message(msg::ping{5}));
+    const auto reveal = co_await nextWithin(host->messages(), 5s);
+    EXPECT_EQ(reveal, Message(msg::pairReveal{Data(32, 5)}));
     lenient->close();
 
     const Data oversized = {0x04, 0x00, 0x00, 0x01, 13};  // one byte above 64 MiB
@@ -328,6 +329,35 @@ TEST(QUICConnection, AnUnknownMessageCostsOnlyItselfButAnOversizedFrameEndsTheCo
         QUICConnection::dial(io.get_executor(), loopback.endpoint, loopback.trust(), {},
                              {concat({Data{1}, oversized}), {2}, {3}, {4}, {5}});
     const auto state = co_await finalState(*strict);
+    EXPECT_EQ(state.kind, ConnectionState::Kind::failed);
+    EXPECT_THAT(state.failure, testing::StartsWith("closed by peer: protocol error: "));
+  });
+}
+
+TEST(QUICConnection, BeforeAuthenticationTheHostTakesOnlySmallHandshakeMessages) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Loopback loopback(io.get_executor());
+    // A stranger's ping is dropped and its handshake message taken; after the proof verified the
+    // same connection carries anything.
+    const auto client = QUICConnection::dial(
+        io.get_executor(), loopback.endpoint, loopback.trust(), {},
+        {concat({Data{1}, frameBytes(msg::ping{1}), frameBytes(msg::pairReveal{Data(32, 5)})}),
+         {2}, {3}, {4}, {5}});
+    const auto host = co_await loopback.accepted();
+    const auto first = co_await nextWithin(host->messages(), 5s);
+    EXPECT_EQ(first, Message(msg::pairReveal{Data(32, 5)}));
+    host->liftHandshakeLimits();
+    const bool taken = co_await client->sendTransfer(chunk(400'000, 0));
+    EXPECT_TRUE(taken);
+    const auto big = co_await nextWithin(host->messages(), 5s);
+    EXPECT_EQ(big, Message(chunk(400'000, 0)));
+    client->close();
+
+    // A frame above a few KiB before authentication ends the connection.
+    const auto stranger =
+        QUICConnection::dial(io.get_executor(), loopback.endpoint, loopback.trust(), {},
+                             {concat({Data{1}, frameBytes(chunk(5000, 0))}), {2}, {3}, {4}, {5}});
+    const auto state = co_await finalState(*stranger);
     EXPECT_EQ(state.kind, ConnectionState::Kind::failed);
     EXPECT_THAT(state.failure, testing::StartsWith("closed by peer: protocol error: "));
   });
@@ -348,6 +378,7 @@ class ForeignExporter final : public Connection {
     return inner_->sendTransfer(message);
   }
   void close() override { inner_->close(); }
+  void liftHandshakeLimits() override { inner_->liftHandshakeLimits(); }
   std::optional<Data> peerCertificateFingerprint() const override {
     return inner_->peerCertificateFingerprint();
   }
@@ -444,9 +475,7 @@ TEST(QUICConnection, AbandonedHandshakesAndGarbageLeaveNothingBehind) {
             raw.send_to(asio::buffer(initial), loopback.endpoint);
           co_await sleepFor(1s);  // every half-open connection times out on the host
 
-          const auto client = co_await QUICConnection::connect(io.get_executor(), loopback.endpoint,
-                                                               loopback.trust());
-          const auto host = co_await loopback.accepted();
+          const auto [client, host] = co_await loopback.connected();
           client->send(msg::ping{1});
           const auto ping = co_await nextWithin(host->messages(), 5s);
           EXPECT_EQ(ping, Message(msg::ping{1}));

@@ -52,6 +52,15 @@ TEST(WireDecoder, ALengthAboveTheLimitPoisonsForGood) {
   }
   EXPECT_EQ(decoder.poisoned(), WireError::frameTooLarge(0x4000001));
   EXPECT_THROW(decoder.decodeFrame(), WireError);
+  EXPECT_EQ(decoder.bufferedBytes(), 0u);  // what follows is not kept
+
+  // An untrusted peer's limit is lower.
+  WireDecoder strict;
+  strict.setMaxFrameLength(4096);
+  strict.append(frame(13, {u64(1)}));
+  EXPECT_EQ(strict.nextMessage(), Message(msg::ping{1}));
+  strict.append(u32(4097));
+  EXPECT_THROW(strict.nextMessage(), WireError);
 }
 
 TEST(WireDecoder, AFrameOfExactlyTheLimitDecodes) {
