@@ -83,6 +83,8 @@ asio::awaitable<void> HostSession::runOnStrand() {
   // One message at a time: each takes effect before the next is looked at.
   while (auto message = co_await connection_->messages().next()) {
     if (authGate_ && co_await authGate_->handle(*message) == AuthGate::Verdict::consumed) continue;
+    // After a rejection nothing more is taken: the connection is on its way out.
+    if (status_.phase == SessionStatus::Phase::ended) continue;
     co_await handle(*message);
   }
   if (authGate_) co_await authGate_->connectionEnded();

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "kit/security/AuthCrypto.hpp"
+#include "kit/wire/FrameReader.hpp"
 
 namespace kelvaron {
 
@@ -58,9 +59,8 @@ std::optional<URLParts> splitURL(std::string_view text) {
     authority.remove_prefix(at + 1);
   if (const auto port = authority.find(':'); port != std::string_view::npos)
     authority = authority.substr(0, port);
-  auto host = percentDecode(authority);
-  if (!host) return std::nullopt;
-  parts.host = *host;
+  // The host stays as it was typed: "p%61ir" is not "pair".
+  parts.host = authority;
   const auto question = rest.find('?');
   if (question == std::string_view::npos) return parts;
   std::string_view query = rest.substr(question + 1);
@@ -75,6 +75,10 @@ std::optional<URLParts> splitURL(std::string_view text) {
     if (eq != std::string_view::npos) {
       value = percentDecode(item.substr(eq + 1));
       if (!value) return std::nullopt;
+      // A value that is no text counts as absent, like an item without one.
+      if (!isValidUTF8({reinterpret_cast<const std::uint8_t*>(value->data()), value->size()})) {
+        value.reset();
+      }
     }
     parts.query.try_emplace(*name, std::move(value));
   }

@@ -7,38 +7,62 @@
 
 namespace kelvaron {
 
+namespace {
+
+// How many bytes of the character at `i` are well-formed: all of them (`whole` set), or the
+// longest start of one that could still have been completed, at least 1.
+struct UTF8Run {
+  std::size_t length;
+  bool whole;
+};
+
+UTF8Run utf8Run(std::span<const std::uint8_t> s, std::size_t i) {
+  const std::uint8_t b = s[i];
+  if (b < 0x80) return {1, true};
+  std::size_t extra;
+  std::uint8_t lo = 0x80, hi = 0xBF;  // the range of the byte after the lead
+  if (b >= 0xC2 && b <= 0xDF) {
+    extra = 1;
+  } else if (b >= 0xE0 && b <= 0xEF) {
+    extra = 2;
+    if (b == 0xE0) lo = 0xA0;  // overlong
+    if (b == 0xED) hi = 0x9F;  // surrogates
+  } else if (b >= 0xF0 && b <= 0xF4) {
+    extra = 3;
+    if (b == 0xF0) lo = 0x90;  // overlong
+    if (b == 0xF4) hi = 0x8F;  // above U+10FFFF
+  } else {
+    return {1, false};
+  }
+  std::size_t k = 1;
+  for (; k <= extra && i + k < s.size(); ++k) {
+    const std::uint8_t c = s[i + k];
+    if (k == 1 ? (c < lo || c > hi) : (c & 0xC0) != 0x80) break;
+  }
+  return {k, k == extra + 1};
+}
+
+}  // namespace
+
 bool isValidUTF8(std::span<const std::uint8_t> s) {
-  std::size_t i = 0;
-  const std::size_t n = s.size();
-  while (i < n) {
-    const std::uint8_t b = s[i];
-    if (b < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t extra;
-    std::uint8_t lo = 0x80, hi = 0xBF;  // the range of the byte after the lead
-    if (b >= 0xC2 && b <= 0xDF) {
-      extra = 1;
-    } else if (b >= 0xE0 && b <= 0xEF) {
-      extra = 2;
-      if (b == 0xE0) lo = 0xA0;  // overlong
-      if (b == 0xED) hi = 0x9F;  // surrogates
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      extra = 3;
-      if (b == 0xF0) lo = 0x90;  // overlong
-      if (b == 0xF4) hi = 0x8F;  // above U+10FFFF
-    } else {
-      return false;
-    }
-    if (n - i <= extra) return false;
-    if (s[i + 1] < lo || s[i + 1] > hi) return false;
-    for (std::size_t k = 2; k <= extra; ++k) {
-      if ((s[i + k] & 0xC0) != 0x80) return false;
-    }
-    i += extra + 1;
+  for (std::size_t i = 0; i < s.size();) {
+    const UTF8Run run = utf8Run(s, i);
+    if (!run.whole) return false;
+    i += run.length;
   }
   return true;
+}
+
+std::string validUTF8(std::string_view text) {
+  const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+  if (isValidUTF8(bytes)) return std::string(text);
+  std::string repaired;
+  for (std::size_t i = 0; i < bytes.size();) {
+    const UTF8Run run = utf8Run(bytes, i);
+    repaired += run.whole ? text.substr(i, run.length) : "\uFFFD";
+    i += run.length;
+  }
+  return repaired;
 }
 
 std::span<const std::uint8_t> FrameReader::take(std::size_t count) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "kit/wire/Bytes.hpp"
 
@@ -11,6 +12,9 @@ namespace kelvaron {
 
 // True if `bytes` are well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
 bool isValidUTF8(std::span<const std::uint8_t> bytes);
+// `text` as well-formed UTF-8: each ill-formed part becomes U+FFFD, as a reader of the wire
+// accepts nothing else.
+std::string validUTF8(std::string_view text);
 
 // A cursor over the bytes of one frame. Every read fails with `WireError::truncated` when it
 // would run past the end; nothing is allocated before the bytes it describes are known to be

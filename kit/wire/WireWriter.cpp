@@ -1,5 +1,7 @@
 #include "kit/wire/WireWriter.hpp"
 
+#include "kit/wire/FrameReader.hpp"
+
 #include <algorithm>
 #include <bit>
 
@@ -35,9 +37,10 @@ void WireWriter::u64(std::uint64_t v) {
 void WireWriter::f32(float v) { u32(std::bit_cast<std::uint32_t>(v)); }
 
 void WireWriter::string(std::string_view text) {
-  text = text.substr(0, utf8PrefixLength(text, kMaxStringBytes));
-  u16(static_cast<std::uint16_t>(text.size()));
-  raw({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  const std::string valid = validUTF8(text);
+  const std::string_view cut = std::string_view(valid).substr(0, utf8PrefixLength(valid, kMaxStringBytes));
+  u16(static_cast<std::uint16_t>(cut.size()));
+  raw({reinterpret_cast<const std::uint8_t*>(cut.data()), cut.size()});
 }
 
 void WireWriter::data(std::span<const std::uint8_t> bytes) {

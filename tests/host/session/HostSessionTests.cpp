@@ -213,13 +213,15 @@ TEST(HostSession, AWrongVersionIsRejectedAndTheConnectionCloses) {
     Harness h(io);
     h.start();
     h.client->send(hello({CodecProfile::hevcMain}, 15));
+    h.client->send(hello());  // queued behind the rejection: never looked at
     const auto reject = co_await h.expect<msg::helloReject>();
     EXPECT_EQ(reject.reason, "Unsupported protocol version 15; this host speaks 16.");
     const auto end = co_await h.client->messages().next();
-    EXPECT_EQ(end, std::nullopt);  // closed by the host
+    EXPECT_EQ(end, std::nullopt);  // closed by the host, without a helloAck
     co_await h.waitForEnd();
     // Ended twice: once by the rejection, once by the teardown.
     EXPECT_EQ(h.reports->size(), 2u);
+    EXPECT_TRUE(h.captures->log.empty());
     EXPECT_EQ(h.reports->at(0).note, "Unsupported protocol version 15; this host speaks 16.");
     EXPECT_EQ(h.reports->at(0).phase, SessionStatus::Phase::ended);
     EXPECT_TRUE(h.power->held.empty());

@@ -49,6 +49,11 @@ TEST(PairingURL, ParsingAcceptsOnlyWholeURLs) {
   EXPECT_FALSE(PairingURL::parse("tovu://pair?v=1&h=E621E1F8-C36C-495A-93FC-0C247A3E6E5F&n&fp=" +
                                  fp + "&t=" + token));  // a name without a value is absent
   EXPECT_FALSE(PairingURL::parse("not a url"));
+  EXPECT_FALSE(PairingURL::parse("tovu://p%61ir?" + good));  // the host stays as typed
+  const std::string named = "tovu://pair?v=1&h=E621E1F8-C36C-495A-93FC-0C247A3E6E5F&fp=" + fp +
+                            "&t=" + token + "&n=";
+  EXPECT_FALSE(PairingURL::parse(named + "%FF%FE"));  // a name that is no UTF-8 is absent
+  EXPECT_EQ(PairingURL::parse(named + "%C3%A9")->hostName, "é");
 
   // Padding and the standard alphabet decode too.
   const std::string padded = AuthCrypto::base64Encode(Data(32, 0xfb));  // "+/" and "="

@@ -44,6 +44,26 @@ TEST(WireWriter, LongStringsAreCutOnACharacterBoundary) {
   EXPECT_EQ(utf8PrefixLength("ab", 5), 2u);
 }
 
+TEST(WireWriter, IllFormedTextIsWrittenAsValidUTF8) {
+  // Each ill-formed part becomes one U+FFFD: a stray continuation, a cut character, an overlong
+  // form, a surrogate; what is well-formed around them stays.
+  const struct {
+    std::string text, expected;
+  } cases[] = {
+      {"ok", "ok"},
+      {"a\x80" "b", "a\uFFFD" "b"},
+      {"a\xE6\x97", "a\uFFFD"},
+      {"\xC0\xAFx", "\uFFFD\uFFFDx"},
+      {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},
+      {"日\xFF本", "日\uFFFD本"},
+  };
+  for (const auto& c : cases) {
+    Data out = written([&](WireWriter& w) { w.string(c.text); });
+    FrameReader reader{SharedBytes(out)};
+    EXPECT_EQ(reader.string(), c.expected) << c.text;
+  }
+}
+
 TEST(FrameReader, ReadsFailPastTheEndWithoutAllocating) {
   FrameReader reader{SharedBytes(Data{0xff, 0xff, 0xff, 0xff, 1})};
   EXPECT_THROW(reader.data(), WireError);  // a 4 GiB count behind one byte
