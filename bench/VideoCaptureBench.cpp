@@ -21,7 +21,7 @@
 #include "host/video/RandrDisplayManager.hpp"
 #include "host/video/VideoPipeline.hpp"
 #include "host/video/X11CaptureSource.hpp"
-#include "tests/support/HEVCTestDecoder.hpp"
+#include "tests/support/DesktopPicture.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 

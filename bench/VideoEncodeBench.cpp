@@ -11,7 +11,7 @@
 
 #include "host/video/CaptureClock.hpp"
 #include "host/video/LibavHEVCEncoder.hpp"
-#include "tests/support/HEVCTestDecoder.hpp"
+#include "tests/support/DesktopPicture.hpp"
 
 namespace kelvaron::host {
 namespace {

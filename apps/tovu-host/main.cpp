@@ -6,14 +6,15 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
+#include "apps/common/CommandLine.hpp"
 #include "host/app/AppModel.hpp"
 #include "host/app/HostComposition.hpp"
 #include "host/app/XvfbServer.hpp"
@@ -48,51 +49,33 @@ struct Options {
   bool advertise = true;
 };
 
-[[noreturn]] void fail(const std::string& text) {
-  std::cerr << "tovu-host: " << text << "\n";
-  std::exit(2);
+// "1920x1080": the width and height of a virtual display, 16 to 8192 each.
+std::pair<int, int> parseSize(std::string_view text) {
+  const std::size_t cross = text.find('x');
+  const auto width = apps::parseNumber(text.substr(0, cross), 16, 8192);
+  const auto height = cross == std::string_view::npos
+                          ? std::nullopt
+                          : apps::parseNumber(text.substr(cross + 1), 16, 8192);
+  if (!width || !height) throw apps::UsageError("--virtual-display wants a size such as 1920x1080");
+  return {*width, *height};
 }
 
-Options parse(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) fail(arg + " needs a value");
-      return argv[++i];
-    };
-    if (arg == "--help" || arg == "-h") {
-      std::cout << kUsage;
-      std::exit(0);
-    } else if (arg == "--display") {
-      options.display = value();
-    } else if (arg == "--virtual-display") {
-      const std::string size = value();
-      int width = 0, height = 0;
-      if (std::sscanf(size.c_str(), "%dx%d", &width, &height) != 2 || width < 16 || height < 16 ||
-          width > 8192 || height > 8192) {
-        fail("--virtual-display wants a size such as 1920x1080");
-      }
-      options.virtualDisplay = {width, height};
-    } else if (arg == "--port") {
-      const std::string text = value();
-      char* end = nullptr;
-      const long port = std::strtol(text.c_str(), &end, 10);
-      if (*end != '\0' || port < 1 || port > 65535) fail("--port wants a number from 1 to 65535");
-      options.port = std::uint16_t(port);
-    } else if (arg == "--pair") {
-      options.pair = true;
-    } else if (arg == "--confirm") {
-      options.confirm = true;
-    } else if (arg == "--no-advertise") {
-      options.advertise = false;
-    } else if (arg == "--headless") {
-      // The only mode there is for now.
-    } else {
-      fail("unknown option " + arg + " (see --help)");
-    }
-  }
-  return options;
+// The options, each written where the command line says.
+apps::CommandLine commandLine(Options& options) {
+  apps::CommandLine line("tovu-host", kUsage);
+  line.option("--display", [&](const std::string& name) { options.display = name; })
+      .option("--virtual-display",
+              [&](const std::string& size) { options.virtualDisplay = parseSize(size); })
+      .option("--port",
+              [&](const std::string& text) {
+                options.port = apps::parseNumber<std::uint16_t>(text, 1, 65535);
+                if (!options.port) throw apps::UsageError("--port wants a number from 1 to 65535");
+              })
+      .flag("--pair", [&] { options.pair = true; })
+      .flag("--confirm", [&] { options.confirm = true; })
+      .flag("--no-advertise", [&] { options.advertise = false; })
+      .flag("--headless", [] {});  // the only mode there is for now
+  return line;
 }
 
 std::string hostName() {
@@ -162,24 +145,28 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options = parse(argc, argv);
+  Options options;
+  const apps::CommandLine line = commandLine(options);
+  if (const auto status = line.parse(argc, argv)) return *status;
   std::unique_ptr<XvfbServer> xvfb;
   if (options.virtualDisplay) {
     try {
       xvfb = std::make_unique<XvfbServer>(options.virtualDisplay->first,
                                           options.virtualDisplay->second);
     } catch (const std::exception& failure) {
-      fail(failure.what());
+      return line.fail(failure.what());
     }
     options.display = xvfb->name();
     std::cout << "tovu-host: virtual display " << options.display << std::endl;
   }
   const char* environmentDisplay = std::getenv("DISPLAY");
   if (options.display.empty() && !(environmentDisplay && *environmentDisplay)) {
-    fail("no X display: set DISPLAY, or pass --display NAME or --virtual-display WxH");
+    return line.fail("no X display: set DISPLAY, or pass --display NAME or --virtual-display WxH");
   }
   const Permissions permissions = HostComposition::readPermissions(options.display);
-  if (!permissions.screenRecording) fail("cannot open the X display " + options.display);
+  if (!permissions.screenRecording) {
+    return line.fail("cannot open the X display " + options.display);
+  }
   if (!permissions.accessibility) {
     std::cerr << "tovu-host: the X server has no XTEST extension: the device can watch, not drive"
               << std::endl;

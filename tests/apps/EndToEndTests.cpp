@@ -158,11 +158,15 @@ TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   HOST_OR_SKIP(host);
   const Device ann{{}, "Ann's iPad"};
 
-  // A client pinned to another certificate is refused before it says a word.
+  // A client pinned to another certificate is refused before it says a word, and says so in
+  // words that fit this host.
   std::string forged = host.link();
   const std::size_t fp = forged.find("fp=") + 3;
   forged.replace(fp, forged.find('&', fp) - fp, "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
-  EXPECT_FALSE(ann.run({"pair", forged, "--address", host.address()}).succeeded());
+  const auto refused = ann.run({"pair", forged, "--address", host.address()});
+  EXPECT_FALSE(refused.succeeded());
+  EXPECT_NE(refused.output.find("This host\u2019s identity changed. Re-pair?"), std::string::npos)
+      << refused.output;
 
   const auto paired = ann.run({"pair", host.link(), "--address", host.address()});
   ASSERT_TRUE(paired.succeeded()) << paired.output;

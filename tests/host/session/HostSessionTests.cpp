@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "client/VideoDecoder.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 #include "host/video/X11CaptureSource.hpp"
@@ -15,8 +16,9 @@
 #include "kit/security/HostAuthGate.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
-#include "tests/support/HEVCTestDecoder.hpp"
+#include "tests/support/DesktopPicture.hpp"
 #include "tests/support/HostFakes.hpp"
+#include "tests/support/PictureFidelity.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
@@ -689,12 +691,12 @@ TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
     EXPECT_EQ(info.width, 1280u);
     EXPECT_EQ(info.height, 720u);
 
-    HEVCTestDecoder decoder;
+    client::VideoDecoder decoder;
     const auto opening = co_await nextWithin(h.client->videoFrames(), 5s);
     CO_ASSERT_TRUE(opening && opening->isKeyframe);
     const auto shown = decoder.decode(*opening);
     CO_ASSERT_TRUE(shown);
-    EXPECT_GE(psnr(*shown, lumaOf(*first)), 35);
+    EXPECT_GE(psnr(*shown, *first), 35);
 
     // The client falls behind: the connection refuses frames. Frame numbers count every encoded
     // frame, so a jump is a gap, and the frame after one must be a key frame.
@@ -707,15 +709,15 @@ TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
     h.host->setMaxInFlight(8);
     std::uint64_t previous = opening->frameNumber;
     int gaps = 0;
-    auto receiveUntilQuiet = [&]() -> asio::awaitable<std::optional<LumaPlane>> {
-      std::optional<LumaPlane> latest;
+    auto receiveUntilQuiet = [&]() -> asio::awaitable<std::optional<client::Picture>> {
+      std::optional<client::Picture> latest;
       while (const auto frame = co_await nextWithin(h.client->videoFrames(), 1500ms)) {
         if (frame->frameNumber != previous + 1) {
           ++gaps;
           EXPECT_TRUE(frame->isKeyframe) << "frame " << frame->frameNumber << " after a gap";
         }
         previous = frame->frameNumber;
-        if (auto luma = decoder.decode(*frame)) latest = std::move(luma);
+        if (auto picture = decoder.decode(*frame)) latest = std::move(picture);
       }
       co_return latest;
     };
@@ -726,7 +728,7 @@ TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
     painter.show(*last);
     const auto settled = co_await receiveUntilQuiet();
     CO_ASSERT_TRUE(settled);
-    EXPECT_GE(psnr(*settled, lumaOf(*last)), 35);
+    EXPECT_GE(psnr(*settled, *last), 35);
     EXPECT_GT(gaps, 0);
     EXPECT_GT(h.lastReport().framesDropped, 0);
     EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::streaming);

@@ -1,0 +1,130 @@
+#include "client/Viewer.hpp"
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <cmath>
+#include <functional>
+#include <ostream>
+
+#include "client/Flow.hpp"
+#include "host/video/CaptureClock.hpp"
+#include "host/video/CodecProfileNames.hpp"
+#include "kit/async/Task.hpp"
+
+namespace kelvaron::client {
+
+Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, std::ostream& out,
+               Clock::time_point since)
+    : connection_(std::move(connection)), options_(std::move(options)), out_(out), since_(since) {}
+
+asio::awaitable<void> Viewer::run() {
+  const auto executor = co_await asio::this_coro::executor;
+  // The readers keep the viewer alive: they may wake once more after it has closed.
+  asio::co_spawn(
+      executor, [self = shared_from_this()] { return self->readMessages(); }, asio::detached);
+  asio::co_spawn(
+      executor, [self = shared_from_this()] { return self->readVideo(); }, asio::detached);
+  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
+  int second = 0;
+  while (Clock::now() < end && !ended_) {
+    co_await sleepFor(std::chrono::seconds(1));
+    endSecond(++second);
+  }
+  connection_->close();
+  leave();
+}
+
+asio::awaitable<void> Viewer::readMessages() {
+  while (const auto message = co_await connection_->messages().next()) {
+    if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
+      out_ << "Connected to " << ack->hostName << "; profile " << host::profileLabel(ack->profile)
+           << std::endl;
+    } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
+      refusal_ = reject->reason;
+      ended_ = true;
+    } else if (const auto* info = std::get_if<msg::streamInfo>(&*message)) {
+      out_ << "Stream: display " << info->displayID << ", " << info->width << "x" << info->height
+           << std::endl;
+    } else if (const auto* status = std::get_if<msg::hostStatus>(&*message)) {
+      if (status->detail) out_ << "Host status: " << *status->detail << std::endl;
+    } else if (const auto* replaced = std::get_if<msg::sessionReplaced>(&*message)) {
+      out_ << "Replaced by " << replaced->byDeviceName << std::endl;
+      ended_ = true;
+    }
+  }
+  ended_ = true;
+}
+
+asio::awaitable<void> Viewer::readVideo() {
+  while (const auto frame = co_await connection_->videoFrames().next()) {
+    if (const auto feedback = statistics_.received(frame->frameNumber, frame->payload.size())) {
+      connection_->send(msg::feedback{*feedback});
+    }
+    const auto started = Clock::now();
+    if (auto picture = decoder_.decode(*frame)) {
+      const std::chrono::duration<double, std::milli> decoding = Clock::now() - started;
+      show(std::move(*picture), *frame, decoding.count());
+    }
+  }
+}
+
+void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
+  // Host and client on one machine share the clock of the capture time.
+  const auto sinceCaptureNs = std::int64_t(host::monotonicRawNs() - frame.captureTimeNs);
+  statistics_.decoded(decodeMs, double(sinceCaptureNs) / 1e6);
+  if (!latest_) {
+    const std::chrono::duration<double, std::milli> waited = Clock::now() - since_;
+    out_ << "First picture " << std::lround(waited.count()) << " ms after connecting" << std::endl;
+  }
+  latest_ = std::move(picture);
+  if (!typed_ && !options_.type.empty()) {
+    connection_->send(msg::text{options_.type});
+    out_ << "Typed " << options_.type.size() << " characters" << std::endl;
+    typed_ = true;
+  }
+}
+
+void Viewer::endSecond(int second) {
+  const SecondOfVideo figures = statistics_.endSecond();
+  out_ << statusLine(second, figures) << std::endl;
+  connection_->send(msg::feedback{{figures.frames, 0, 0, false}});
+  if (second % 5 == 0) connection_->send(msg::ping{std::uint64_t(second)});
+}
+
+void Viewer::leave() {
+  const bool wantsPicture = !options_.saveFrame.empty();
+  const bool saved = wantsPicture && latest_ && writePNG(options_.saveFrame, *latest_);
+  if (saved) {
+    out_ << "Saved the last picture (" << latest_->width << "x" << latest_->height << ") to "
+         << options_.saveFrame.string() << std::endl;
+  }
+  out_ << statistics_.summary() << std::endl;
+  if (refusal_) throw FlowError("refused: " + *refusal_);
+  if (statistics_.totalFrames() == 0) throw FlowError("the host sent no picture");
+  if (wantsPicture && !saved) throw FlowError("no picture to save");
+}
+
+asio::awaitable<void> connect(ClientDevice& device, const HostDirectory& directory,
+                              const std::string& host, const ViewerOptions& options,
+                              std::ostream& out) {
+  const auto paired = device.hosts.match(UUID::parse(host), host);
+  if (!paired) throw FlowError("not paired with " + host + " (see tovu-client hosts)");
+  const auto since = Viewer::Clock::now();
+  const UUID hostID = paired->hostID;
+  const HostDirectory::Filter wanted = [&device, hostID](const DiscoveredHost& h) {
+    const auto known = device.hosts.match(h.hostID, h.name);
+    return known && known->hostID == hostID;
+  };
+  const ServerTrust trust = ServerTrust::pinned(paired->fingerprint);
+  const auto connection = co_await directory.dial(wanted, trust);
+  const auto purpose = ClientHandshake::Purpose::authenticate();
+  const std::function<void(const std::string&)> noCode;
+  co_await device.signIn(connection, purpose, std::chrono::seconds(10), noCode,
+                         "the host did not let this device in");
+  device.hosts.touch(hostID, WallClock::now());
+  connection->send(device.hello());
+  const auto viewer = std::make_shared<Viewer>(connection, options, out, since);
+  co_await viewer->run();
+}
+
+}  // namespace kelvaron::client

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <asio/awaitable.hpp>
+#include <chrono>
+#include <filesystem>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "client/ClientDevice.hpp"
+#include "client/HostDirectory.hpp"
+#include "client/VideoDecoder.hpp"
+#include "client/VideoStatistics.hpp"
+#include "kit/transport/Connection.hpp"
+
+namespace kelvaron::client {
+
+struct ViewerOptions {
+  std::chrono::duration<double> duration = std::chrono::seconds(10);  // how long to stay
+  std::filesystem::path saveFrame;  // where the last picture goes, as PNG, when leaving
+  std::string type;                 // typed on the host once the picture is there
+};
+
+// A session with a host that has been greeted: tells `out` what the host says and each second's
+// figures, decodes the pictures, sends the feedback, types, and saves the last picture.
+class Viewer : public std::enable_shared_from_this<Viewer> {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // `since`: when the client began to connect, for the time to the first picture. Throws when
+  // there is no HEVC decoder.
+  Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, std::ostream& out,
+         Clock::time_point since);
+
+  // Stays for the options' duration, or until the host ends the session. Throws FlowError when
+  // the host refused the device or sent no picture, or when the picture to save is missing.
+  asio::awaitable<void> run();
+
+ private:
+  asio::awaitable<void> readMessages();
+  asio::awaitable<void> readVideo();
+  void show(Picture picture, const VideoFrame& frame, double decodeMs);
+  void endSecond(int second);
+  void leave();
+
+  std::shared_ptr<Connection> connection_;
+  const ViewerOptions options_;
+  std::ostream& out_;
+  const Clock::time_point since_;
+  VideoDecoder decoder_;
+  VideoStatistics statistics_;
+  std::optional<Picture> latest_;
+  std::optional<std::string> refusal_;
+  bool typed_ = false;
+  bool ended_ = false;
+};
+
+// The "connect" command: signs in to the paired host that `host` names (its ID or name) and views
+// it as `options` say. Throws FlowError when it is not paired or does not let this device in.
+asio::awaitable<void> connect(ClientDevice& device, const HostDirectory& directory,
+                              const std::string& host, const ViewerOptions& options,
+                              std::ostream& out);
+
+}  // namespace kelvaron::client
