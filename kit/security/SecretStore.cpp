@@ -14,17 +14,25 @@ namespace fs = std::filesystem;
 
 namespace {
 [[noreturn]] void fail(const std::string& what, const fs::path& path) {
-  throw SecretStoreError(what + " " + path.string() + ": " + std::strerror(errno));
+  const int code = errno;
+  throw SecretStoreError(code, what + " " + path.string() + ": " + std::strerror(code));
+}
+
+// The folders that are missing are made for the owner alone; those that exist are left as
+// their owner set them.
+void makeOwnerOnlyDirectories(const fs::path& directory) {
+  if (directory.empty() || fs::exists(directory)) return;
+  makeOwnerOnlyDirectories(directory.parent_path());
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) fail("cannot make", directory);
 }
 }  // namespace
 
 void writeFileAtomically(const fs::path& path, const Data& bytes) {
-  std::error_code ignored;
-  fs::create_directories(path.parent_path(), ignored);
-  fs::permissions(path.parent_path(), fs::perms::owner_all, ignored);
-  fs::path temporary = path;
-  temporary += ".tmp" + std::to_string(getpid());
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  makeOwnerOnlyDirectories(path.parent_path());
+  // A name of its own for each writer, so that two writers never write into one file.
+  std::string name = path.string() + ".tmpXXXXXX";
+  const int fd = ::mkostemp(name.data(), O_CLOEXEC);  // made with mode 0600
+  const fs::path temporary = name;
   if (fd < 0) fail("cannot write", temporary);
   std::size_t written = 0;
   while (written < bytes.size()) {

@@ -9,8 +9,11 @@
 
 namespace kelvaron {
 
+// A store's failure: the system's error number and a text for a person.
 struct SecretStoreError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+  SecretStoreError(int errorNumber, const std::string& text)
+      : std::runtime_error(text), code(errorNumber) {}
+  int code;
 };
 
 // One secret, kept across restarts. Absent means nothing stored.

@@ -80,6 +80,12 @@ class AsyncQueue {
     co_await waiter->timer.async_wait(asio::redirect_error(asio::use_awaitable, woken));
     std::lock_guard lock(lock_);
     if (waiter_ == waiter) waiter_.reset();  // cancelled before anything came
+    // An item handed over while the read was being cancelled goes back in front: whoever
+    // cancelled the read will not look at what it yields.
+    if (waiter->item && cancellation.cancelled() != asio::cancellation_type::none) {
+      items_.push_front(std::move(*waiter->item));
+      co_return std::nullopt;
+    }
     co_return std::move(waiter->item);
   }
 

@@ -23,8 +23,10 @@ namespace {
 constexpr int kPacketsPerWrite = 64;
 // Above any payload size we configure.
 constexpr std::size_t kPacketBufferSize = 1500;
-// Lets the FIN of the control stream leave before the connection itself is closed.
+// After the FIN of the control stream went out, lets it arrive before the connection itself is
+// closed; a FIN that cannot go out (a peer that stopped reading) is given up on after a while.
 constexpr auto kCloseDelay = 100ms;
+constexpr auto kFinDeadline = 5s;
 constexpr auto kVideoBackPressurePoll = 5ms;
 constexpr auto kNetworkUnavailableGrace = 3s;
 // Our CONNECTION_CLOSE code for a failure of the session's protocol; its reason is our text.
@@ -730,6 +732,7 @@ void QUICConnection::writePackets() {
           (flags & NGTCP2_WRITE_STREAM_FLAG_FIN) && static_cast<std::size_t>(written) == total;
       const auto sent = stream->out.markSent(static_cast<std::size_t>(written), finWritten);
       if (!sent.empty() && stream->kind) settleSent(*stream->kind, sent);
+      if (finWritten && stream->kind == StreamKind::control) closeAfter(kCloseDelay);
     }
     if (size == NGTCP2_ERR_WRITE_MORE) continue;
     if (size == NGTCP2_ERR_STREAM_DATA_BLOCKED || size == NGTCP2_ERR_STREAM_SHUT_WR ||
@@ -950,13 +953,8 @@ void QUICConnection::shutdownTransport(bool clean) {
   Stream* control = streamOfKind(StreamKind::control);
   if (clean && control && ngtcp2_conn_get_handshake_completed(connection_.get())) {
     control->out.finish();
+    closeAfter(kFinDeadline);
     writePackets();
-    closeTimer_.expires_after(kCloseDelay);
-    closeTimer_.async_wait([self = shared_from_this()](std::error_code error) {
-      if (error) return;
-      const auto goodbye = applicationClose(NGTCP2_NO_ERROR, {});
-      self->closeTransport(&goodbye);
-    });
     return;
   }
   std::string reason;
@@ -967,6 +965,16 @@ void QUICConnection::shutdownTransport(bool clean) {
   const auto error = clean ? applicationClose(NGTCP2_NO_ERROR, {})
                            : applicationClose(kProtocolFailureCode, reason);
   closeTransport(&error);
+}
+
+// A clean goodbye: the connection closes `delay` from now, unless it is closed before.
+void QUICConnection::closeAfter(std::chrono::milliseconds delay) {
+  closeTimer_.expires_after(delay);
+  closeTimer_.async_wait([self = shared_from_this()](std::error_code error) {
+    if (error) return;
+    const auto goodbye = applicationClose(NGTCP2_NO_ERROR, {});
+    self->closeTransport(&goodbye);
+  });
 }
 
 // Tells the peer (unless it already said goodbye, or `error` is absent) and lets go of the

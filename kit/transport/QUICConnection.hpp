@@ -130,6 +130,7 @@ class QUICConnection final : public Connection,
   void failOnLibraryError(int error);
   ConnectionState peerClosedState() const;
   void shutdownTransport(bool clean);
+  void closeAfter(std::chrono::milliseconds delay);
   void closeTransport(const ngtcp2_connection_close_error* error);
 
   // ---- from any thread ----

@@ -81,7 +81,7 @@ SelfSignedIdentity SelfSignedIdentity::loadOrCreate(const IdentityStores& stores
     }
     return identity;
   } catch (const SecretStoreError& e) {
-    throw IdentityError(std::string("keychain: ") + e.what());
+    throw IdentityError::keychain(e);
   }
 }
 
@@ -114,7 +114,7 @@ SelfSignedIdentity SelfSignedIdentity::generate(const std::string& commonName) {
     Data certificate = der::certificate(tbs, key.signDER(tbs));
     return SelfSignedIdentity(std::move(key), std::move(certificate));
   } catch (const CryptoError& e) {
-    throw IdentityError(std::string("key generation: ") + e.what());
+    throw IdentityError::keyGeneration(e.what());
   }
 }
 

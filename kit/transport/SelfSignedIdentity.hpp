@@ -10,8 +10,27 @@
 
 namespace kelvaron {
 
-struct IdentityError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+// Why an identity could not be had: its key could not be made (with the reason), or its store
+// failed (with the system's error number).
+class IdentityError : public std::runtime_error {
+ public:
+  enum class Kind { keyGeneration, keychain };
+
+  static IdentityError keyGeneration(const std::string& reason) {
+    return {Kind::keyGeneration, "key generation: " + reason, 0};
+  }
+  static IdentityError keychain(const SecretStoreError& failure) {
+    return {Kind::keychain, std::string("keychain: ") + failure.what(), failure.code};
+  }
+
+  Kind kind() const { return kind_; }
+  int status() const { return status_; }
+
+ private:
+  IdentityError(Kind kind, const std::string& text, int status)
+      : std::runtime_error(text), kind_(kind), status_(status) {}
+  Kind kind_;
+  int status_;
 };
 
 // Where an identity's key (its 32-byte scalar) and certificate (DER) are kept.

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "kit/security/AuthCrypto.hpp"
 #include "tests/support/TempDirectory.hpp"
@@ -42,12 +44,35 @@ TEST(PairedDeviceStore, KeepsDevicesAcrossRestartsInAnOwnerOnlyFile) {
   struct stat info {};
   ASSERT_EQ(stat(file.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
+  ASSERT_EQ(stat(file.parent_path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);  // made by the store: the owner's alone
 
   const std::string text = fileText(file);
   EXPECT_NE(text.find("\"deviceID\": \"01000000-0000-0000-0000-000000000000\""), std::string::npos)
       << text;
   EXPECT_NE(text.find("\"pairedAt\": \"" + iso8601(kDate) + "\""), std::string::npos) << text;
   EXPECT_EQ(text.find("lastSeen", text.find("00000002")), std::string::npos);  // absent: left out
+
+  // A folder that was there keeps its mode; writers at the same time never write into one file.
+  ::chmod(dir.path().c_str(), 0755);
+  std::vector<std::thread> writers;
+  std::atomic<int> failures = 0;
+  for (std::uint8_t n = 0; n < 4; ++n) {
+    writers.emplace_back([&, n] {
+      for (int i = 0; i < 50; ++i) {
+        try {
+          writeFileAtomically(dir / "secret", Data(1000, n));
+        } catch (const SecretStoreError&) {
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& writer : writers) writer.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(fileText(dir / "secret").size(), 1000u);
+  ASSERT_EQ(stat(dir.path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0755u);
 }
 
 TEST(PairedDeviceStore, PairingAgainReplacesAndMovesTheRecord) {

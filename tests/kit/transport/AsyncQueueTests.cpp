@@ -68,29 +68,40 @@ TEST(AsyncQueue, AReaderCancelledBeforeItAsksDoesNotWait) {
   });
 }
 
+// Every item reaches the reader, also one that keeps timing out while pushes race its timeouts.
 TEST(AsyncQueue, PushesFromOtherThreadsReachAReaderOnAStrand) {
-  asio::thread_pool pool(2);
-  AsyncQueue<int> queue;
-  std::atomic<long> sum = 0;
-  std::atomic<bool> ended = false;
-  auto strand = makeStrand(pool.get_executor());
-  Task::spawn(strand,
-              [](AsyncQueue<int>& q, std::atomic<long>& total,
-                 std::atomic<bool>& done) -> asio::awaitable<void> {
-                while (auto item = co_await q.next()) total += *item;
-                done = true;
-              }(queue, sum, ended));
-  std::vector<std::thread> pushers;
-  for (int t = 0; t < 4; ++t) {
-    pushers.emplace_back([&queue] {
-      for (int i = 1; i <= 10000; ++i) queue.push(i);
-    });
+  for (const auto wait : {std::chrono::microseconds(0), std::chrono::microseconds(20)}) {
+    SCOPED_TRACE(wait.count());
+    asio::thread_pool pool(2);
+    AsyncQueue<int> queue;
+    std::atomic<long> sum = 0;
+    Task::spawn(makeStrand(pool.get_executor()),
+                [](AsyncQueue<int>& q, std::atomic<long>& total,
+                   std::chrono::microseconds within) -> asio::awaitable<void> {
+                  for (;;) {
+                    const auto item = within.count() ? co_await nextWithin(q, within)
+                                                     : co_await q.next();
+                    if (item) {
+                      total += *item;
+                    } else if (q.isFinished() && q.count() == 0) {
+                      co_return;
+                    }
+                  }
+                }(queue, sum, wait));
+    std::vector<std::thread> pushers;
+    for (int t = 0; t < 4; ++t) {
+      pushers.emplace_back([&queue] {
+        for (int i = 1; i <= 10000; ++i) {
+          queue.push(i);
+          if (i % 16 == 0) std::this_thread::yield();  // lets the reader find the queue empty
+        }
+      });
+    }
+    for (auto& p : pushers) p.join();
+    queue.finish();
+    pool.join();
+    EXPECT_EQ(sum, 4L * 10000 * 10001 / 2);
   }
-  for (auto& p : pushers) p.join();
-  queue.finish();
-  pool.join();
-  EXPECT_TRUE(ended);
-  EXPECT_EQ(sum, 4L * 10000 * 10001 / 2);
 }
 
 }  // namespace

@@ -267,11 +267,17 @@ TEST(QUICConnection, ACleanCloseOnOneEndIsClosedOnTheOther) {
       const auto [client, host] = co_await loopback.connected();
       Connection& closing = clientCloses ? static_cast<Connection&>(*client) : *host;
       Connection& other = clientCloses ? *host : static_cast<Connection&>(*client);
+      // What was sent before the close arrives whole, however long it takes to leave.
+      constexpr int kLastWords = 64;
+      for (int i = 0; i < kLastWords; ++i) closing.send(msg::authChallenge{Data(1 << 20, 7)});
       closing.close();
       closing.close();
       const auto closingStates = co_await allStates(closing);
       EXPECT_EQ(std::count(closingStates.begin(), closingStates.end(), ConnectionState::closed()),
                 1);
+      int heard = 0;
+      while (co_await nextWithin(other.messages(), 5s)) ++heard;
+      EXPECT_EQ(heard, kLastWords);
       const auto state = co_await finalState(other);
       EXPECT_EQ(state, ConnectionState::closed());
       EXPECT_FALSE(other.sendVideo(videoFrame(10, 1)));

@@ -113,6 +113,16 @@ TEST(SelfSignedIdentity, APersistentIdentitySurvivesAndHalfOfOneIsReplaced) {
   EXPECT_NE(afterGarbage.fingerprint(), afterForeignKey.fingerprint());
   EXPECT_EQ(SelfSignedIdentity::loadOrCreate(stores, "studio").fingerprint(),
             afterGarbage.fingerprint());
+
+  // A store that cannot be written is a keychain failure with the system's error number.
+  std::ofstream(dir / "file") << "not a folder";
+  try {
+    SelfSignedIdentity::loadOrCreate(IdentityStores::files(dir / "file", "tag"), "studio");
+    ADD_FAILURE() << "an identity was kept where nothing can be written";
+  } catch (const IdentityError& e) {
+    EXPECT_EQ(e.kind(), IdentityError::Kind::keychain);
+    EXPECT_EQ(e.status(), ENOTDIR);
+  }
 }
 
 }  // namespace
