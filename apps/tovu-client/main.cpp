@@ -16,8 +16,8 @@
 #include <string>
 
 #include "client/VideoDecoder.hpp"
-#include "host/video/CaptureClock.hpp"
-#include "host/video/CodecProfileNames.hpp"
+#include "kit/media/CaptureClock.hpp"
+#include "kit/media/CodecProfileNames.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/PairingURL.hpp"
 #include "kit/security/SecretStore.hpp"
@@ -297,7 +297,7 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
     while (const auto message = co_await connection_->messages().next()) {
       if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
         std::cout << "Connected to " << ack->hostName << "; profile "
-                  << host::profileLabel(ack->profile) << std::endl;
+                  << profileLabel(ack->profile) << std::endl;
       } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
         std::cerr << "tovu-client: refused: " << reject->reason << std::endl;
         rejected_ = true;
@@ -332,7 +332,7 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
         decodeMs_ += std::chrono::duration<double, std::milli>(Clock::now() - started).count();
         ++decoded_;
         // Host and client on one machine share the clock of the capture time.
-        const double sinceCapture = double(host::monotonicRawNs() - frame->captureTimeNs) / 1e6;
+        const double sinceCapture = double(monotonicRawNs() - frame->captureTimeNs) / 1e6;
         // The least of the second: an idle refresh re-sends a picture captured earlier.
         if (sinceCapture >= 0 && sinceCapture < 10000) {
           captureToShown_ = std::min(captureToShown_.value_or(sinceCapture), sinceCapture);

@@ -19,10 +19,10 @@
 #include <system_error>
 #include <vector>
 
-#include "host/video/CaptureClock.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 #include "host/video/RegionTagger.hpp"
 #include "host/video/X11Connection.hpp"
+#include "kit/media/CaptureClock.hpp"
 
 namespace kelvaron::host {
 

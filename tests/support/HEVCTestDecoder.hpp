@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/video/CaptureSource.hpp"
-#include "host/video/HEVCBitstream.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 #include "kit/wire/MediaFrames.hpp"
 
 extern "C" {
@@ -48,7 +48,7 @@ class HEVCTestDecoder {
 
   // The decoded luma, or nothing if the decoder produced no picture for this frame.
   std::optional<LumaPlane> decode(const VideoFrame& frame) {
-    const auto annexB = host::hevc::annexBOf(frame);
+    const auto annexB = hevc::annexBOf(frame);
     if (!annexB || av_new_packet(packet_, int(annexB->size())) < 0) return std::nullopt;
     std::copy(annexB->begin(), annexB->end(), packet_->data);
     const int sent = avcodec_send_packet(context_, packet_);

@@ -9,8 +9,8 @@
 #include <deque>
 #include <mutex>
 
-#include "host/video/CaptureClock.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
+#include "kit/media/CaptureClock.hpp"
 #include "tests/support/HEVCTestDecoder.hpp"
 
 namespace kelvaron::host {
