@@ -16,11 +16,11 @@
 #include <string>
 
 #include "client/VideoDecoder.hpp"
+#include "kit/crypto/SecretStore.hpp"
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/PairingURL.hpp"
-#include "kit/security/SecretStore.hpp"
 #include "kit/security/Stores.hpp"
 #include "kit/transport/QUICConnection.hpp"
 #include "kit/transport/QUICHostBrowser.hpp"

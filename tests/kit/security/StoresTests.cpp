@@ -5,7 +5,7 @@
 
 #include <fstream>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron {
