@@ -16,7 +16,7 @@
 
 #include "host/app/AppModel.hpp"
 #include "host/app/HostComposition.hpp"
-#include "host/app/XvfbServer.hpp"
+#include "host/x11/XvfbServer.hpp"
 
 using namespace kelvaron;
 using namespace kelvaron::host;
