@@ -9,8 +9,8 @@
 #include <mutex>
 #include <vector>
 
-#include "host/video/CaptureClock.hpp"
 #include "host/video/LibavHEVCEncoder.hpp"
+#include "kit/media/CaptureClock.hpp"
 #include "tests/support/DesktopPicture.hpp"
 
 namespace kelvaron::host {

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "kit/security/ClientHandshake.hpp"
-#include "kit/security/SecretStore.hpp"
+#include "kit/crypto/SecretStore.hpp"
 #include "kit/security/Stores.hpp"
 #include "kit/transport/Connection.hpp"
 #include "kit/wire/Message.hpp"

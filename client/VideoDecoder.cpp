@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "host/video/HEVCBitstream.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -32,7 +32,7 @@ VideoDecoder::~VideoDecoder() {
 }
 
 std::optional<Picture> VideoDecoder::decode(const VideoFrame& frame) {
-  const auto stream = host::hevc::annexBOf(frame);
+  const auto stream = hevc::annexBOf(frame);
   if (!stream) return std::nullopt;
   if (stream->empty() || av_new_packet(packet_, int(stream->size())) < 0) return std::nullopt;
   std::copy(stream->begin(), stream->end(), packet_->data);

@@ -7,8 +7,8 @@
 #include <ostream>
 
 #include "client/Flow.hpp"
-#include "host/video/CaptureClock.hpp"
-#include "host/video/CodecProfileNames.hpp"
+#include "kit/media/CaptureClock.hpp"
+#include "kit/media/CodecProfileNames.hpp"
 #include "kit/async/Task.hpp"
 
 namespace kelvaron::client {
@@ -37,7 +37,7 @@ asio::awaitable<void> Viewer::run() {
 asio::awaitable<void> Viewer::readMessages() {
   while (const auto message = co_await connection_->messages().next()) {
     if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
-      out_ << "Connected to " << ack->hostName << "; profile " << host::profileLabel(ack->profile)
+      out_ << "Connected to " << ack->hostName << "; profile " << profileLabel(ack->profile)
            << std::endl;
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
       refusal_ = reject->reason;
@@ -70,7 +70,7 @@ asio::awaitable<void> Viewer::readVideo() {
 
 void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
   // Host and client on one machine share the clock of the capture time.
-  const auto sinceCaptureNs = std::int64_t(host::monotonicRawNs() - frame.captureTimeNs);
+  const auto sinceCaptureNs = std::int64_t(monotonicRawNs() - frame.captureTimeNs);
   statistics_.decoded(decodeMs, double(sinceCaptureNs) / 1e6);
   if (!latest_) {
     const std::chrono::duration<double, std::milli> waited = Clock::now() - since_;

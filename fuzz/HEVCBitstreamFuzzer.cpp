@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <span>
 
-#include "host/video/HEVCBitstream.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 
-namespace hevc = kelvaron::host::hevc;
+namespace hevc = kelvaron::hevc;
 
 namespace {
 

@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test: a short, bounded run of every fuzz target
-# from its seed corpus, the release build (warnings are errors), and the same suite under
-# AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on the first failure.
+# Checks the includes against the rooms' doors, installs what is missing, builds, and runs every
+# test: a short, bounded run of every fuzz target from its seed corpus, the release build
+# (warnings are errors), and the same suite under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Exits non-zero on the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+echo "== includes against the doors of docs/architecture.md"
+scripts/check-includes.sh
 
 scripts/install-deps.sh
 

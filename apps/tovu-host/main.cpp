@@ -17,7 +17,7 @@
 #include "apps/common/CommandLine.hpp"
 #include "host/app/AppModel.hpp"
 #include "host/app/HostComposition.hpp"
-#include "host/app/XvfbServer.hpp"
+#include "host/x11/XvfbServer.hpp"
 
 using namespace kelvaron;
 using namespace kelvaron::host;

@@ -4,7 +4,7 @@
 #include <asio/detached.hpp>
 #include <asio/post.hpp>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/security/HostAuthGate.hpp"
 
 namespace kelvaron::host {

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "host/app/ListenerSupervisor.hpp"
-#include "host/app/PowerManaging.hpp"
 #include "host/app/Settings.hpp"
 #include "host/session/HostSession.hpp"
+#include "host/session/PowerManaging.hpp"
 #include "kit/security/HostPairingService.hpp"
 #include "kit/transport/SelfSignedIdentity.hpp"
 

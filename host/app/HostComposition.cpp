@@ -6,7 +6,7 @@
 #include "host/app/TerminalPairingConfirmer.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
-#include "kit/security/SecretStore.hpp"
+#include "kit/crypto/SecretStore.hpp"
 #include "kit/transport/QUICHostListener.hpp"
 
 namespace kelvaron::host {

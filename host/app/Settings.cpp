@@ -4,9 +4,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "kit/crypto/AuthCrypto.hpp"
+#include "kit/crypto/SecretStore.hpp"
 #include "kit/log/Logger.hpp"
-#include "kit/security/AuthCrypto.hpp"
-#include "kit/security/SecretStore.hpp"
 
 namespace kelvaron::host {
 

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "host/app/PowerManaging.hpp"
+#include "host/session/PowerManaging.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {

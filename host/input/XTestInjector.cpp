@@ -16,8 +16,8 @@
 
 #include "host/input/HIDKeyNames.hpp"
 #include "host/input/KeyboardLayout.hpp"
-#include "host/video/RandrDisplayManager.hpp"
-#include "host/video/X11Connection.hpp"
+#include "host/x11/RandrMonitors.hpp"
+#include "host/x11/X11Connection.hpp"
 #include "kit/async/Uptime.hpp"
 
 namespace kelvaron::host {

@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "host/app/PowerManaging.hpp"
 #include "host/input/ClickRecord.hpp"
 #include "host/input/InputInjector.hpp"
+#include "host/session/PowerManaging.hpp"
 #include "host/video/CaptureSource.hpp"
 #include "host/video/DisplayProviding.hpp"
 #include "host/video/EncoderFactory.hpp"

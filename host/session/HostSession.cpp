@@ -6,7 +6,7 @@
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
 
-#include "host/video/CodecProfileNames.hpp"
+#include "kit/media/CodecProfileNames.hpp"
 
 namespace kelvaron::host {
 

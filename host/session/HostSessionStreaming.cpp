@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "host/session/HostSession.hpp"
-#include "host/video/CodecProfileNames.hpp"
 #include "kit/async/Uptime.hpp"
+#include "kit/media/CodecProfileNames.hpp"
 
 namespace kelvaron::host {
 

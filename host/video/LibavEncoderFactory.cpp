@@ -4,9 +4,9 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "host/video/CaptureClock.hpp"
-#include "host/video/CodecProfileNames.hpp"
 #include "kit/log/Logger.hpp"
+#include "kit/media/CaptureClock.hpp"
+#include "kit/media/CodecProfileNames.hpp"
 
 namespace kelvaron::host {
 

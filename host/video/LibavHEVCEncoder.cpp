@@ -7,9 +7,9 @@
 #include <deque>
 #include <stdexcept>
 
-#include "host/video/CaptureClock.hpp"
-#include "host/video/CodecProfileNames.hpp"
-#include "host/video/HEVCBitstream.hpp"
+#include "kit/media/CaptureClock.hpp"
+#include "kit/media/CodecProfileNames.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

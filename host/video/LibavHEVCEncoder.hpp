@@ -9,9 +9,9 @@
 #include <string>
 #include <thread>
 
-#include "host/video/HEVCBitstream.hpp"
 #include "host/video/VideoEncoder.hpp"
 #include "kit/log/Logger.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 
 namespace kelvaron::host {
 

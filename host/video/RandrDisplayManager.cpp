@@ -2,109 +2,16 @@
 
 #include <xcb/randr.h>
 
-#include <algorithm>
 #include <asio/post.hpp>
 #include <cstdlib>
-#include <map>
-#include <set>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "host/video/ChangeBroadcaster.hpp"
-#include "host/video/X11Connection.hpp"
+#include "host/x11/RandrMonitors.hpp"
+#include "host/x11/X11Connection.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {
-
-namespace {
-
-// Atoms live as long as the server, so their names are kept; a bound keeps a server that makes
-// monitors under ever new names from growing the cache without end.
-constexpr std::size_t kMaxCachedNames = 256;
-
-}  // namespace
-
-std::uint32_t displayIDForMonitorName(std::string_view name) {
-  std::uint32_t hash = 2166136261u;
-  for (const unsigned char c : name) {
-    hash ^= c;
-    hash *= 16777619u;
-  }
-  return hash == 0 ? 1 : hash;
-}
-
-std::size_t mainMonitorIndex(const std::vector<RandrMonitor>& monitors) {
-  auto main = std::ranges::find_if(monitors, &RandrMonitor::primary);
-  if (main == monitors.end()) {
-    main =
-        std::ranges::find_if(monitors, [](const RandrMonitor& m) { return m.x == 0 && m.y == 0; });
-  }
-  return main == monitors.end() ? 0 : std::size_t(main - monitors.begin());
-}
-
-std::vector<RandrMonitor> queryMonitors(xcb_connection_t* c, xcb_window_t root,
-                                        std::vector<xcb_atom_t>* nameAtoms) {
-  static const Logger log("io.dovka.tovu.host", "display");
-  xcb_generic_error_t* error = nullptr;
-  const XcbReply<xcb_randr_get_monitors_reply_t> reply(
-      xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, root, 1), &error));
-  if (!reply) {
-    if (error) log.error("The X server refused the list of monitors: error %u", error->error_code);
-    std::free(error);
-    return {};  // a broken connection is its owner's to report
-  }
-  // The reply's own length bounds what is read of it, whatever its counts say.
-  const auto* end =
-      reinterpret_cast<const char*>(reply.get()) + 32 + 4 * std::size_t{reply->length};
-  std::vector<RandrMonitor> monitors;
-  for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
-       xcb_randr_monitor_info_next(&it)) {
-    const auto* m = it.data;
-    const auto* mEnd = reinterpret_cast<const char*>(m) + sizeof(*m);
-    if (mEnd > end || mEnd + 4 * std::size_t{m->nOutput} > end) {
-      log.error("The X server's list of monitors is cut short; %zu of %d kept", monitors.size(),
-                static_cast<int>(reply->nMonitors));
-      break;
-    }
-    monitors.push_back({{}, m->primary != 0, m->x, m->y, m->width, m->height});
-    if (nameAtoms) nameAtoms->push_back(m->name);
-  }
-  return monitors;
-}
-
-std::vector<DisplayInfo> displayListFromMonitors(const std::vector<RandrMonitor>& monitors) {
-  if (monitors.empty()) return {};
-  const auto main = monitors.begin() + std::ptrdiff_t(mainMonitorIndex(monitors));
-
-  // IDs in the order of names, so that a clash of hashes is settled the same way every time.
-  std::map<std::string, std::uint32_t> ids;
-  for (const auto& monitor : monitors) ids[monitor.name] = 0;
-  std::set<std::uint32_t> taken;
-  for (auto& [name, id] : ids) {
-    id = displayIDForMonitorName(name);
-    while (id == 0 || taken.contains(id)) ++id;
-    taken.insert(id);
-  }
-
-  std::vector<DisplayInfo> list;
-  for (const auto& monitor : monitors) {
-    DisplayInfo info;
-    info.id = ids[monitor.name];
-    info.name = monitor.name;
-    info.isMain = &monitor == &*main;
-    info.pixelWidth = monitor.width;
-    info.pixelHeight = monitor.height;
-    // Points are pixels on X11; the origin is the main display's top left corner.
-    info.frame = {static_cast<float>(monitor.x - main->x), static_cast<float>(monitor.y - main->y),
-                  static_cast<float>(monitor.width), static_cast<float>(monitor.height)};
-    list.push_back(std::move(info));
-  }
-  std::ranges::sort(list, [](const DisplayInfo& a, const DisplayInfo& b) {
-    if (a.isMain != b.isMain) return a.isMain;
-    return a.id < b.id;
-  });
-  return list;
-}
 
 // Everything lives on `strand`; the connection's own strand is made on it, so its events are
 // handled in step with the rest.
@@ -200,50 +107,14 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
 
   void forgetConnection() {
     connection.reset();
-    atomNames.clear();
+    monitorNames = {};
   }
 
   std::vector<DisplayInfo> readDisplays() {
     if (!ensureConnected()) return {};
-    const auto monitors = readMonitors();
+    const auto monitors = queryNamedMonitors(connection->get(), connection->root(), monitorNames);
     connection->dispatchQueuedEvents();
     return displayListFromMonitors(monitors);
-  }
-
-  std::vector<RandrMonitor> readMonitors() {
-    std::vector<xcb_atom_t> atoms;
-    auto monitors = queryMonitors(connection->get(), connection->root(), &atoms);
-    const auto names = namesOf(atoms);
-    for (std::size_t i = 0; i < monitors.size(); ++i) monitors[i].name = names[i];
-    return monitors;
-  }
-
-  // The names of atoms, asking the server in one round trip for those not known yet.
-  std::vector<std::string> namesOf(const std::vector<xcb_atom_t>& atoms) {
-    if (atomNames.size() > kMaxCachedNames) atomNames.clear();
-    auto* c = connection->get();
-    std::vector<std::pair<xcb_atom_t, xcb_get_atom_name_cookie_t>> asked;
-    for (const auto atom : atoms) {
-      if (!atomNames.contains(atom)) asked.emplace_back(atom, xcb_get_atom_name(c, atom));
-    }
-    for (const auto& [atom, cookie] : asked) {
-      xcb_generic_error_t* error = nullptr;
-      const XcbReply<xcb_get_atom_name_reply_t> reply(xcb_get_atom_name_reply(c, cookie, &error));
-      std::free(error);
-      if (reply) {
-        atomNames[atom].assign(
-            xcb_get_atom_name_name(reply.get()),
-            static_cast<std::size_t>(xcb_get_atom_name_name_length(reply.get())));
-      }
-    }
-    std::vector<std::string> names;
-    for (const auto atom : atoms) {
-      const auto known = atomNames.find(atom);
-      names.push_back(known != atomNames.end() && !known->second.empty()
-                          ? known->second
-                          : "Display " + std::to_string(atom));
-    }
-    return names;
   }
 
   const Executor strand;
@@ -252,7 +123,7 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
   Logger log{"io.dovka.tovu.host", "display"};
 
   std::shared_ptr<X11Connection> connection;
-  std::unordered_map<xcb_atom_t, std::string> atomNames;  // of `connection`'s server
+  MonitorNames monitorNames;  // of `connection`'s server
   bool connectedBefore = false;
   bool reportedFailure = false;  // one log line for a run of failed attempts
 };

@@ -19,10 +19,10 @@
 #include <system_error>
 #include <vector>
 
-#include "host/video/CaptureClock.hpp"
-#include "host/video/RandrDisplayManager.hpp"
 #include "host/video/RegionTagger.hpp"
-#include "host/video/X11Connection.hpp"
+#include "host/x11/RandrMonitors.hpp"
+#include "host/x11/X11Connection.hpp"
+#include "kit/media/CaptureClock.hpp"
 
 namespace kelvaron::host {
 
@@ -101,34 +101,6 @@ PixelRect wholePixels(const Rect& rect) {
   return result;
 }
 
-// The active monitors, as the display list sees them. All names are asked for at once, and every
-// reply is read, so that xcb keeps none of them.
-std::vector<RandrMonitor> activeMonitors(X11Connection& connection) {
-  xcb_connection_t* c = connection.get();
-  const XcbReply<xcb_randr_get_monitors_reply_t> reply(
-      xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, connection.root(), 1), nullptr));
-  if (!reply) throw std::runtime_error("The X server did not list its monitors.");
-  std::vector<RandrMonitor> monitors;
-  std::vector<xcb_atom_t> atoms;
-  std::vector<xcb_get_atom_name_cookie_t> names;
-  for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
-       xcb_randr_monitor_info_next(&it)) {
-    monitors.push_back(
-        {{}, it.data->primary != 0, it.data->x, it.data->y, it.data->width, it.data->height});
-    atoms.push_back(it.data->name);
-    names.push_back(xcb_get_atom_name(c, it.data->name));
-  }
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    const XcbReply<xcb_get_atom_name_reply_t> name(xcb_get_atom_name_reply(c, names[i], nullptr));
-    if (!name) throw std::runtime_error("The X server did not name its monitors.");
-    monitors[i].name.assign(xcb_get_atom_name_name(name.get()),
-                            std::size_t(xcb_get_atom_name_name_length(name.get())));
-    // As the display list names a monitor without a name, so that its ID is the same here.
-    if (monitors[i].name.empty()) monitors[i].name = "Display " + std::to_string(atoms[i]);
-  }
-  return monitors;
-}
-
 // Where a display and the desktop's origin lie on the root window now. On X11 a point is a pixel.
 // The desktop's origin is the top left corner of the main display, as the display list chose it:
 // its frames, measured from there, and the monitors' places on the root give the offset, so the
@@ -140,7 +112,9 @@ struct RootPlacement {
 
 // Nothing when no monitor has `displayID`, which the display list made, clashes and all.
 std::optional<RootPlacement> placeOnRoot(X11Connection& connection, std::uint32_t displayID) {
-  const std::vector<RandrMonitor> monitors = activeMonitors(connection);
+  MonitorNames names;
+  const std::vector<RandrMonitor> monitors =
+      queryNamedMonitors(connection.get(), connection.root(), names);
   const std::vector<DisplayInfo> displays = displayListFromMonitors(monitors);
   const auto display = std::ranges::find(displays, displayID, &DisplayInfo::id);
   if (display == displays.end()) return std::nullopt;

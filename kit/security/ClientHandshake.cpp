@@ -3,7 +3,7 @@
 #include <atomic>
 
 #include "kit/async/Task.hpp"
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 
 namespace kelvaron {
 

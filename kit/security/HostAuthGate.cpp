@@ -4,7 +4,7 @@
 #include <asio/experimental/awaitable_operators.hpp>
 #include <asio/use_awaitable.hpp>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 
 namespace kelvaron {
 

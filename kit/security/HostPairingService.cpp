@@ -1,6 +1,6 @@
 #include "kit/security/HostPairingService.hpp"
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 
 namespace kelvaron {
 

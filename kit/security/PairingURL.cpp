@@ -4,7 +4,7 @@
 #include <cctype>
 #include <map>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/wire/FrameReader.hpp"
 
 namespace kelvaron {

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 
 namespace kelvaron {
 

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "kit/security/P256.hpp"
-#include "kit/security/SecretStore.hpp"
+#include "kit/crypto/P256.hpp"
+#include "kit/crypto/SecretStore.hpp"
 #include "kit/wire/Bytes.hpp"
 
 namespace kelvaron {

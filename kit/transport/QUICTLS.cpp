@@ -7,8 +7,8 @@
 
 #include <cstring>
 
-#include "kit/security/AuthCrypto.hpp"
-#include "kit/security/GnuTLSDatum.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
+#include "kit/crypto/GnuTLSDatum.hpp"
 #include "kit/transport/QUICConfiguration.hpp"
 #include "kit/transport/SelfSignedIdentity.hpp"
 

@@ -4,9 +4,9 @@
 
 #include <mutex>
 
-#include "kit/security/AuthCrypto.hpp"
-#include "kit/security/DER.hpp"
-#include "kit/security/GnuTLSDatum.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
+#include "kit/crypto/DER.hpp"
+#include "kit/crypto/GnuTLSDatum.hpp"
 
 namespace kelvaron {
 

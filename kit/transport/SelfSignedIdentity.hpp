@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "kit/security/P256.hpp"
-#include "kit/security/SecretStore.hpp"
+#include "kit/crypto/P256.hpp"
+#include "kit/crypto/SecretStore.hpp"
 
 namespace kelvaron {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "host/app/XvfbServer.hpp"
+#include "host/x11/XvfbServer.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron::test {

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"

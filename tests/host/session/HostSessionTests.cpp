@@ -11,7 +11,7 @@
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 #include "host/video/X11CaptureSource.hpp"
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/HostAuthGate.hpp"
 #include "kit/transport/InMemoryConnection.hpp"

@@ -10,8 +10,8 @@
 #include <mutex>
 
 #include "client/VideoDecoder.hpp"
-#include "host/video/CaptureClock.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
+#include "kit/media/CaptureClock.hpp"
 #include "tests/support/DesktopPicture.hpp"
 #include "tests/support/PictureFidelity.hpp"
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "host/video/CaptureClock.hpp"
 #include "host/video/RandrDisplayManager.hpp"
+#include "kit/media/CaptureClock.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/ManualClock.hpp"
 

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <thread>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron {

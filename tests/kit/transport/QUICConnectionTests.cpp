@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <map>
 
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/HostAuthGate.hpp"
 #include "kit/security/HostPairingService.hpp"

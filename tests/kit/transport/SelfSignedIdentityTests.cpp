@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <fstream>
 
-#include "kit/security/AuthCrypto.hpp"
-#include "kit/security/DER.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
+#include "kit/crypto/DER.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron {

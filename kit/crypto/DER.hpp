@@ -6,7 +6,7 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "kit/security/P256.hpp"
+#include "kit/crypto/P256.hpp"
 #include "kit/wire/Bytes.hpp"
 
 namespace kelvaron::der {

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "kit/security/P256.hpp"
+#include "kit/crypto/P256.hpp"
 #include "kit/wire/Bytes.hpp"
 
 namespace kelvaron::AuthCrypto {

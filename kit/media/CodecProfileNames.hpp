@@ -2,7 +2,7 @@
 
 #include "kit/wire/WireTypes.hpp"
 
-namespace kelvaron::host {
+namespace kelvaron {
 
 // For a person: "HEVC 4:2:0" and so on.
 inline const char* profileLabel(CodecProfile profile) {
@@ -34,4 +34,4 @@ inline const char* profileCaseName(CodecProfile profile) {
   return "unknown";
 }
 
-}  // namespace kelvaron::host
+}  // namespace kelvaron

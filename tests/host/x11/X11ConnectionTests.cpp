@@ -1,6 +1,6 @@
 // X11Connection against a real X server.
 
-#include "host/video/X11Connection.hpp"
+#include "host/x11/X11Connection.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/video/X11Connection.hpp"
+#include "host/x11/X11Connection.hpp"
 
 #include <asio/dispatch.hpp>
 #include <cstdlib>

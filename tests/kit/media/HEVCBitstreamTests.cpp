@@ -1,4 +1,4 @@
-#include "host/video/HEVCBitstream.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ extern "C" {
 #include <optional>
 #include <string>
 
-namespace kelvaron::host::hevc {
+namespace kelvaron::hevc {
 namespace {
 
 std::vector<Data> owned(const std::vector<NALUnit>& units) {
@@ -240,4 +240,4 @@ TEST(HEVCBitstream, ReadsTheFormatOfLibx265TenBitOutput) {
 }
 
 }  // namespace
-}  // namespace kelvaron::host::hevc
+}  // namespace kelvaron::hevc

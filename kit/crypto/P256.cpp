@@ -1,4 +1,4 @@
-#include "kit/security/P256.hpp"
+#include "kit/crypto/P256.hpp"
 
 #include <gmp.h>
 #include <gnutls/abstract.h>
@@ -9,7 +9,7 @@
 
 #include <algorithm>
 
-#include "kit/security/GnuTLSDatum.hpp"
+#include "kit/crypto/GnuTLSDatum.hpp"
 
 namespace kelvaron {
 

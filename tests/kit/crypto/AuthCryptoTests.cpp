@@ -1,4 +1,4 @@
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 
 #include <gtest/gtest.h>
 

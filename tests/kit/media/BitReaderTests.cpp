@@ -1,11 +1,11 @@
-#include "host/video/BitReader.hpp"
+#include "kit/media/BitReader.hpp"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <vector>
 
-namespace kelvaron::host::hevc {
+namespace kelvaron::hevc {
 namespace {
 
 TEST(BitReader, ReadsFieldsMostSignificantBitFirstAcrossBytes) {
@@ -48,4 +48,4 @@ TEST(BitReader, TakesTheLongestCodeButNotOneBeyond) {
 }
 
 }  // namespace
-}  // namespace kelvaron::host::hevc
+}  // namespace kelvaron::hevc

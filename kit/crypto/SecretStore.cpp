@@ -1,4 +1,4 @@
-#include "kit/security/SecretStore.hpp"
+#include "kit/crypto/SecretStore.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>

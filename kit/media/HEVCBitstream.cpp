@@ -1,11 +1,11 @@
-#include "host/video/HEVCBitstream.hpp"
+#include "kit/media/HEVCBitstream.hpp"
 
 #include <array>
 
-#include "host/video/BitReader.hpp"
+#include "kit/media/BitReader.hpp"
 #include "kit/wire/WireWriter.hpp"
 
-namespace kelvaron::host::hevc {
+namespace kelvaron::hevc {
 
 namespace {
 
@@ -236,4 +236,4 @@ std::optional<StreamFormat> readStreamFormat(NALUnit sps) {
                       .bitDepthLuma = static_cast<std::uint8_t>(8 + *bitDepthLumaMinus8)};
 }
 
-}  // namespace kelvaron::host::hevc
+}  // namespace kelvaron::hevc

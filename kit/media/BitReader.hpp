@@ -5,7 +5,7 @@
 #include <optional>
 #include <span>
 
-namespace kelvaron::host::hevc {
+namespace kelvaron::hevc {
 
 // Reads the syntax elements of a parameter set (emulation prevention already removed): fixed-width
 // fields most significant bit first, and exp-Golomb codes. A read that would run past the end
@@ -71,4 +71,4 @@ class BitReader {
   std::size_t position_ = 0;
 };
 
-}  // namespace kelvaron::host::hevc
+}  // namespace kelvaron::hevc

@@ -1,4 +1,4 @@
-#include "host/app/XvfbServer.hpp"
+#include "host/x11/XvfbServer.hpp"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "kit/security/DER.hpp"
+#include "kit/crypto/DER.hpp"
 
 #include <cstdio>
 #include <cstring>

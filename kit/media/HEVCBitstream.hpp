@@ -11,7 +11,7 @@
 // What the encoder needs to know of the HEVC bytes an encoder library hands back: where the NAL
 // units are, which are parameter sets and key pictures, how to lay them out for the client, and
 // what format the stream really has. Everything here reads untrusted bytes and is fuzzed.
-namespace kelvaron::host::hevc {
+namespace kelvaron::hevc {
 
 // One NAL unit with its 2-byte header, no start code. It points into the bytes it was split from.
 using NALUnit = std::span<const std::uint8_t>;
@@ -54,4 +54,4 @@ struct StreamFormat {
 // range, an empty picture, a conformance window wider than the picture).
 std::optional<StreamFormat> readStreamFormat(NALUnit sps);
 
-}  // namespace kelvaron::host::hevc
+}  // namespace kelvaron::hevc

@@ -1,4 +1,4 @@
-#include "kit/security/AuthCrypto.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 
 #include <gnutls/crypto.h>
 #include <gnutls/gnutls.h>

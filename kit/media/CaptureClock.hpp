@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace kelvaron::host {
+namespace kelvaron {
 
 // The clock of capture times and encode latency: monotonic, and never slewed by NTP.
 inline std::uint64_t monotonicRawNs() {
@@ -13,4 +13,4 @@ inline std::uint64_t monotonicRawNs() {
   return std::uint64_t(now.tv_sec) * 1000000000u + std::uint64_t(now.tv_nsec);
 }
 
-}  // namespace kelvaron::host
+}  // namespace kelvaron
