@@ -3,6 +3,7 @@
 #include <qrencode.h>
 #include <unistd.h>
 
+#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
@@ -174,8 +175,12 @@ int main(int argc, char** argv) {
 
   asio::io_context io;
   const Executor main = makeStrand(io.get_executor());
+  asio::io_context capture;
+  auto captureWork = asio::make_work_guard(capture);
+  std::thread captureThread([&] { capture.run(); });
   HostComposition composition(
-      main, {options.display, hostName(), options.port, options.advertise, options.confirm});
+      {main, io.get_executor(), capture.get_executor()},
+      {options.display, hostName(), options.port, options.advertise, options.confirm});
   const auto model = AppModel::make(main, composition.dependencies());
   asio::steady_timer timer(main);
   asio::post(main, [&] {
@@ -198,5 +203,8 @@ int main(int argc, char** argv) {
   std::thread second([&] { io.run(); });
   io.run();
   second.join();
+  captureWork.reset();
+  capture.stop();
+  captureThread.join();
   return 0;
 }

@@ -102,6 +102,7 @@ void AppModel::accept(std::shared_ptr<Connection> connection, bool requiresAuth)
     return;
   }
   const UUID token = AuthCrypto::randomUUID();
+  const Executor sessionExecutor = deps_.sessionExecutor.value_or(main_);
   std::shared_ptr<AuthGate> gate;
   if (requiresAuth) {
     auto onAuthenticated = [weak = weak_from_this(), main = main_, token](const UUID& deviceID) {
@@ -109,7 +110,7 @@ void AppModel::accept(std::shared_ptr<Connection> connection, bool requiresAuth)
         if (const auto self = weak.lock()) self->promote(token, deviceID);
       });
     };
-    gate = HostAuthGate::make(main_, connection, security_->service, AuthTimeouts{},
+    gate = HostAuthGate::make(sessionExecutor, connection, security_->service, AuthTimeouts{},
                               std::move(onAuthenticated));
   }
   HostEnvironment env = deps_.environment(encoders_);
@@ -122,7 +123,7 @@ void AppModel::accept(std::shared_ptr<Connection> connection, bool requiresAuth)
       if (const auto self = weak.lock()) self->receiveStatus(status, token);
     });
   };
-  const auto session = HostSession::make(main_, connection, std::move(env), std::move(gate),
+  const auto session = HostSession::make(sessionExecutor, connection, std::move(env), std::move(gate),
                                          std::nullopt, std::move(onStatus));
   candidates_[token] = session;
   if (!requiresAuth) promote(token, std::nullopt);

@@ -51,6 +51,9 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
     std::string hostName;
     std::optional<std::uint16_t> port;  // the listener's first port; any when absent
     std::chrono::duration<double> permissionPollInterval{2.0};
+    // Where each session and its gate make their strands, so that one session's work never
+    // waits for the model's or another's; the main executor when absent.
+    std::optional<Executor> sessionExecutor;
   };
 
   static std::shared_ptr<AppModel> make(const Executor& mainExecutor, Dependencies dependencies);

@@ -11,10 +11,10 @@
 
 namespace kelvaron::host {
 
-HostComposition::HostComposition(const Executor& mainExecutor, Options options)
-    : main_(mainExecutor),
+HostComposition::HostComposition(Executors executors, Options options)
+    : executors_(std::move(executors)),
       options_(std::move(options)),
-      displays_(std::make_shared<RandrDisplayManager>(mainExecutor, options_.displayName)),
+      displays_(std::make_shared<RandrDisplayManager>(executors_.pool, options_.displayName)),
       injector_(std::make_shared<XTestInjector>(options_.displayName)),
       power_(std::make_shared<X11PowerManager>(options_.displayName)) {}
 
@@ -34,7 +34,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   HostEnvironment env;
   env.hostName = options_.hostName;
   env.displays = displays_;
-  env.makeCapture = [executor = main_, name = options_.displayName] {
+  env.makeCapture = [executor = executors_.capture, name = options_.displayName] {
     return X11CaptureSource::make(executor, name);
   };
   env.encoders = std::move(encoders);
@@ -48,7 +48,8 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
 
 AppModel::Dependencies HostComposition::dependencies() const {
   AppModel::Dependencies deps;
-  deps.listenerFactory = [main = main_, name = options_.hostName, advertise = options_.advertise](
+  deps.listenerFactory = [pool = executors_.pool, name = options_.hostName,
+                          advertise = options_.advertise](
                              const HostSecurity& security, std::optional<std::uint16_t> port) {
     Logger("io.dovka.tovu.host", "transport")
         .info("creating QUIC listener, advertising as %s", name.c_str());
@@ -57,10 +58,10 @@ AppModel::Dependencies HostComposition::dependencies() const {
     listenerOptions.hostID = security.service->hostID();
     listenerOptions.port = port.value_or(0);
     listenerOptions.advertise = advertise;
-    auto listener = QUICHostListener::make(main, *security.identity, listenerOptions);
+    auto listener = QUICHostListener::make(pool, *security.identity, listenerOptions);
     return ListenerStart{listener, [listener] { return listener->waitUntilReady(); }};
   };
-  deps.loadSecurity = [main = main_, confirm = options_.confirmOnTerminal](
+  deps.loadSecurity = [main = executors_.main, confirm = options_.confirmOnTerminal](
                           const UUID& hostID, const std::string& hostName) {
     const auto directory = userDataDirectory("tovu-host");
     auto identity = std::make_shared<SelfSignedIdentity>(SelfSignedIdentity::loadOrCreate(
@@ -83,6 +84,7 @@ AppModel::Dependencies HostComposition::dependencies() const {
   deps.settings = std::make_shared<Settings>(Settings::defaultLocation());
   deps.hostName = options_.hostName;
   deps.port = options_.port;
+  deps.sessionExecutor = executors_.pool;
   return deps;
 }
 

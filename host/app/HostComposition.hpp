@@ -25,7 +25,17 @@ class HostComposition {
     bool confirmOnTerminal = false;
   };
 
-  HostComposition(const Executor& mainExecutor, Options options);
+  // Where the host's work runs: the model on the main strand; sessions, gates, connections and
+  // the display list on strands of their own over `pool`; screen capture on `capture`, an
+  // executor of its own, so that converting a picture never holds up input. The encoder has a
+  // thread of its own.
+  struct Executors {
+    Executor main;
+    Executor pool;
+    Executor capture;
+  };
+
+  HostComposition(Executors executors, Options options);
 
   AppModel::Dependencies dependencies() const;
   // A session's environment, before the model adds its own parts.
@@ -35,7 +45,7 @@ class HostComposition {
   static Permissions readPermissions(const std::string& displayName);
 
  private:
-  const Executor main_;
+  const Executors executors_;
   const Options options_;
   const std::shared_ptr<RandrDisplayManager> displays_;
   const std::shared_ptr<XTestInjector> injector_;
