@@ -39,3 +39,11 @@ build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_SANITIZE=ON -DTOVU
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
   run_tests build/sanitize
 
+
+echo "== thread sanitizer: the executor model, the queues and the session"
+cmake -S . -B build/tsan -G Ninja -DTOVU_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_TSAN=ON \
+  -DTOVU_BENCH=OFF >/dev/null
+cmake --build build/tsan --target kit_async_tests kit_transport_tests host_session_tests
+TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan.supp" \
+  ctest --test-dir build/tsan --output-on-failure --timeout 900 -j "$(nproc)" \
+  -R '^(Task|AsyncQueue|InMemoryConnection|HostSession)\.'

@@ -143,8 +143,10 @@ void AppModel::promote(const UUID& token, std::optional<UUID> deviceID) {
     if (sessionDeviceID_ && deviceID && *sessionDeviceID_ != *deviceID) {
       std::string name = "Another device";
       if (const auto device = security_->service->store()->device(*deviceID)) name = device->name;
+      sessionLog_.info("the live session is replaced by %s", name.c_str());
       asio::co_spawn(main_, session_->replaced(name), asio::detached);
     } else {
+      sessionLog_.info("the same device connected again: its old session is closed");
       session_->closeConnection();  // the same device again: it is not told of itself
     }
   }

@@ -4,6 +4,10 @@
 #include <condition_variable>
 #include <mutex>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 #include "kit/log/Logger.hpp"
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
@@ -61,15 +65,23 @@ bool probe(const LibavBackend& backend, CodecProfile profile) {
 
 LibavEncoderFactory::LibavEncoderFactory(std::vector<LibavBackend> backends,
                                          std::vector<CodecProfile> profiles) {
-  Logger log("io.dovka.tovu.host", "encoder");
+  // Devices that are not there (no CUDA, no QSV) are expected here: libavcodec's own complaints
+  // about them would only alarm; what the probe found is said once below.
+  const int logLevel = av_log_get_level();
+  av_log_set_level(AV_LOG_QUIET);
+  std::string found;
   for (CodecProfile profile : profiles) {
     for (const LibavBackend& backend : backends) {
       if (!probe(backend, profile)) continue;
-      log.info("encoder %s produces %s", backend.codecName.c_str(), profileLabel(profile));
+      found += std::string(found.empty() ? "" : ", ") + profileLabel(profile) + " by " +
+               backend.codecName;
       supported_.emplace_back(profile, backend);
       break;
     }
   }
+  av_log_set_level(logLevel);
+  Logger("io.dovka.tovu.host", "encoder")
+      .info("encoders: %s", found.empty() ? "none works" : found.c_str());
 }
 
 std::vector<LibavBackend> LibavEncoderFactory::defaultBackends() {

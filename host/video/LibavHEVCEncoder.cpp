@@ -425,7 +425,7 @@ bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> pack
     return false;
   }
   verified_ = true;
-  log_.info("encoder verified profile %s %ux%u", profileLabel(profile), unsigned(session_->width),
+  log_.debug("encoder verified profile %s %ux%u", profileLabel(profile), unsigned(session_->width),
             unsigned(session_->height));
   return true;
 }

@@ -24,79 +24,79 @@ ClientHandshake::ClientHandshake(std::shared_ptr<Connection> connection,
       clientNonce_(AuthCrypto::randomBytes(AuthCrypto::kNonceSize)) {}
 
 bool ClientHandshake::handle(const Message& message) {
-  const Data publicKey = identity_.privateKey.publicKey();
   if (const auto* challenge = std::get_if<msg::authChallenge>(&message)) {
-    // Read now: TLS may have finished only by the time the challenge comes.
-    const auto fingerprint = hostFingerprint_();
-    if (!fingerprint) {
-      finish(Event::failed("no host fingerprint"));
-      return true;
-    }
-    {
-      std::lock_guard guard(lock_);
-      fingerprintUsed_ = *fingerprint;
-    }
-    Data signature;
-    try {
-      signature = AuthCrypto::signChallenge(challenge->nonce, *fingerprint, identity_.deviceID,
-                                            connection_->tlsExporter(), identity_.privateKey);
-    } catch (const CryptoError&) {
-      finish(Event::failed("signing failed"));
-      return true;
-    }
-    send(msg::authResponse{identity_.deviceID, publicKey, signature});
-    return true;
-  }
-  if (const auto* result = std::get_if<msg::authResult>(&message)) {
-    switch (result->result) {
-      case AuthResult::ok:
-        finish(Event::of(Event::Kind::authenticated));
-        break;
-      case AuthResult::denied:
-        finish(Event::of(Event::Kind::denied));
-        break;
-      case AuthResult::notPaired:
-        if (purpose_.kind == Kind::authenticate) {
-          finish(Event::of(Event::Kind::notPaired));
-        } else if (purpose_.kind == Kind::pairByComparison) {
-          send(msg::pairRequest{PairMethod::compare, deviceName_,
-                                AuthCrypto::commitment(clientNonce_)});
-        } else {
-          Data fingerprint;
-          {
-            std::lock_guard guard(lock_);
-            fingerprint = fingerprintUsed_;
-          }
-          send(msg::pairRequest{PairMethod::token, deviceName_,
-                                AuthCrypto::pairingProof(purpose_.token, fingerprint, publicKey,
-                                                         identity_.deviceID)});
-        }
-        break;
-    }
-    return true;
-  }
-  if (const auto* nonce = std::get_if<msg::pairNonce>(&message)) {
-    if (purpose_.kind != Kind::pairByComparison) {
-      finish(Event::failed("unexpected pairNonce"));
-      return true;
-    }
-    Data fingerprint;
-    {
-      std::lock_guard guard(lock_);
-      fingerprint = fingerprintUsed_;
-    }
-    send(msg::pairReveal{clientNonce_});
-    onEvent_(Event::showCode(
-        AuthCrypto::comparisonCode(fingerprint, publicKey, nonce->nonce, clientNonce_)));
-    return true;
-  }
-  if (const auto* result = std::get_if<msg::pairResult>(&message)) {
+    answerChallenge(*challenge);
+  } else if (const auto* result = std::get_if<msg::authResult>(&message)) {
+    onAuthResult(*result);
+  } else if (const auto* nonce = std::get_if<msg::pairNonce>(&message)) {
+    revealAndShowCode(*nonce);
+  } else if (const auto* paired = std::get_if<msg::pairResult>(&message)) {
     // A paired device is authenticated at once: there is no second challenge.
-    finish(result->result == PairResult::accepted ? Event::of(Event::Kind::authenticated)
-                                                  : Event::pairingFailed(result->result));
-    return true;
+    finish(paired->result == PairResult::accepted ? Event::of(Event::Kind::authenticated)
+                                                  : Event::pairingFailed(paired->result));
+  } else {
+    return false;
   }
-  return false;
+  return true;
+}
+
+void ClientHandshake::answerChallenge(const msg::authChallenge& challenge) {
+  // Read now: TLS may have finished only by the time the challenge comes.
+  const auto fingerprint = hostFingerprint_();
+  if (!fingerprint) return finish(Event::failed("no host fingerprint"));
+  {
+    std::lock_guard guard(lock_);
+    fingerprintUsed_ = *fingerprint;
+  }
+  Data signature;
+  try {
+    signature = AuthCrypto::signChallenge(challenge.nonce, *fingerprint, identity_.deviceID,
+                                          connection_->tlsExporter(), identity_.privateKey);
+  } catch (const CryptoError&) {
+    return finish(Event::failed("signing failed"));
+  }
+  send(msg::authResponse{identity_.deviceID, identity_.privateKey.publicKey(), signature});
+}
+
+void ClientHandshake::onAuthResult(const msg::authResult& result) {
+  switch (result.result) {
+    case AuthResult::ok:
+      return finish(Event::of(Event::Kind::authenticated));
+    case AuthResult::denied:
+      return finish(Event::of(Event::Kind::denied));
+    case AuthResult::notPaired:
+      return startPairing();
+  }
+}
+
+// Not paired: signing in ends here; pairing goes on by the purpose's way.
+void ClientHandshake::startPairing() {
+  switch (purpose_.kind) {
+    case Kind::authenticate:
+      return finish(Event::of(Event::Kind::notPaired));
+    case Kind::pairByComparison:
+      return send(msg::pairRequest{PairMethod::compare, deviceName_,
+                                   AuthCrypto::commitment(clientNonce_)});
+    case Kind::pairWithToken:
+      return send(msg::pairRequest{
+          PairMethod::token, deviceName_,
+          AuthCrypto::pairingProof(purpose_.token, fingerprintUsed(),
+                                   identity_.privateKey.publicKey(), identity_.deviceID)});
+  }
+}
+
+void ClientHandshake::revealAndShowCode(const msg::pairNonce& nonce) {
+  if (purpose_.kind != Kind::pairByComparison) {
+    return finish(Event::failed("unexpected pairNonce"));
+  }
+  send(msg::pairReveal{clientNonce_});
+  onEvent_(Event::showCode(AuthCrypto::comparisonCode(
+      fingerprintUsed(), identity_.privateKey.publicKey(), nonce.nonce, clientNonce_)));
+}
+
+Data ClientHandshake::fingerprintUsed() const {
+  std::lock_guard guard(lock_);
+  return fingerprintUsed_;
 }
 
 void ClientHandshake::finish(const Event& event) {

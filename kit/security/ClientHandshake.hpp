@@ -59,6 +59,12 @@ class ClientHandshake {
                                     std::function<void(const std::string&)> onCode);
 
  private:
+  // One step each of the dialogue, by what the host said.
+  void answerChallenge(const msg::authChallenge& challenge);
+  void onAuthResult(const msg::authResult& result);
+  void startPairing();
+  void revealAndShowCode(const msg::pairNonce& nonce);
+  Data fingerprintUsed() const;
   void finish(const Event& event);
   void send(const Message& message) { connection_->send(message); }
 
@@ -69,7 +75,7 @@ class ClientHandshake {
   std::function<std::optional<Data>()> hostFingerprint_;
   std::function<void(const Event&)> onEvent_;
 
-  std::mutex lock_;
+  mutable std::mutex lock_;
   const Data clientNonce_;
   Data fingerprintUsed_;
   bool finished_ = false;

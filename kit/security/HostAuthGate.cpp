@@ -175,12 +175,14 @@ void HostAuthGate::expire(int generation) {
   phase_ = Phase::closed;
   decision_.cancel();
   attempt_.reset();
+  log_.info("refused a peer: it did not prove or pair in time");
   connection_->close();
 }
 
-void HostAuthGate::fail(const Message& last) {
+void HostAuthGate::fail(const Message& last, const char* why) {
   if (phase_ == Phase::closed) return;
   phase_ = Phase::closed;
+  log_.info("refused a peer: %s", why);
   deadline_.cancel();
   attempt_.reset();  // the slot stays charged at the service
   connection_->send(last);
@@ -200,7 +202,7 @@ void HostAuthGate::onResponse(const msg::authResponse& response) {
   // the host admits even that it does not know it.
   if (!AuthCrypto::verifyChallenge(response.signature, response.publicKey, nonce_,
                                    service_->hostFingerprint(), response.deviceID, exporter)) {
-    fail(msg::authResult{AuthResult::denied});
+    fail(msg::authResult{AuthResult::denied}, "its signature does not prove the key it showed");
     return;
   }
   const auto known = service_->store()->device(response.deviceID);
@@ -208,12 +210,13 @@ void HostAuthGate::onResponse(const msg::authResponse& response) {
     deviceID_ = response.deviceID;
     publicKey_ = response.publicKey;
     phase_ = Phase::pairingOnly;
+    log_.info("an unknown device may pair now");
     connection_->send(msg::authResult{AuthResult::notPaired});
     armDeadline(timeouts_.pairing);
     return;
   }
   if (known->publicKey != response.publicKey) {
-    fail(msg::authResult{AuthResult::denied});
+    fail(msg::authResult{AuthResult::denied}, "a paired device's ID with another key");
     return;
   }
   publicKey_ = response.publicKey;
@@ -224,18 +227,18 @@ void HostAuthGate::onResponse(const msg::authResponse& response) {
 void HostAuthGate::onPairRequest(const msg::pairRequest& request) {
   phase_ = Phase::processing;
   if (!deviceID_ || !publicKey_) {
-    fail(msg::pairResult{PairResult::failed});
+    fail(msg::pairResult{PairResult::failed}, "it asked to pair without a key");
     return;
   }
   attempt_ = service_->beginAttempt();
   if (!attempt_) {
-    fail(msg::pairResult{PairResult::rateLimited});
+    fail(msg::pairResult{PairResult::rateLimited}, "too many pairing attempts of late");
     return;
   }
   deviceName_ = cleanDeviceName(request.deviceName);
   if (request.method == PairMethod::compare) {
     if (request.proof.size() != AuthCrypto::kNonceSize) {
-      fail(msg::pairResult{PairResult::failed});
+      fail(msg::pairResult{PairResult::failed}, "its commitment has the wrong size");
       return;
     }
     commitment_ = request.proof;
@@ -249,10 +252,10 @@ void HostAuthGate::onPairRequest(const msg::pairRequest& request) {
       finishPairing();
       return;
     case HostPairingService::Redemption::invalid:
-      fail(msg::pairResult{PairResult::invalidToken});
+      fail(msg::pairResult{PairResult::invalidToken}, "its pairing token is not the host's");
       return;
     case HostPairingService::Redemption::expired:
-      fail(msg::pairResult{PairResult::expiredToken});
+      fail(msg::pairResult{PairResult::expiredToken}, "its pairing token has expired");
       return;
   }
 }
@@ -260,7 +263,7 @@ void HostAuthGate::onPairRequest(const msg::pairRequest& request) {
 void HostAuthGate::onReveal(const msg::pairReveal& reveal) {
   if (!publicKey_ ||
       !AuthCrypto::constantTimeEqual(AuthCrypto::commitment(reveal.reveal), commitment_)) {
-    fail(msg::pairResult{PairResult::failed});
+    fail(msg::pairResult{PairResult::failed}, "what it revealed does not match its commitment");
     return;
   }
   const std::string code = AuthCrypto::comparisonCode(service_->hostFingerprint(), *publicKey_,
@@ -287,7 +290,7 @@ asio::awaitable<void> HostAuthGate::decide(const std::string& code) {
   if (accepted) {
     finishPairing();
   } else {
-    fail(msg::pairResult{PairResult::denied});
+    fail(msg::pairResult{PairResult::denied}, "the code was not confirmed at the host");
   }
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "kit/async/Task.hpp"
+#include "kit/log/Logger.hpp"
 #include "kit/security/AuthGate.hpp"
 #include "kit/security/HostPairingService.hpp"
 #include "kit/transport/Connection.hpp"
@@ -64,7 +65,8 @@ class HostAuthGate final : public AuthGate, public std::enable_shared_from_this<
   static asio::awaitable<void> deadline(std::weak_ptr<HostAuthGate> weak, Sleeper sleep,
                                         std::chrono::duration<double> delay, int generation);
   void expire(int generation);
-  void fail(const Message& last);
+  // Ends the dialogue with `last`; `why` goes to the host's log, never to the peer.
+  void fail(const Message& last, const char* why);
   void onResponse(const msg::authResponse& response);
   void onPairRequest(const msg::pairRequest& request);
   void onReveal(const msg::pairReveal& reveal);
@@ -94,6 +96,7 @@ class HostAuthGate final : public AuthGate, public std::enable_shared_from_this<
   mutable std::mutex authenticatedLock_;  // the session reads these from its own executor
   std::optional<UUID> authenticatedDeviceID_;
   std::optional<Data> authenticatedPublicKey_;
+  Logger log_{"io.dovka.tovu.host", "session"};
 };
 
 // A device name as it is stored: trimmed, at most 64 characters, "Unknown device" when empty.

@@ -115,6 +115,19 @@ ngtcp2_connection_close_error applicationClose(std::uint64_t code, const std::st
   return error;
 }
 
+// A peer's close without a reason, in words: a TLS alert by its name (a client that does not
+// trust the certificate it was shown says "Bad certificate"), else the code.
+std::string describeCloseError(const ngtcp2_connection_close_error& error) {
+  const bool transport = error.type == NGTCP2_CONNECTION_CLOSE_ERROR_CODE_TYPE_TRANSPORT;
+  if (transport && error.error_code >= NGTCP2_CRYPTO_ERROR && error.error_code <= 0x1ff) {
+    const auto alert = static_cast<gnutls_alert_description_t>(error.error_code & 0xff);
+    const char* name = gnutls_alert_get_name(alert);
+    return std::string("TLS alert ") + (name ? name : std::to_string(int(alert)).c_str());
+  }
+  return (transport ? "transport error " : "application error ") +
+         std::to_string(error.error_code);
+}
+
 }  // namespace
 
 struct QUICConnection::Stream {
@@ -759,23 +772,7 @@ void QUICConnection::settleSent(StreamKind kind, const std::vector<std::size_t>&
   std::vector<std::shared_ptr<Wakeup>> waiters;
   {
     std::lock_guard guard(lock_);
-    for (const std::size_t size : sizes) {
-      switch (kind) {
-        case StreamKind::video:
-          --videoFramesInFlight_;
-          videoBytesInFlight_ -= size;
-          break;
-        case StreamKind::audio:
-          --audioPacketsInFlight_;
-          audioBytesInFlight_ -= size;
-          break;
-        case StreamKind::transfer:
-          transferBytesInFlight_ -= size;
-          break;
-        default:
-          break;
-      }
-    }
+    for (const std::size_t size : sizes) budget_.sent(kind, size);
     if (kind == StreamKind::transfer) waiters.swap(transferWaiters_);
   }
   for (const auto& waiter : waiters) Wakeup::wake(waiter);
@@ -820,13 +817,12 @@ void QUICConnection::armTimer() {
 
 // ---- Sending, from any thread ----
 
-template <class Admit>
-QUICConnection::Enqueued QUICConnection::enqueue(StreamKind kind, Data& bytes, Admit admit,
+QUICConnection::Enqueued QUICConnection::enqueue(StreamKind kind, Data& bytes,
                                                  const std::shared_ptr<Wakeup>& waiter) {
   {
     std::lock_guard guard(lock_);
     if (!isReady_ || isFinished_ || !streamPresent_[index(kind)]) return Enqueued::closed;
-    if (!admit(bytes.size())) {
+    if (!budget_.admit(kind, bytes.size())) {
       if (waiter) transferWaiters_.push_back(waiter);
       return Enqueued::refused;
     }
@@ -838,35 +834,17 @@ QUICConnection::Enqueued QUICConnection::enqueue(StreamKind kind, Data& bytes, A
 
 void QUICConnection::send(const Message& message) {
   Data bytes = WireCodec::encodeMessage(message);
-  enqueue(streamKindOf(message), bytes, [](std::size_t) { return true; });
+  enqueue(streamKindOf(message), bytes);
 }
 
-// The limits look at what is in flight before this frame, so one frame larger than the byte
-// limit still goes out when nothing else is in flight.
 bool QUICConnection::sendVideo(const VideoFrame& frame) {
   Data bytes = WireCodec::encodeVideoFrame(frame);
-  return enqueue(StreamKind::video, bytes, [this](std::size_t size) {
-           if (videoFramesInFlight_ >= configuration_.maxVideoFramesInFlight ||
-               videoBytesInFlight_ >= configuration_.maxVideoBytesInFlight) {
-             return false;
-           }
-           ++videoFramesInFlight_;
-           videoBytesInFlight_ += size;
-           return true;
-         }) == Enqueued::taken;
+  return enqueue(StreamKind::video, bytes) == Enqueued::taken;
 }
 
 bool QUICConnection::sendAudio(const AudioPacket& packet) {
   Data bytes = WireCodec::encodeAudioPacket(packet);
-  return enqueue(StreamKind::audio, bytes, [this](std::size_t size) {
-           if (audioPacketsInFlight_ >= configuration_.maxAudioPacketsInFlight ||
-               audioBytesInFlight_ >= kMaxAudioBytesInFlight) {
-             return false;
-           }
-           ++audioPacketsInFlight_;
-           audioBytesInFlight_ += size;
-           return true;
-         }) == Enqueued::taken;
+  return enqueue(StreamKind::audio, bytes) == Enqueued::taken;
 }
 
 asio::awaitable<bool> QUICConnection::sendTransfer(const Message& message) {
@@ -875,24 +853,13 @@ asio::awaitable<bool> QUICConnection::sendTransfer(const Message& message) {
   return admitTransfer(std::move(self), std::move(bytes));
 }
 
-// An idle budget admits a message of any size; otherwise it must fit. A refused sender waits for
-// the next transfer bytes to go out and tries again.
+// A refused sender waits for the next transfer bytes to go out and tries again.
 asio::awaitable<bool> QUICConnection::admitTransfer(std::shared_ptr<QUICConnection> self,
                                                     Data bytes) {
   const auto executor = co_await asio::this_coro::executor;
   for (;;) {
     const auto wakeup = std::make_shared<Wakeup>(executor);
-    const Enqueued result = self->enqueue(
-        StreamKind::transfer, bytes,
-        [&self](std::size_t size) {
-          auto& inFlight = self->transferBytesInFlight_;
-          if (inFlight != 0 && inFlight + size > self->configuration_.maxTransferBytesInFlight) {
-            return false;
-          }
-          inFlight += size;
-          return true;
-        },
-        wakeup);
+    const Enqueued result = self->enqueue(StreamKind::transfer, bytes, wakeup);
     if (result != Enqueued::refused) co_return result == Enqueued::taken;
     co_await wakeup->wait();
     if (co_await isCancelled()) co_return false;
@@ -1041,7 +1008,7 @@ ConnectionState QUICConnection::peerClosedState() const {
                         error.type == NGTCP2_CONNECTION_CLOSE_ERROR_CODE_TYPE_APPLICATION);
   if (noError) return ConnectionState::closed();
   std::string reason(reinterpret_cast<const char*>(error.reason), error.reasonlen);
-  if (reason.empty()) reason = "error " + std::to_string(error.error_code);
+  if (reason.empty()) reason = describeCloseError(error);
   return ConnectionState::failed("closed by peer: " + reason);
 }
 

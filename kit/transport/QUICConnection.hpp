@@ -14,6 +14,7 @@
 #include "kit/async/Wakeup.hpp"
 #include "kit/log/Logger.hpp"
 #include "kit/transport/Connection.hpp"
+#include "kit/transport/InFlightBudget.hpp"
 #include "kit/transport/QUICConfiguration.hpp"
 #include "kit/transport/QUICHostPort.hpp"
 #include "kit/transport/QUICTLS.hpp"
@@ -137,9 +138,7 @@ class QUICConnection final : public Connection,
   bool isFinished() const;
   bool readyOrWait(const std::shared_ptr<Wakeup>& waiter);
   void scheduleWrite();
-  template <class Admit>
-  Enqueued enqueue(StreamKind kind, Data& bytes, Admit admit,
-                   const std::shared_ptr<Wakeup>& waiter = nullptr);
+  Enqueued enqueue(StreamKind kind, Data& bytes, const std::shared_ptr<Wakeup>& waiter = nullptr);
   static asio::awaitable<bool> admitTransfer(std::shared_ptr<QUICConnection> self, Data bytes);
   void finish(ConnectionState target);
 
@@ -176,11 +175,7 @@ class QUICConnection final : public Connection,
   bool writeScheduled_ = false;
   bool isReady_ = false;
   bool isFinished_ = false;
-  int videoFramesInFlight_ = 0;
-  std::size_t videoBytesInFlight_ = 0;
-  int audioPacketsInFlight_ = 0;
-  std::size_t audioBytesInFlight_ = 0;
-  std::size_t transferBytesInFlight_ = 0;
+  InFlightBudget budget_{configuration_};
   std::vector<std::shared_ptr<Wakeup>> transferWaiters_;
   std::vector<std::shared_ptr<Wakeup>> readyWaiters_;
   std::string failure_;
