@@ -53,6 +53,7 @@ class QUICHostListener final : public HostListener,
   QUICHostListener(Options options, Data fingerprint, std::shared_ptr<TLSCredentials> credentials,
                    std::shared_ptr<QUICHostPort> port);
   void accept(std::span<const std::uint8_t> datagram, const UDPSocket::Endpoint& from);
+  void fail(std::error_code error);
   static asio::awaitable<void> handOverWhenReady(std::weak_ptr<QUICHostListener> listener,
                                                  std::shared_ptr<QUICConnection> connection);
 
