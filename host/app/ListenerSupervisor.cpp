@@ -82,7 +82,7 @@ asio::awaitable<void> ListenerSupervisor::run(std::weak_ptr<ListenerSupervisor> 
         start.listener->stop();
         co_return;
       }
-      self->listening(port);
+      self->listening(port, start.discoveryProblem);
       attempts = 0;
       self.reset();
       while (auto connection = co_await start.listener->connections().next()) {
@@ -108,11 +108,18 @@ ListenerStart ListenerSupervisor::startListener() {
   return start;
 }
 
-void ListenerSupervisor::listening(std::uint16_t port) {
+void ListenerSupervisor::listening(std::uint16_t port,
+                                   const std::optional<std::string>& discoveryProblem) {
   lastPort_ = port;
   failuresOnPort_ = 0;
+  discoveryProblem_ = discoveryProblem;
   setState(ListenerState::advertising(port));
-  log_.info("listener advertising on UDP %hu", port);
+  // Only a listener that is announced is said to advertise.
+  if (discoveryProblem) {
+    log_.info("listener up on UDP %hu, not announced on the local network", port);
+  } else {
+    log_.info("listener advertising on UDP %hu", port);
+  }
 }
 
 double ListenerSupervisor::fail(const std::string& reason, int& attempts) {

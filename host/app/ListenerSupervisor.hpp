@@ -41,6 +41,9 @@ struct BackoffPolicy {
 struct ListenerStart {
   std::shared_ptr<HostListener> listener;
   std::function<asio::awaitable<std::uint16_t>()> ready;
+  // Why it is not announced on the local network although it was asked to be, in words for a
+  // person; nothing otherwise.
+  std::optional<std::string> discoveryProblem;
 };
 
 // A port the supervisor stopped asking for, and the failure that made it.
@@ -80,6 +83,8 @@ class ListenerSupervisor : public std::enable_shared_from_this<ListenerSuperviso
   }
   // The last port given up for any port, so that a listener elsewhere can say why.
   const std::optional<AbandonedPort>& abandonedPort() const { return abandonedPort_; }
+  // That of the listener that came up last.
+  const std::optional<std::string>& discoveryProblem() const { return discoveryProblem_; }
   // Told the port when advertising, and nothing when it is gone.
   void setOnPortChange(std::function<void(std::optional<std::uint16_t>)> handler) {
     onPortChange_ = std::move(handler);
@@ -94,7 +99,7 @@ class ListenerSupervisor : public std::enable_shared_from_this<ListenerSuperviso
       const std::weak_ptr<ListenerSupervisor>& weak, int generation);
   static asio::awaitable<void> run(std::weak_ptr<ListenerSupervisor> weak, int generation);
   ListenerStart startListener();
-  void listening(std::uint16_t port);
+  void listening(std::uint16_t port, const std::optional<std::string>& discoveryProblem);
   double fail(const std::string& reason, int& attempts);
   void setState(ListenerState state);
 
@@ -111,6 +116,7 @@ class ListenerSupervisor : public std::enable_shared_from_this<ListenerSuperviso
   int failuresOnPort_ = 0;
   std::vector<std::optional<std::uint16_t>> requestedPorts_;
   std::optional<AbandonedPort> abandonedPort_;
+  std::optional<std::string> discoveryProblem_;
   std::function<void(std::optional<std::uint16_t>)> onPortChange_;
   Logger log_{"io.dovka.tovu.transport", "listener"};
 };

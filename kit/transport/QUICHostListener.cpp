@@ -38,12 +38,14 @@ std::shared_ptr<QUICHostListener> QUICHostListener::make(const Executor& executo
         if (auto self = weak.lock()) self->fail(error);
       });
   if (listener->options_.advertise) {
+    // A daemon that is not there now still gets the service when it comes.
+    listener->discoveryProblem_ = DNSSDAdvertiser::daemonProblem();
     listener->advertiser_ =
         std::make_unique<DNSSDAdvertiser>(makeStrand(executor), listener->options_.hostName,
                                           listener->boundPort_, listener->options_.hostID);
   }
   listener->log_.info("listener ready port=%hu advertise=%d", listener->boundPort_,
-                      listener->options_.advertise);
+                      listener->advertising());
   return listener;
 }
 
