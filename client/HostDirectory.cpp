@@ -33,12 +33,31 @@ std::optional<QUICConnection::Endpoint> parseEndpoint(std::string_view text) {
   return QUICConnection::Endpoint(address, port);
 }
 
+HostDirectory HostDirectory::suggesting(const std::optional<std::string>& address) const {
+  HostDirectory directory = *this;
+  directory.suggested_ = address ? parseEndpoint(*address) : std::nullopt;
+  return directory;
+}
+
 asio::awaitable<std::shared_ptr<Connection>> HostDirectory::dial(const Filter& wanted,
                                                                  const ServerTrust& trust) const {
   const auto executor = co_await asio::this_coro::executor;
   if (address_) {
     auto connection = co_await QUICConnection::connect(executor, *address_, trust);
     co_return connection;
+  }
+  // Where the host said it was may be stale (another network, another port): then it is looked
+  // for, with the same trust.
+  std::string notThere;
+  if (suggested_) {
+    try {
+      auto connection = co_await QUICConnection::connect(executor, *suggested_, trust);
+      co_return connection;
+    } catch (const QUICError& error) {
+      const auto& at = *suggested_;
+      notThere = "not at " + at.address().to_string() + " port " + std::to_string(at.port()) +
+                 " (" + error.what() + "), and ";
+    }
   }
   const auto browser = QUICHostBrowser::start(executor);
   const auto deadline = Clock::now() + std::chrono::seconds(10);
@@ -52,8 +71,8 @@ asio::awaitable<std::shared_ptr<Connection>> HostDirectory::dial(const Filter& w
     co_return connection;
   }
   browser->stop();
-  throw FlowError(
-      "no such host on the local network (is avahi-daemon running? else use --address)");
+  throw FlowError("the host is " + notThere +
+                  "not on the local network (is avahi-daemon running? else use --address)");
 }
 
 asio::awaitable<void> listNearbyHosts(const ClientDevice& device,

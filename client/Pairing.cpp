@@ -33,7 +33,8 @@ asio::awaitable<void> pairByLink(ClientDevice& device, const HostDirectory& dire
     return h.hostID == hostID;
   };
   const ServerTrust trust = ServerTrust::pinned(link.fingerprint);
-  const auto connection = co_await directory.dial(wanted, trust);
+  const HostDirectory linked = directory.suggesting(link.address);
+  const auto connection = co_await linked.dial(wanted, trust);
   const auto purpose = ClientHandshake::Purpose::pairWithToken(link.token);
   const std::function<void(const std::string&)> noCode;
   co_await device.signIn(connection, purpose, std::chrono::seconds(30), noCode, "pairing failed");

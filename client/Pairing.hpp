@@ -10,8 +10,9 @@
 
 namespace kelvaron::client {
 
-// Pairing by the link a host printed: the host it names, trusted only with the certificate it
-// names, lets this device in for the link's token. The host is then kept among the paired ones,
+// Pairing by the link a host printed: the host it names (at the address it carries, unless the
+// directory has one, else on the local network), trusted only with the certificate it names, lets
+// this device in for the link's token. The host is then kept among the paired ones,
 // and `out` says so. Throws FlowError when the host does not pair.
 asio::awaitable<void> pairByLink(ClientDevice& device, const HostDirectory& directory,
                                  const PairingURL& link, std::ostream& out);

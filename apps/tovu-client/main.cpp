@@ -32,7 +32,8 @@ constexpr const char* kUsage = R"(Usage:
   tovu-client hosts
       list the paired hosts
 
-Without --address the host is found on the local network.
+Without --address the host is found on the local network, after the address its pairing link
+carries, if any.
 
 The client's identity and paired hosts live in $XDG_DATA_HOME/tovu-client/.
 )";

@@ -1,16 +1,20 @@
 // tovu-host: lets a paired iPhone or iPad see and drive this computer's X display.
 
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <qrencode.h>
 #include <unistd.h>
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <asio/ip/udp.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -104,14 +108,67 @@ void printQRCode(const std::string& text) {
   QRcode_free(code);
 }
 
+// "HOST:PORT" of this machine for another one on its network: the first IPv4 address of an
+// interface that is up, else its first IPv6 address that is not link-local (which would need the
+// interface's name). Nothing on a machine with loopback alone.
+std::optional<std::string> dialableAddress(std::uint16_t port) {
+  ifaddrs* all = nullptr;
+  if (::getifaddrs(&all) != 0) return std::nullopt;
+  std::optional<asio::ip::address> v4, v6;
+  for (const ifaddrs* entry = all; entry; entry = entry->ifa_next) {
+    const unsigned flags = entry->ifa_flags;
+    if (!entry->ifa_addr || !(flags & IFF_UP) || !(flags & IFF_RUNNING) || (flags & IFF_LOOPBACK)) {
+      continue;
+    }
+    if (entry->ifa_addr->sa_family == AF_INET && !v4) {
+      const auto* address = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+      v4 = asio::ip::make_address_v4(ntohl(address->sin_addr.s_addr));
+    } else if (entry->ifa_addr->sa_family == AF_INET6 && !v6) {
+      asio::ip::address_v6::bytes_type bytes;
+      std::memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr)->sin6_addr,
+                  bytes.size());
+      if (const asio::ip::address_v6 address(bytes); !address.is_link_local()) v6 = address;
+    }
+  }
+  ::freeifaddrs(all);
+  const auto chosen = v4 ? v4 : v6;
+  if (!chosen) return std::nullopt;
+  std::ostringstream text;
+  text << asio::ip::udp::endpoint(*chosen, port);  // IPv6 in brackets
+  return text.str();
+}
+
 // What the terminal has been told.
 struct Shown {
   std::optional<ListenerState> listener;
-  std::optional<std::size_t> linkAtPaired;  // how many devices were paired when it was shown
+  // How many devices were paired, and where the host was, when the link was shown.
+  std::optional<std::pair<std::size_t, std::optional<std::string>>> link;
+  bool discoveryOff = false;
   bool error = false;
 };
 
-// Tells the person at the terminal what they need: where the host listens, and how to pair.
+// Where the host listens, and why not where it was asked to.
+void showListening(const ListenerSupervisor& supervisor) {
+  const std::uint16_t port = supervisor.state().port;
+  std::cout << "tovu-host: listening on UDP port " << port;
+  if (const auto& abandoned = supervisor.abandonedPort(); abandoned && abandoned->port != port) {
+    std::cout << " (port " << abandoned->port << " could not be used: " << abandoned->reason << ")";
+  }
+  std::cout << std::endl;
+}
+
+// A link for the next device, with where the host can be dialled, and its QR code.
+void showPairingLink(HostPairingService& service, std::optional<std::string> address) {
+  PairingURL link = service.pairingURL(service.issueToken());
+  link.address = std::move(address);
+  const std::string url = link.url();
+  std::cout << "\nPair a device within five minutes with this link:\n" << url << "\n\n";
+  printQRCode(url);
+  std::cout << std::endl;
+}
+
+// Tells the person at the terminal what they need: where the host listens, whether it can be
+// found on the network, and how to pair.
 void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair, Shown shown) {
   timer.expires_after(std::chrono::milliseconds(200));
   timer.async_wait([&timer, model, pair, shown](const asio::error_code& failure) mutable {
@@ -119,20 +176,21 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
     const auto* supervisor = model->supervisor();
     const bool listening =
         supervisor && supervisor->state().kind == ListenerState::Kind::advertising;
-    if (listening && supervisor->state() != shown.listener) {
-      std::cout << "tovu-host: listening on UDP port " << supervisor->state().port << std::endl;
-    }
+    if (listening && supervisor->state() != shown.listener) showListening(*supervisor);
     if (supervisor) shown.listener = supervisor->state();
-    // One link at a time, and a fresh one once it has served, for the next device.
+    if (listening && supervisor->discoveryProblem() && !shown.discoveryOff) {
+      std::cout << "tovu-host: Discovery on the local network is off: "
+                << *supervisor->discoveryProblem() << std::endl;
+      shown.discoveryOff = true;
+    }
+    // One link at a time, and a fresh one once it has served or the host has moved.
     if (pair && listening) {
       const auto& service = model->security()->service;
-      const std::size_t paired = service->store()->all().size();
-      if (shown.linkAtPaired != paired) {
-        const std::string url = service->pairingURL(service->issueToken()).url();
-        std::cout << "\nPair a device within five minutes with this link:\n" << url << "\n\n";
-        printQRCode(url);
-        std::cout << std::endl;
-        shown.linkAtPaired = paired;
+      const auto current =
+          std::pair(service->store()->all().size(), dialableAddress(supervisor->state().port));
+      if (shown.link != current) {
+        showPairingLink(*service, current.second);
+        shown.link = current;
       }
     }
     if (model->securityError() && !shown.error) {

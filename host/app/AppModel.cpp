@@ -69,6 +69,7 @@ void AppModel::start() {
 void AppModel::stop() {
   for (const Task& task : tasks_) task.cancel();
   tasks_.clear();
+  if (pathWatch_) pathWatch_->stop();
   if (supervisor_) supervisor_->stop();
   for (const auto& [token, candidate] : candidates_) candidate->closeConnection();
 }
@@ -82,17 +83,28 @@ void AppModel::startHost() {
     changed();
     return;
   }
-  auto factory = [security = *security_, build = deps_.listenerFactory,
-                  firstPort = deps_.port](std::optional<std::uint16_t> port) {
-    return build(security, port ? port : firstPort);
-  };
+  auto factory = [security = *security_, build = deps_.listenerFactory](
+                     std::optional<std::uint16_t> port) { return build(security, port); };
   auto onConnection = [weak = weak_from_this()](std::shared_ptr<Connection> connection) {
     if (const auto self = weak.lock()) self->accept(std::move(connection), true);
   };
   supervisor_ = ListenerSupervisor::make(main_, std::move(factory), std::move(onConnection),
-                                         sleepFor, BackoffPolicy{1, 2, 30});
+                                         sleepFor, BackoffPolicy{1, 2, 30}, deps_.port);
   supervisor_->restart();
+  watchNetwork();
   changed();
+}
+
+// An advertised service does not survive a change of the network under it: the listener starts
+// anew when the machine comes online or its interfaces change.
+void AppModel::watchNetwork() {
+  try {
+    pathWatch_ = NetworkPathWatch::start(main_, [weak = std::weak_ptr(supervisor_)] {
+      if (const auto supervisor = weak.lock()) supervisor->restart();
+    });
+  } catch (const std::system_error& failure) {
+    transportLog_.error("cannot watch the network: %s", failure.what());
+  }
 }
 
 void AppModel::accept(std::shared_ptr<Connection> connection, bool requiresAuth) {

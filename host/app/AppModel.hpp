@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/app/ListenerSupervisor.hpp"
+#include "host/app/NetworkPathWatch.hpp"
 #include "host/app/Settings.hpp"
 #include "host/session/HostSession.hpp"
 #include "host/session/PowerManaging.hpp"
@@ -49,7 +50,8 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
     std::shared_ptr<PowerManaging> power;
     std::shared_ptr<Settings> settings;
     std::string hostName;
-    std::optional<std::uint16_t> port;  // the listener's first port; any when absent
+    std::optional<std::uint16_t> port;  // the listener's first port, kept as any port that
+                                        // worked; any when absent
     std::chrono::duration<double> permissionPollInterval{2.0};
     // Where each session and its gate make their strands, so that one session's work never
     // waits for the model's or another's; the main executor when absent.
@@ -84,6 +86,7 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
   AppModel(const Executor& mainExecutor, Dependencies dependencies);
 
   void startHost();
+  void watchNetwork();
   void accept(std::shared_ptr<Connection> connection, bool requiresAuth);
   void promote(const UUID& token, std::optional<UUID> deviceID);
   void receiveStatus(const SessionStatus& status, const UUID& token);
@@ -98,6 +101,7 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
   std::optional<std::string> securityError_;
   std::optional<HostSecurity> security_;
   std::shared_ptr<ListenerSupervisor> supervisor_;
+  std::unique_ptr<NetworkPathWatch> pathWatch_;
   bool keepDisplayAwake_ = true;
   std::shared_ptr<EncoderFactory> encoders_;
   std::shared_ptr<HostSession> session_;

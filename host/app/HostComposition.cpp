@@ -51,15 +51,19 @@ AppModel::Dependencies HostComposition::dependencies() const {
   deps.listenerFactory = [pool = executors_.pool, name = options_.hostName,
                           advertise = options_.advertise](
                              const HostSecurity& security, std::optional<std::uint16_t> port) {
-    Logger("io.dovka.tovu.host", "transport")
-        .info("creating QUIC listener, advertising as %s", name.c_str());
     QUICHostListener::Options listenerOptions;
     listenerOptions.hostName = name;
     listenerOptions.hostID = security.service->hostID();
     listenerOptions.port = port.value_or(0);
     listenerOptions.advertise = advertise;
     auto listener = QUICHostListener::make(pool, *security.identity, listenerOptions);
-    return ListenerStart{listener, [listener] { return listener->waitUntilReady(); }};
+    // Said once the listener knows whether avahi-daemon answers: a claim, not a wish.
+    if (listener->advertising()) {
+      Logger("io.dovka.tovu.host", "transport")
+          .info("creating QUIC listener, advertising as %s", name.c_str());
+    }
+    return ListenerStart{listener, [listener] { return listener->waitUntilReady(); },
+                         listener->discoveryProblem()};
   };
   deps.loadSecurity = [main = executors_.main, confirm = options_.confirmOnTerminal](
                           const UUID& hostID, const std::string& hostName) {

@@ -12,20 +12,25 @@ double BackoffPolicy::delay(int retry) const {
 std::shared_ptr<ListenerSupervisor> ListenerSupervisor::make(
     const Executor& mainExecutor, Factory factory,
     std::function<void(std::shared_ptr<Connection>)> onConnection, Sleeper sleep,
-    BackoffPolicy backoff) {
-  return std::shared_ptr<ListenerSupervisor>(new ListenerSupervisor(
-      mainExecutor, std::move(factory), std::move(onConnection), std::move(sleep), backoff));
+    BackoffPolicy backoff, std::optional<std::uint16_t> firstPort) {
+  return std::shared_ptr<ListenerSupervisor>(
+      new ListenerSupervisor(mainExecutor, std::move(factory), std::move(onConnection),
+                             std::move(sleep), backoff, firstPort));
 }
 
 ListenerSupervisor::ListenerSupervisor(
     const Executor& executor, Factory factory,
     std::function<void(std::shared_ptr<Connection>)> onConnection, Sleeper sleep,
-    BackoffPolicy backoff)
+    BackoffPolicy backoff, std::optional<std::uint16_t> firstPort)
     : executor_(executor),
       factory_(std::move(factory)),
       onConnection_(std::move(onConnection)),
       sleep_(std::move(sleep)),
-      backoff_(backoff) {}
+      backoff_(backoff),
+      lastPort_(firstPort) {}
+
+// The loop holds the supervisor weakly; stopping the listener lets it find out that it is gone.
+ListenerSupervisor::~ListenerSupervisor() { stop(); }
 
 void ListenerSupervisor::stop() {
   task_.cancel();
@@ -50,42 +55,70 @@ void ListenerSupervisor::setState(ListenerState state) {
   }
 }
 
-// A stale loop (an older generation, or a cancelled task) finds out wherever it resumes and ends.
+// The supervisor of generation `generation`, or nothing once it is gone, the task is cancelled or
+// a restart has made this loop stale.
+asio::awaitable<std::shared_ptr<ListenerSupervisor>> ListenerSupervisor::current(
+    const std::weak_ptr<ListenerSupervisor>& weak, int generation) {
+  auto self = weak.lock();
+  if (!self || co_await isCancelled() || self->generation_ != generation) co_return nullptr;
+  co_return self;
+}
+
+// Like every background loop, it holds the supervisor only between its suspensions, and finds out
+// wherever it resumes whether it is still wanted.
 asio::awaitable<void> ListenerSupervisor::run(std::weak_ptr<ListenerSupervisor> weak,
                                               int generation) {
   int attempts = 0;
   for (;;) {
-    auto self = weak.lock();
-    if (!self || co_await isCancelled() || self->generation_ != generation) co_return;
+    auto self = co_await current(weak, generation);
+    if (!self) co_return;
     std::string failure;
     try {
-      const auto port = self->lastPort_;
-      self->requestedPorts_.push_back(port);
-      const ListenerStart start = self->factory_(port);
-      self->current_ = start;
-      const std::uint16_t ready = co_await start.ready();
-      if (self->generation_ != generation) {
+      const ListenerStart start = self->startListener();
+      self.reset();
+      const std::uint16_t port = co_await start.ready();
+      self = co_await current(weak, generation);
+      if (!self) {
         start.listener->stop();
         co_return;
       }
-      self->lastPort_ = ready;
-      self->failuresOnPort_ = 0;
+      self->listening(port, start.discoveryProblem);
       attempts = 0;
-      self->setState(ListenerState::advertising(ready));
-      self->log_.info("listener advertising on UDP %hu", ready);
+      self.reset();
       while (auto connection = co_await start.listener->connections().next()) {
-        self->onConnection_(std::move(*connection));
+        if (const auto owner = weak.lock()) owner->onConnection_(std::move(*connection));
       }
-      if (self->generation_ != generation || co_await isCancelled()) co_return;
       throw ListenerStoppedUnexpectedly();
     } catch (const std::exception& error) {
       failure = error.what();
     }
-    if (self->generation_ != generation || co_await isCancelled()) co_return;
+    self = co_await current(weak, generation);
+    if (!self) co_return;
     const std::chrono::duration<double> delay{self->fail(failure, attempts)};
     const Sleeper sleep = self->sleep_;
-    self.reset();  // held weakly while it waits
+    self.reset();
     co_await sleep(delay);
+  }
+}
+
+ListenerStart ListenerSupervisor::startListener() {
+  requestedPorts_.push_back(lastPort_);
+  ListenerStart start = factory_(lastPort_);
+  current_ = start;
+  return start;
+}
+
+void ListenerSupervisor::listening(std::uint16_t port,
+                                   const std::optional<std::string>& discoveryProblem) {
+  lastPort_ = port;
+  failuresOnPort_ = 0;
+  discoveryProblem_ = discoveryProblem;
+  setState(ListenerState::advertising(port));
+  // Only a listener that is announced is said to advertise.
+  if (discoveryProblem) {
+    log_.info("listener up on UDP %hu, not announced on the local network", port);
+  } else {
+    log_.info("listener advertising on UDP %hu", port);
   }
 }
 
@@ -94,6 +127,7 @@ double ListenerSupervisor::fail(const std::string& reason, int& attempts) {
   current_.reset();
   // A port is tried twice, then given up for any port.
   if (lastPort_ && ++failuresOnPort_ >= 2) {
+    abandonedPort_ = AbandonedPort{*lastPort_, reason};
     lastPort_.reset();
     failuresOnPort_ = 0;
   }

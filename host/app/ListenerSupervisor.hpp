@@ -41,6 +41,15 @@ struct BackoffPolicy {
 struct ListenerStart {
   std::shared_ptr<HostListener> listener;
   std::function<asio::awaitable<std::uint16_t>()> ready;
+  // Why it is not announced on the local network although it was asked to be, in words for a
+  // person; nothing otherwise.
+  std::optional<std::string> discoveryProblem;
+};
+
+// A port the supervisor stopped asking for, and the failure that made it.
+struct AbandonedPort {
+  std::uint16_t port = 0;
+  std::string reason;
 };
 
 struct ListenerStoppedUnexpectedly : std::runtime_error {
@@ -49,16 +58,20 @@ struct ListenerStoppedUnexpectedly : std::runtime_error {
 
 // Keeps one listener alive for as long as the host runs: starts it, hands over what it accepts,
 // and when it fails starts it again after a growing delay, keeping its UDP port when it can (a
-// port is tried twice, then any port). Runs on the main executor: call it only from there.
+// port is tried twice, then any port). Runs on the main executor: call it only from there. Its
+// loop ends with its last owner.
 class ListenerSupervisor : public std::enable_shared_from_this<ListenerSupervisor> {
  public:
   // Builds a listener on a port, or on any port; may throw.
   using Factory = std::function<ListenerStart(std::optional<std::uint16_t> port)>;
 
+  // `firstPort` is asked for first, and kept as a port that worked would be: tried twice, then
+  // any port.
   static std::shared_ptr<ListenerSupervisor> make(
       const Executor& mainExecutor, Factory factory,
       std::function<void(std::shared_ptr<Connection>)> onConnection, Sleeper sleep = sleepFor,
-      BackoffPolicy backoff = {});
+      BackoffPolicy backoff = {}, std::optional<std::uint16_t> firstPort = std::nullopt);
+  ~ListenerSupervisor();
 
   // The one start: at start-up, after a wake from sleep, and when the network changes.
   void restart();
@@ -68,6 +81,10 @@ class ListenerSupervisor : public std::enable_shared_from_this<ListenerSuperviso
   const std::vector<std::optional<std::uint16_t>>& requestedPorts() const {
     return requestedPorts_;
   }
+  // The last port given up for any port, so that a listener elsewhere can say why.
+  const std::optional<AbandonedPort>& abandonedPort() const { return abandonedPort_; }
+  // That of the listener that came up last.
+  const std::optional<std::string>& discoveryProblem() const { return discoveryProblem_; }
   // Told the port when advertising, and nothing when it is gone.
   void setOnPortChange(std::function<void(std::optional<std::uint16_t>)> handler) {
     onPortChange_ = std::move(handler);
@@ -76,9 +93,13 @@ class ListenerSupervisor : public std::enable_shared_from_this<ListenerSuperviso
  private:
   ListenerSupervisor(const Executor& executor, Factory factory,
                      std::function<void(std::shared_ptr<Connection>)> onConnection, Sleeper sleep,
-                     BackoffPolicy backoff);
+                     BackoffPolicy backoff, std::optional<std::uint16_t> firstPort);
 
+  static asio::awaitable<std::shared_ptr<ListenerSupervisor>> current(
+      const std::weak_ptr<ListenerSupervisor>& weak, int generation);
   static asio::awaitable<void> run(std::weak_ptr<ListenerSupervisor> weak, int generation);
+  ListenerStart startListener();
+  void listening(std::uint16_t port, const std::optional<std::string>& discoveryProblem);
   double fail(const std::string& reason, int& attempts);
   void setState(ListenerState state);
 
@@ -94,6 +115,8 @@ class ListenerSupervisor : public std::enable_shared_from_this<ListenerSuperviso
   std::optional<std::uint16_t> lastPort_;
   int failuresOnPort_ = 0;
   std::vector<std::optional<std::uint16_t>> requestedPorts_;
+  std::optional<AbandonedPort> abandonedPort_;
+  std::optional<std::string> discoveryProblem_;
   std::function<void(std::optional<std::uint16_t>)> onPortChange_;
   Logger log_{"io.dovka.tovu.transport", "listener"};
 };

@@ -121,7 +121,8 @@ std::optional<std::string> percentDecode(std::string_view text) {
 std::string PairingURL::url() const {
   return "tovu://pair?v=1&h=" + percentEncode(hostID.string()) + "&n=" + percentEncode(hostName) +
          "&fp=" + percentEncode(AuthCrypto::base64URLEncode(fingerprint)) +
-         "&t=" + percentEncode(AuthCrypto::base64URLEncode(token));
+         "&t=" + percentEncode(AuthCrypto::base64URLEncode(token)) +
+         (address ? "&a=" + percentEncode(*address) : "");
 }
 
 std::optional<PairingURL> PairingURL::parse(std::string_view text) {
@@ -146,7 +147,7 @@ std::optional<PairingURL> PairingURL::parse(std::string_view text) {
       token->size() != 16) {
     return std::nullopt;
   }
-  return PairingURL{*hostID, *name, *fingerprint, *token};
+  return PairingURL{*hostID, *name, *fingerprint, *token, item("a")};
 }
 
 }  // namespace kelvaron

@@ -10,12 +10,16 @@
 namespace kelvaron {
 
 // What a pairing QR code carries: how to find the host, its certificate's fingerprint to pin, and
-// a one-time token. tovu://pair?v=1&h=<host ID>&n=<name>&fp=<fingerprint>&t=<token>
+// a one-time token. tovu://pair?v=1&h=<host ID>&n=<name>&fp=<fingerprint>&t=<token>[&a=<address>]
 struct PairingURL {
   UUID hostID;
   std::string hostName;
   Data fingerprint;  // 32 bytes
   Data token;        // 16 bytes
+  // Where the host listened when it made the link, "HOST:PORT" (IPv6 in brackets), for a client
+  // that cannot find it by DNS-SD. The item "a", written last: links without it stay valid, and
+  // readers that do not know it skip it.
+  std::optional<std::string> address;
 
   // Always with the scheme "tovu".
   std::string url() const;

@@ -27,8 +27,10 @@ void AvahiConnection::connect() {
   int error = 0;
   client_ = avahi_client_new(poll_.api(), AVAHI_CLIENT_NO_FAIL, onClientState, this, &error);
   if (client_) return;
+  // Whoever needs the daemon tells a person in their own words (a host that cannot advertise, a
+  // client that finds nothing); this is only the trace of the attempts.
   const std::string reason = avahi_strerror(error);
-  if (!reportedFailure_) log_.error("cannot reach avahi-daemon: %s", reason.c_str());
+  if (!reportedFailure_) log_.debug("cannot reach avahi-daemon: %s", reason.c_str());
   reportedFailure_ = true;
   reconnectLater();
 }

@@ -4,6 +4,7 @@
 #include <avahi-common/alternative.h>
 #include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
+#include <avahi-common/simple-watch.h>
 
 #include <asio/dispatch.hpp>
 #include <optional>
@@ -122,6 +123,24 @@ DNSSDAdvertiser::DNSSDAdvertiser(const Executor& strand, std::string name, std::
 
 DNSSDAdvertiser::~DNSSDAdvertiser() {
   asio::dispatch(strand_, [publication = std::move(publication_)] { publication->stop(); });
+}
+
+// A client that does not wait for the daemon is made only when the daemon answers on the system
+// bus; without a bus, or with no daemon on it, the making fails at once.
+std::optional<std::string> DNSSDAdvertiser::daemonProblem() {
+  const std::unique_ptr<AvahiSimplePoll, decltype(&avahi_simple_poll_free)> poll(
+      avahi_simple_poll_new(), avahi_simple_poll_free);
+  int error = 0;
+  AvahiClient* client = avahi_client_new(avahi_simple_poll_get(poll.get()), AvahiClientFlags{},
+                                         nullptr, nullptr, &error);
+  if (client) {
+    avahi_client_free(client);
+    return std::nullopt;
+  }
+  if (error == AVAHI_ERR_NO_DAEMON || error == AVAHI_ERR_DBUS_ERROR) {
+    return "avahi-daemon is not running (start it with: systemctl start avahi-daemon)";
+  }
+  return std::string("avahi-daemon cannot be reached: ") + avahi_strerror(error);
 }
 
 }  // namespace kelvaron

@@ -21,6 +21,11 @@ class DNSSDAdvertiser {
                   std::optional<UUID> hostID);
   // Withdraws the service (on the strand, so maybe after this returns).
   ~DNSSDAdvertiser();
+
+  // Why a service cannot be published now, in words for a person (what is missing, and how to
+  // start it); nothing when avahi-daemon answers. Asks the daemon at once, on the caller's thread.
+  static std::optional<std::string> daemonProblem();
+
   DNSSDAdvertiser(const DNSSDAdvertiser&) = delete;
   DNSSDAdvertiser& operator=(const DNSSDAdvertiser&) = delete;
 

@@ -29,17 +29,23 @@ std::shared_ptr<QUICHostListener> QUICHostListener::make(const Executor& executo
   std::shared_ptr<QUICHostListener> listener(new QUICHostListener(
       std::move(options), identity.fingerprint(), TLSCredentials::host(identity), port));
   std::weak_ptr<QUICHostListener> weak = listener;
-  port->setAcceptor(listener.get(), [weak](std::span<const std::uint8_t> datagram,
-                                           const UDPSocket::Endpoint& from) {
-    if (auto self = weak.lock()) self->accept(datagram, from);
-  });
+  port->setAcceptor(
+      listener.get(),
+      [weak](std::span<const std::uint8_t> datagram, const UDPSocket::Endpoint& from) {
+        if (auto self = weak.lock()) self->accept(datagram, from);
+      },
+      [weak](std::error_code error) {
+        if (auto self = weak.lock()) self->fail(error);
+      });
   if (listener->options_.advertise) {
+    // A daemon that is not there now still gets the service when it comes.
+    listener->discoveryProblem_ = DNSSDAdvertiser::daemonProblem();
     listener->advertiser_ =
         std::make_unique<DNSSDAdvertiser>(makeStrand(executor), listener->options_.hostName,
                                           listener->boundPort_, listener->options_.hostID);
   }
   listener->log_.info("listener ready port=%hu advertise=%d", listener->boundPort_,
-                      listener->options_.advertise);
+                      listener->advertising());
   return listener;
 }
 
@@ -69,6 +75,16 @@ void QUICHostListener::stop() {
   }
   advertiser.reset();  // withdraws the service
   port_->clearAcceptor(this);
+  connections_.finish();
+}
+
+// The port can no longer read: the listener ends, and whoever runs it starts another.
+void QUICHostListener::fail(std::error_code error) {
+  {
+    std::lock_guard guard(lock_);
+    if (stopped_) return;
+  }
+  log_.error("listener failed: %s", error.message().c_str());
   connections_.finish();
 }
 

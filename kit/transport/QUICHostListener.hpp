@@ -45,6 +45,10 @@ class QUICHostListener final : public HostListener,
   asio::awaitable<std::uint16_t> waitUntilReady();
   std::uint16_t port() const { return boundPort_; }
   const Data& certificateFingerprint() const { return certificateFingerprint_; }
+  // Whether the host is announced on the local network, as far as was known when it was made.
+  bool advertising() const { return options_.advertise && !discoveryProblem_; }
+  // Why it is not announced although asked to be, in words for a person; nothing otherwise.
+  const std::optional<std::string>& discoveryProblem() const { return discoveryProblem_; }
 
   AsyncQueue<std::shared_ptr<Connection>>& connections() override { return connections_; }
   void stop() override;
@@ -53,6 +57,7 @@ class QUICHostListener final : public HostListener,
   QUICHostListener(Options options, Data fingerprint, std::shared_ptr<TLSCredentials> credentials,
                    std::shared_ptr<QUICHostPort> port);
   void accept(std::span<const std::uint8_t> datagram, const UDPSocket::Endpoint& from);
+  void fail(std::error_code error);
   static asio::awaitable<void> handOverWhenReady(std::weak_ptr<QUICHostListener> listener,
                                                  std::shared_ptr<QUICConnection> connection);
 
@@ -61,6 +66,7 @@ class QUICHostListener final : public HostListener,
   const std::shared_ptr<TLSCredentials> credentials_;
   const std::shared_ptr<QUICHostPort> port_;
   const std::uint16_t boundPort_;
+  std::optional<std::string> discoveryProblem_;
   Logger log_{"io.dovka.tovu.transport", "listener"};
 
   std::mutex lock_;

@@ -4,7 +4,6 @@
 
 #include <asio/post.hpp>
 
-#include "kit/log/Logger.hpp"
 #include "kit/transport/QUICConfiguration.hpp"
 #include "kit/transport/QUICConnection.hpp"
 
@@ -35,10 +34,7 @@ std::shared_ptr<QUICHostPort> QUICHostPort::open(const Executor& executor, std::
         if (auto self = weak.lock()) self->route(datagram, from);
       },
       [weak](std::error_code error) {
-        // A port that cannot read is forgotten, so that the next listener binds a new one.
-        Logger("io.dovka.tovu.transport", "listener")
-            .error("UDP port failed: %s", error.message().c_str());
-        if (auto self = weak.lock()) self->forget();
+        if (auto self = weak.lock()) self->fail(error);
       });
   return opened;
 }
@@ -56,10 +52,23 @@ void QUICHostPort::forget() {
   if (!current || current.get() == this) registry().erase(found);
 }
 
-void QUICHostPort::setAcceptor(const void* owner, Acceptor acceptor) {
+// A port that cannot read is forgotten, so that the next listener binds a new one; the listener
+// of the moment fails with it.
+void QUICHostPort::fail(std::error_code error) {
+  forget();
+  FailureHandler onFailure;
+  {
+    std::lock_guard guard(lock_);
+    onFailure = onFailure_;
+  }
+  if (onFailure) onFailure(error);
+}
+
+void QUICHostPort::setAcceptor(const void* owner, Acceptor acceptor, FailureHandler onFailure) {
   std::lock_guard guard(lock_);
   acceptorOwner_ = owner;
   acceptor_ = std::move(acceptor);
+  onFailure_ = std::move(onFailure);
 }
 
 void QUICHostPort::clearAcceptor(const void* owner) {
@@ -67,6 +76,7 @@ void QUICHostPort::clearAcceptor(const void* owner) {
   if (acceptorOwner_ != owner) return;
   acceptorOwner_ = nullptr;
   acceptor_ = nullptr;
+  onFailure_ = nullptr;
 }
 
 void QUICHostPort::add(ID id, std::weak_ptr<QUICConnection> connection) {

@@ -24,6 +24,8 @@ class QUICHostPort : public std::enable_shared_from_this<QUICHostPort> {
   using Endpoint = UDPSocket::Endpoint;
   // Handed every datagram that belongs to no connection yet, on the port's executor.
   using Acceptor = std::function<void(std::span<const std::uint8_t>, const Endpoint& from)>;
+  // Told that the port can no longer read, on the port's executor.
+  using FailureHandler = std::function<void(std::error_code)>;
 
   // The open port `port` of this process, or a newly bound one (port 0: any free port). Give it
   // the execution context's executor, not a strand: the port and each of its connections make
@@ -36,8 +38,9 @@ class QUICHostPort : public std::enable_shared_from_this<QUICHostPort> {
   // The executor the port was opened with, on which connections make their strands.
   const Executor& contextExecutor() const { return contextExecutor_; }
 
-  // Who takes new connections from now on: `owner`, through `acceptor`.
-  void setAcceptor(const void* owner, Acceptor acceptor);
+  // Who takes new connections from now on: `owner`, through `acceptor`, told through
+  // `onFailure` when the port fails.
+  void setAcceptor(const void* owner, Acceptor acceptor, FailureHandler onFailure);
   // Refuses new connections, unless another owner has taken over meanwhile.
   void clearAcceptor(const void* owner);
 
@@ -49,6 +52,7 @@ class QUICHostPort : public std::enable_shared_from_this<QUICHostPort> {
   QUICHostPort(const Executor& executor, std::shared_ptr<UDPSocket> socket)
       : contextExecutor_(executor), socket_(std::move(socket)) {}
   void route(std::span<const std::uint8_t> datagram, const Endpoint& from);
+  void fail(std::error_code error);
   void forget();
 
   // Looks IDs up as slices of the datagram, without copying them.
@@ -65,6 +69,7 @@ class QUICHostPort : public std::enable_shared_from_this<QUICHostPort> {
   std::map<Data, std::weak_ptr<QUICConnection>, Less> routes_;
   const void* acceptorOwner_ = nullptr;
   Acceptor acceptor_;
+  FailureHandler onFailure_;
 };
 
 }  // namespace kelvaron

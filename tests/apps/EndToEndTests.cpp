@@ -17,6 +17,7 @@
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
+#include "tests/support/NetworkNamespace.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/TempDirectory.hpp"
 
@@ -97,16 +98,15 @@ struct Device {
 
 class Host {
  public:
-  // `confirm`: pairing by code comparison, answered through `answer`.
-  explicit Host(bool confirm = false) {
-    std::vector<std::string> command = {"env",
-                                        "XDG_DATA_HOME=" + home_.path().string(),
-                                        "XDG_CONFIG_HOME=" + home_.path().string(),
-                                        TOVU_HOST,
-                                        "--virtual-display",
-                                        "800x600",
-                                        "--pair",
-                                        "--no-advertise"};
+  // `confirm`: pairing by code comparison, answered through `answer`. `arguments` follow the
+  // host's own; `environment` holds the host's variables of its own ("NAME=value").
+  explicit Host(bool confirm = false, std::vector<std::string> arguments = {"--no-advertise"},
+                std::vector<std::string> environment = {}) {
+    std::vector<std::string> command = {"env", "XDG_DATA_HOME=" + home_.path().string(),
+                                        "XDG_CONFIG_HOME=" + home_.path().string()};
+    command.insert(command.end(), environment.begin(), environment.end());
+    command.insert(command.end(), {TOVU_HOST, "--virtual-display", "800x600", "--pair"});
+    command.insert(command.end(), arguments.begin(), arguments.end());
     std::function<bool()> prepare;
     if (confirm) {
       command.push_back("--confirm");
@@ -125,6 +125,7 @@ class Host {
   bool up() const { return !display_.empty() && !port_.empty(); }
   std::string why() const { return "the host did not come up:\n" + readFile(log()); }
   const std::string& display() const { return display_; }
+  const std::string& port() const { return port_; }
   std::string address() const { return "127.0.0.1:" + port_; }
   // The n-th pairing link the host printed.
   std::string link(int nth = 1) const {
@@ -187,6 +188,43 @@ TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   EXPECT_TRUE(near(*topLeft, 0xd02020)) << std::hex << *topLeft;
   EXPECT_TRUE(near(*bottomRight, 0x20b040)) << std::hex << *bottomRight;
   EXPECT_EQ(InputRecorder::typed(window.take()), "hello, tovu");
+}
+
+// A host on a network of its own, without avahi-daemon and with the port it asks for taken: it
+// comes up on another port and says why, says once that discovery is off and claims no
+// advertising, and its pairing link carries an address that a client dials without being told.
+TEST(EndToEnd, AHostWithoutDiscoveryOrItsPortIsPairedThroughTheAddressInItsLink) {
+  NetworkNamespace network;
+  if (!network.problem().empty()) GTEST_SKIP() << network.problem();
+  NetworkNamespace::addEthernet("tovu0", "tovu1", "10.77.0.1/24");
+  asio::io_context io;
+  const asio::ip::udp::socket taken(io, {asio::ip::udp::v4(), 0});
+  const std::string asked = std::to_string(taken.local_endpoint().port());
+  const TempDirectory nowhere;
+  Host host(false, {"--port", asked},
+            {"DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + (nowhere.path() / "bus").string()});
+  if (host.display().empty()) GTEST_SKIP() << host.why();
+  ASSERT_TRUE(host.up()) << host.why();
+
+  const std::string log = readFile(host.log());
+  EXPECT_NE(host.port(), asked);
+  EXPECT_NE(
+      log.find("listening on UDP port " + host.port() + " (port " + asked + " could not be used: "),
+      std::string::npos)
+      << log;
+  const std::string off =
+      "Discovery on the local network is off: avahi-daemon is not running (start it with: "
+      "systemctl start avahi-daemon)";
+  const std::size_t first = log.find(off);
+  EXPECT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find(off, first + 1), std::string::npos) << log;
+  EXPECT_EQ(log.find("advertising"), std::string::npos) << log;
+
+  const std::string link = host.link();
+  EXPECT_NE(link.find("&a=10.77.0.1%3A" + host.port()), std::string::npos) << link;
+  const Device ann{{}, "Ann's iPad"};
+  const auto paired = ann.run({"pair", link});
+  EXPECT_TRUE(paired.succeeded()) << paired.output;
 }
 
 TEST(EndToEnd, AStrangersHugeFramesBeforeHelloCostTheHostNothing) {

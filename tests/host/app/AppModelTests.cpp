@@ -10,6 +10,7 @@
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/HostFakes.hpp"
+#include "tests/support/NetworkNamespace.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron::host {
@@ -30,6 +31,7 @@ struct Rig {
   explicit Rig(asio::io_context& io) {
     deps.listenerFactory = [this](const HostSecurity&, std::optional<std::uint16_t> port) {
       requestedPorts.push_back(port);
+      listener = std::make_shared<QueueListener>();  // a listener is used once
       return ListenerStart{listener, []() -> asio::awaitable<std::uint16_t> { co_return 7000; }};
     };
     deps.loadSecurity = [this](const UUID& hostID, const std::string& name) {
@@ -70,6 +72,11 @@ struct Rig {
     for (int i = 0; i < 500 && !(model->supervisor() || model->securityError()); ++i) {
       co_await sleepFor(10ms);
     }
+  }
+
+  // Until the listener has been asked for `count` times, or the test's time is up.
+  asio::awaitable<void> listenersRequested(std::size_t count) {
+    for (int i = 0; i < 500 && requestedPorts.size() < count; ++i) co_await sleepFor(10ms);
   }
 
   // A device that pairs with a fresh token on a new connection, or signs in as paired, then says
@@ -135,6 +142,24 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownOrSaysWhyItCannot) {
     EXPECT_EQ(broken.model->securityError(),
               "Could not load the host identity: the key store is locked");
     EXPECT_EQ(broken.model->supervisor(), nullptr);
+  });
+}
+
+// The host's own network: a second interface gets an address and loses it again; each time the
+// listener starts anew (and with it its advertisement), on the port it had.
+TEST(AppModel, RestartsTheListenerWhenTheNetworkChanges) {
+  NetworkNamespace network;
+  if (!network.problem().empty()) GTEST_SKIP() << network.problem();
+  NetworkNamespace::addEthernet("tovu0", "tovu1", "10.77.0.1/24");
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Rig rig(io);
+    co_await rig.started();
+    co_await sleepFor(200ms);  // the watch has read the interfaces as they were
+    NetworkNamespace::ip({"address", "add", "10.78.0.1/24", "dev", "tovu1"});
+    co_await rig.listenersRequested(2);
+    NetworkNamespace::ip({"address", "del", "10.78.0.1/24", "dev", "tovu1"});
+    co_await rig.listenersRequested(3);
+    EXPECT_EQ(rig.requestedPorts, (std::vector<std::optional<std::uint16_t>>{7000, 7000, 7000}));
   });
 }
 

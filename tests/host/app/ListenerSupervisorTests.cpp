@@ -47,11 +47,11 @@ struct Factory {
 };
 
 struct Rig {
-  explicit Rig(asio::io_context& io)
+  explicit Rig(asio::io_context& io, Port firstPort = std::nullopt)
       : supervisor(ListenerSupervisor::make(
             io.get_executor(), factory.function(),
             [this](std::shared_ptr<Connection> c) { accepted.push_back(std::move(c)); },
-            [this](std::chrono::duration<double> d) { return clock.sleep(d); })) {
+            [this](std::chrono::duration<double> d) { return clock.sleep(d); }, {}, firstPort)) {
     supervisor->setOnPortChange([this](Port p) { ports.push_back(p); });
   }
   ~Rig() {
@@ -121,6 +121,24 @@ TEST(ListenerSupervisor, KeepsItsPortTwiceThenTakesAny) {
   });
 }
 
+TEST(ListenerSupervisor, APortAskedForIsKeptLikeOneThatWorked) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Rig rig(io, 4433);
+    rig.factory.works = [](Port p) { return p != 4433; };  // somebody else has it
+    rig.supervisor->restart();
+    co_await settle();
+    rig.clock.advance(1s);
+    co_await settle();
+    rig.clock.advance(2s);
+    co_await settle();
+    EXPECT_EQ(rig.supervisor->state(), ListenerState::advertising(5000));
+    EXPECT_EQ(rig.supervisor->requestedPorts(), (std::vector<Port>{4433, 4433, std::nullopt}));
+    CO_ASSERT_TRUE(rig.supervisor->abandonedPort().has_value());
+    EXPECT_EQ(rig.supervisor->abandonedPort()->port, 4433);
+    EXPECT_EQ(rig.supervisor->abandonedPort()->reason, "address in use");
+  });
+}
+
 TEST(ListenerSupervisor, ARestartDuringTheBackoffLeavesTheOldLoopBehind) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Rig rig(io);
@@ -135,6 +153,22 @@ TEST(ListenerSupervisor, ARestartDuringTheBackoffLeavesTheOldLoopBehind) {
     co_await settle();
     EXPECT_EQ(rig.supervisor->requestedPorts().size(), 2u);
     EXPECT_EQ(rig.factory.made.size(), 2u);
+  });
+}
+
+TEST(ListenerSupervisor, ItsLoopEndsWithItsLastOwner) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Factory factory;
+    auto supervisor = ListenerSupervisor::make(io.get_executor(), factory.function(),
+                                               [](std::shared_ptr<Connection>) {});
+    supervisor->restart();
+    co_await settle();
+    EXPECT_EQ(supervisor->state(), ListenerState::advertising(5000));
+    const std::weak_ptr<ListenerSupervisor> weak = supervisor;
+    supervisor.reset();
+    co_await settle();
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(factory.made.back()->stops, 1);
   });
 }
 

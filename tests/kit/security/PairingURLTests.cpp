@@ -23,7 +23,14 @@ TEST(PairingURL, RoundTripsWhateverTheName) {
     const std::string text = url.url();
     EXPECT_TRUE(text.starts_with("tovu://pair?v=1&h=E621E1F8-C36C-495A-93FC-0C247A3E6E5F&n="));
     EXPECT_EQ(PairingURL::parse(text), url) << text;
+    EXPECT_EQ(text.find("&a="), std::string::npos);
   }
+  // Where the host can be dialled goes last, where a reader that does not know it skips it.
+  PairingURL addressed = sample();
+  addressed.address = "[fd77::1]:4433";
+  const std::string text = addressed.url();
+  EXPECT_TRUE(text.ends_with("&a=%5Bfd77%3A%3A1%5D%3A4433")) << text;
+  EXPECT_EQ(PairingURL::parse(text), addressed);
 }
 
 TEST(PairingURL, ParsingAcceptsOnlyWholeURLs) {

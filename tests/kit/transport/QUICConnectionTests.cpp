@@ -6,7 +6,10 @@
 #include <gtest/gtest.h>
 #include <asio/detached.hpp>
 
+#include <netinet/in.h>
 #include <ngtcp2/ngtcp2.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -315,6 +318,45 @@ TEST(QUICConnection, AListenerStartedAgainOnItsPortKeepsTheConnectionsOfTheOldOn
     EXPECT_EQ(secondPing, Message(msg::ping{2}));
     client->close();
     second->close();
+  });
+}
+
+// The descriptor a UDP socket of this process bound to `port` has, or -1.
+int descriptorBoundTo(std::uint16_t port) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int fd = std::stoi(entry.path().filename().string());
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    int type = 0;
+    socklen_t typeLength = sizeof type;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeLength) != 0 || type != SOCK_DGRAM) {
+      continue;
+    }
+    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&address);
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(&address);
+    const std::uint16_t bound = ntohs(address.ss_family == AF_INET6 ? v6->sin6_port : v4->sin_port);
+    if (bound == port) return fd;
+  }
+  return -1;
+}
+
+// The listener's descriptor becomes a pipe under it, so that its next read fails as that of a
+// broken socket would: the listener fails, and its stream of connections ends for the supervisor.
+TEST(QUICConnection, AListenerWhoseSocketCannotBeReadFails) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Loopback loopback(io.get_executor());
+    const int socket = descriptorBoundTo(loopback.endpoint.port());
+    CO_ASSERT_TRUE(socket >= 0);
+    const int kept = ::dup(socket);  // keeps the socket itself, and its readiness, alive
+    int pipe[2];
+    CO_ASSERT_TRUE(::pipe(pipe) == 0 && ::dup2(pipe[0], socket) == socket);
+    asio::ip::udp::socket raw(io, asio::ip::udp::v4());
+    raw.send_to(asio::buffer(Data{0xc0, 1, 2}), loopback.endpoint);  // wakes the reader
+    const auto accepted = co_await nextWithin(loopback.listener->connections(), 5s);
+    EXPECT_FALSE(accepted.has_value());
+    EXPECT_TRUE(loopback.listener->connections().isFinished());
+    for (const int fd : {kept, pipe[0], pipe[1]}) ::close(fd);
   });
 }
 
