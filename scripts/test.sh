@@ -39,3 +39,10 @@ build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_SANITIZE=ON -DTOVU
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
   run_tests build/sanitize
 
+# Informational: how much test there is for the product code (non-blank lines).
+nonblank() { find "$@" -type f -exec cat {} + | grep -cv '^[[:space:]]*$'; }
+grouped() { sed ':a;s/\B[0-9]\{3\}\>/,&/;ta' <<<"$1"; }
+test_lines=$(nonblank tests)
+code_lines=$(nonblank kit host client apps)
+echo "tests: $(grouped "$test_lines") of $(grouped "$code_lines") lines of code" \
+  "($(((100 * test_lines + code_lines / 2) / code_lines)) %)"
