@@ -10,6 +10,7 @@
 #
 #   scripts/mutation-check.sh            every mutant
 #   scripts/mutation-check.sh W1 P3      the named ones
+#   MUTATION_REV=<commit> scripts/mutation-check.sh   against the tests of that commit
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -24,7 +25,7 @@ mutants=(
   "W1|kit/wire/WireDecoder.cpp|kit_wire_tests|length limit off by one (one byte over is accepted)|'if (length > maxFrameLength_)'|'if (length > maxFrameLength_ + 1)'"
   "W2|kit/wire/FrameReader.cpp|kit_wire_tests|strings not checked for UTF-8|'if (!isValidUTF8(bytes)) throw'|'if (false) throw'"
   "W3|kit/wire/WireDecoder.cpp|kit_wire_tests|a decoder past an oversized frame is not poisoned|'  if (poisoned_) throw *poisoned_;\n'|''"
-  "A1|kit/crypto/AuthCrypto.cpp|kit_crypto_tests kit_security_tests|host fingerprint dropped from the transcript|'nonce,\n                        hostFingerprint, deviceID.bytes'|'nonce,\n                        deviceID.bytes'"
+  "A1|kit/crypto/AuthCrypto.cpp|kit_crypto_tests kit_security_tests|host fingerprint dropped from the transcript|'nonce,\n                        hostFingerprint, deviceID.bytes'|'nonce,\n                        ByteView(hostFingerprint).first(0), deviceID.bytes'"
   "A2|kit/security/HostAuthGate.cpp|kit_security_tests|signature check inverted|'if (!AuthCrypto::verifyChallenge('|'if (AuthCrypto::verifyChallenge('"
   "A3|kit/crypto/AuthCrypto.cpp|kit_crypto_tests kit_security_tests|TLS exporter not bound into the transcript|'const ByteView tail = exporter ? ByteView(*exporter) : ByteView();'|'const ByteView tail = ByteView();'"
   "P1|kit/security/PairingURL.cpp|kit_security_tests|scheme compared case-sensitively|'c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));'|'c = static_cast<char>(c);'"
@@ -32,27 +33,35 @@ mutants=(
   "P3|kit/security/PairingURL.cpp|kit_security_tests|a repeated query item replaces the first|'parts.query.try_emplace(*name, std::move(value));'|'parts.query.insert_or_assign(*name, std::move(value));'"
 )
 
-# Copies the checkout into $src, rewriting only files whose bytes differ so that Ninja rebuilds
-# only what changed.
+# Copies the checkout (or, with MUTATION_REV set, that commit) into $src, rewriting only files
+# whose bytes differ so that Ninja rebuilds only what changed.
 sync_tree() {
+  from=$root
+  if [[ -n ${MUTATION_REV:-} ]]; then
+    from=$(mktemp -d)
+    trap 'rm -rf "$from"' EXIT
+    git archive "$MUTATION_REV" | tar -x -C "$from"
+  fi
   mkdir -p "$src"
-  git ls-files -z --cached --others --exclude-standard | python3 -c '
+  (cd "$from" && if [[ -n ${MUTATION_REV:-} ]]; then find . -type f -print0; else
+    git ls-files -z --cached --others --exclude-standard; fi) | python3 -c '
 import os, sys, shutil
-src = sys.argv[1]
+base, src = sys.argv[1], sys.argv[2]
 for path in sys.stdin.buffer.read().split(b"\0"):
-    if not path or not os.path.isfile(path):
-        continue
     path = path.decode()
+    origin = os.path.join(base, path)
+    if not path or not os.path.isfile(origin):
+        continue
     target = os.path.join(src, path)
-    with open(path, "rb") as f:
+    with open(origin, "rb") as f:
         data = f.read()
     if os.path.exists(target):
         with open(target, "rb") as f:
             if f.read() == data:
                 continue
     os.makedirs(os.path.dirname(target) or ".", exist_ok=True)
-    shutil.copy2(path, target)
-' "$src"
+    shutil.copyfile(origin, target)  # a new time stamp: Ninja sees the change
+' "$from" "$src"
 }
 
 # substitute FILE PATTERN REPLACEMENT: fails loudly unless the pattern occurs exactly once.
