@@ -47,3 +47,11 @@ cmake --build build/tsan --target kit_async_tests kit_transport_tests host_sessi
 TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan.supp" \
   ctest --test-dir build/tsan --output-on-failure --timeout 900 -j "$(nproc)" \
   -R '^(Task|AsyncQueue|InMemoryConnection|HostSession)\.'
+
+# Informational: how much test there is for the product code (non-blank lines).
+nonblank() { find "$@" -type f -exec cat {} + | grep -cv '^[[:space:]]*$'; }
+grouped() { sed ':a;s/\B[0-9]\{3\}\>/,&/;ta' <<<"$1"; }
+test_lines=$(nonblank tests)
+code_lines=$(nonblank kit host client apps)
+echo "tests: $(grouped "$test_lines") of $(grouped "$code_lines") lines of code" \
+  "($(((100 * test_lines + code_lines / 2) / code_lines)) %)"
