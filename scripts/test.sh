@@ -39,7 +39,6 @@ build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_SANITIZE=ON -DTOVU
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
   run_tests build/sanitize
 
-
 echo "== thread sanitizer: the executor model, the queues and the session"
 cmake -S . -B build/tsan -G Ninja -DTOVU_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVU_TSAN=ON \
   -DTOVU_BENCH=OFF >/dev/null
