@@ -13,6 +13,7 @@
 #include "host/video/CaptureSource.hpp"
 #include "host/video/DisplayProviding.hpp"
 #include "host/video/EncoderFactory.hpp"
+#include "kit/async/Task.hpp"
 #include "kit/relay/RelayProvision.hpp"
 #include "kit/wire/Bytes.hpp"
 
@@ -33,6 +34,9 @@ struct HostEnvironment {
   // How long the picture must stand still before it is sent once more at high quality.
   std::chrono::duration<double> idleRefreshDelay{0.15};
   std::chrono::duration<double> statsInterval{1.0};
+  // Every wait of the session's own (its loops, the farewell before a close): the monotonic
+  // clock, or a clock that a test moves.
+  Sleeper sleep = sleepFor;
   std::shared_ptr<PowerManaging> power;
 
   // Asked once after `hello`: whether to keep the display awake while connected.

@@ -192,7 +192,7 @@ asio::awaitable<void> HostSession::rejectHello(const std::string& reason) {
   status_.note = reason;
   status_.phase = SessionStatus::Phase::ended;
   report();
-  co_await sleepFor(kFarewellDelay);
+  co_await env_.sleep(kFarewellDelay);
   connection_->close();
 }
 
@@ -278,11 +278,11 @@ void HostSession::startBackgroundTasks() {
       co_await self->refreshDisplays();
     }
   };
-  auto statistics = [](std::weak_ptr<HostSession> weak,
+  auto statistics = [](std::weak_ptr<HostSession> weak, Sleeper sleep,
                        std::chrono::duration<double> interval) -> asio::awaitable<void> {
     for (;;) {
       if (co_await isCancelled()) co_return;
-      co_await sleepFor(interval);
+      co_await sleep(interval);
       auto self = weak.lock();
       if (!self) co_return;
       self->statsTick();
@@ -290,7 +290,8 @@ void HostSession::startBackgroundTasks() {
   };
   tasks_.push_back(
       Task::spawn(strand_, displayChanges(weak_from_this(), env_.displays->changes())));
-  tasks_.push_back(Task::spawn(strand_, statistics(weak_from_this(), env_.statsInterval)));
+  tasks_.push_back(
+      Task::spawn(strand_, statistics(weak_from_this(), env_.sleep, env_.statsInterval)));
 }
 
 // ---- The end ----
@@ -310,7 +311,7 @@ void HostSession::closeConnection() {
 
 asio::awaitable<void> HostSession::replacedOnStrand(std::string byDeviceName) {
   connection_->send(msg::sessionReplaced{std::move(byDeviceName)});
-  co_await sleepFor(kFarewellDelay);
+  co_await env_.sleep(kFarewellDelay);
   connection_->close();
 }
 

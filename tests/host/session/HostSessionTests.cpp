@@ -18,6 +18,7 @@
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/DesktopPicture.hpp"
 #include "tests/support/HostFakes.hpp"
+#include "tests/support/ManualClock.hpp"
 #include "tests/support/PictureFidelity.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
@@ -553,7 +554,8 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     using enum CodecProfile;
     Harness h(io);
-    h.env.statsInterval = 20ms;
+    auto clock = std::make_shared<ManualClock>();
+    h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
     h.clientProfiles = {hevcMain, hevcMain444};
     h.start();
     co_await h.open();
@@ -576,7 +578,9 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
     encoder.output(encoderOutput::frame{frame, 12.5});
     const auto received = co_await nextWithin(h.client->videoFrames(), 5s);
     EXPECT_EQ(received, frame);
-    co_await sleepFor(100ms);
+    EXPECT_EQ(h.lastReport().framesSent, 0);  // told only at the next tick of the statistics
+    clock->advance(1s);
+    co_await h.roundTrip();
     EXPECT_EQ(h.lastReport().framesSent, 1);
     EXPECT_EQ(h.lastReport().encodeLatencyMs, 12.5);
 
