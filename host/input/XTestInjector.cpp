@@ -8,7 +8,9 @@
 #undef explicit
 #include <xkbcommon/xkbcommon-x11.h>
 
+#include <asio/post.hpp>
 #include <chrono>
+#include <future>
 #include <cmath>
 #include <cstdlib>
 #include <thread>
@@ -162,11 +164,54 @@ struct XTestInjector::Modifiers {
   }
 };
 
-XTestInjector::XTestInjector(std::string displayName) : displayName_(std::move(displayName)) {}
+XTestInjector::XTestInjector(std::string displayName)
+    : displayName_(std::move(displayName)),
+      keepRunning_(asio::make_work_guard(context_)),
+      thread_([this] { context_.run(); }) {}
 
 XTestInjector::~XTestInjector() {
-  std::lock_guard guard(lock_);
-  releaseHeld([](InputOwner) { return true; });
+  asio::post(context_, [this] { releaseHeld([](InputOwner) { return true; }); });
+  keepRunning_.reset();
+  thread_.join();
+}
+
+// The caller goes on at once; the work runs on the injector's thread after all asked before it,
+// so that X round trips never hold up a session's strand.
+void XTestInjector::post(InputOwner owner, std::function<void()> work) {
+  asio::post(context_, [this, owner, work = std::move(work)] {
+    owner_ = owner;
+    work();
+  });
+}
+
+void XTestInjector::injectKey(InputOwner owner, const KeyEvent& event) {
+  post(owner, [this, event] { key(event); });
+}
+
+void XTestInjector::injectText(InputOwner owner, const std::string& text) {
+  post(owner, [this, text] { type(text); });
+}
+
+void XTestInjector::injectPointer(InputOwner owner, const PointerEvent& event,
+                                  const std::optional<DisplayInfo>& display) {
+  post(owner, [this, event, display] { pointer(event, display); });
+}
+
+void XTestInjector::release(InputOwner owner) {
+  asio::post(context_,
+             [this, owner] { releaseHeld([owner](InputOwner holder) { return holder == owner; }); });
+}
+
+// A round trip to the injector's thread and to the server: everything asked before it has been
+// sent when it answers.
+std::optional<Point> XTestInjector::currentPointerPosition() {
+  std::promise<std::optional<Point>> answer;
+  asio::post(context_, [this, &answer] {
+    if (!ensureServer()) return answer.set_value(std::nullopt);
+    resync(uptimeSeconds(), readScreen().origin);
+    answer.set_value(tracker_.position());
+  });
+  return answer.get_future().get();
 }
 
 bool XTestInjector::ensureServer() {
@@ -212,9 +257,7 @@ const KeyboardLayout* XTestInjector::currentLayout() {
 
 // ---- Keys ----
 
-void XTestInjector::injectKey(InputOwner owner, const KeyEvent& event) {
-  std::lock_guard guard(lock_);
-  owner_ = owner;
+void XTestInjector::key(const KeyEvent& event) {
   const auto name = xkbKeyName(event.usage);
   if (!name) {
     log_.error("Tovu: no virtual key for HID usage 0x%X", unsigned(event.usage.rawValue));
@@ -302,9 +345,7 @@ void XTestInjector::tapKey(std::uint32_t keycode) {
 
 // ---- Text ----
 
-void XTestInjector::injectText(InputOwner owner, const std::string& text) {
-  std::lock_guard guard(lock_);
-  owner_ = owner;
+void XTestInjector::type(const std::string& text) {
   if (!ensureServer()) return;
   const KeyboardLayout* layout = currentLayout();
   if (!layout) return;
@@ -371,10 +412,7 @@ void XTestInjector::restoreSpareKeys() {
 
 // ---- The pointer ----
 
-void XTestInjector::injectPointer(InputOwner owner, const PointerEvent& event,
-                                  const std::optional<DisplayInfo>& display) {
-  std::lock_guard guard(lock_);
-  owner_ = owner;
+void XTestInjector::pointer(const PointerEvent& event, const std::optional<DisplayInfo>& display) {
   if (!ensureServer()) return;
   if (const auto* move = std::get_if<pointer::moveRelative>(&event)) {
     moveRelative(move->dx, move->dy);
@@ -387,13 +425,6 @@ void XTestInjector::injectPointer(InputOwner owner, const PointerEvent& event,
     scroll(wheel->dx, wheel->dy, wheel->phase);
   }
   xcb_flush(server_->c);
-}
-
-std::optional<Point> XTestInjector::currentPointerPosition() {
-  std::lock_guard guard(lock_);
-  if (!ensureServer()) return std::nullopt;
-  resync(uptimeSeconds(), readScreen().origin);
-  return tracker_.position();
 }
 
 XTestInjector::Screen XTestInjector::readScreen() {
@@ -488,11 +519,6 @@ void XTestInjector::scroll(float dx, float dy, ScrollPhase phase) {
 }
 
 // ---- The end of a session ----
-
-void XTestInjector::release(InputOwner owner) {
-  std::lock_guard guard(lock_);
-  releaseHeld([owner](InputOwner holder) { return holder == owner; });
-}
 
 template <class Owned>
 void XTestInjector::releaseHeld(Owned owned) {

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/input/HostScroll.hpp"
@@ -20,6 +23,7 @@ class KeyboardLayout;
 // through the layout in force, and a character the layout lacks is typed on a spare key that
 // carries it for the moment. X11 has no click counts and no scroll phases: a double click is two
 // clicks in quick succession, as the client sends them, and scrolling turns into wheel clicks.
+// Calls return at once: the work runs on the injector's own thread, in the order of the calls.
 class XTestInjector : public InputInjector {
  public:
   // `displayName` empty: $DISPLAY. Connects at the first event, and again after the server went
@@ -38,7 +42,11 @@ class XTestInjector : public InputInjector {
   struct Server;
   struct Modifiers;
 
-  // All with `lock_` held.
+  // On the injector's thread, as all below.
+  void post(InputOwner owner, std::function<void()> work);
+  void key(const KeyEvent& event);
+  void type(const std::string& text);
+  void pointer(const PointerEvent& event, const std::optional<DisplayInfo>& display);
   bool ensureServer();
   const KeyboardLayout* currentLayout();
   // Where the main display's top left corner lies in the root window, and the displays in points.
@@ -63,7 +71,7 @@ class XTestInjector : public InputInjector {
   void sendButton(std::uint8_t number, bool isDown);
 
   const std::string displayName_;
-  std::mutex lock_;
+  // Owned by the injector's thread.
   std::unique_ptr<Server> server_;
   bool reportedNoServer_ = false;  // one log line for a run of failed connections
   PointerTracker tracker_;
@@ -76,6 +84,10 @@ class XTestInjector : public InputInjector {
   HostScroll::Remainder scrollRemainder_;
   Logger log_{"io.dovka.tovu.host", "input"};
   Logger sessionLog_{"io.dovka.tovu.host", "session"};
+  // The injector's own thread, on which all of the above is touched, in the order of the calls.
+  asio::io_context context_;
+  asio::executor_work_guard<asio::io_context::executor_type> keepRunning_;
+  std::thread thread_;
 };
 
 }  // namespace kelvaron::host
