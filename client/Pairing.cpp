@@ -34,7 +34,16 @@ asio::awaitable<void> pairByLink(ClientDevice& device, const HostDirectory& dire
   };
   const ServerTrust trust = ServerTrust::pinned(link.fingerprint);
   const HostDirectory linked = directory.suggesting(link.address);
-  const auto connection = co_await linked.dial(wanted, trust);
+  std::shared_ptr<Connection> connection;
+  try {
+    connection = co_await linked.dial(wanted, trust);
+  } catch (const QUICError& error) {
+    // Nothing was paired yet, so nothing changed: the host that answered is another one.
+    if (error.kind() != QUICError::Kind::pinMismatch) throw;
+    throw FlowError(
+        "the host that answered is not the one of this link (its certificate does not match); "
+        "check the address, or ask the host for a fresh link");
+  }
   const auto purpose = ClientHandshake::Purpose::pairWithToken(link.token);
   const std::function<void(const std::string&)> noCode;
   co_await device.signIn(connection, purpose, std::chrono::seconds(30), noCode, "pairing failed");
