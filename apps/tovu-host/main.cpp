@@ -5,6 +5,8 @@
 #include <qrencode.h>
 #include <unistd.h>
 
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/udp.hpp>
@@ -253,10 +255,15 @@ int main(int argc, char** argv) {
     asio::post(main, [&] {
       timer.cancel();
       model->stop();
-      // The sessions' teardown takes a moment; then the executor is let go.
-      timer.expires_after(std::chrono::milliseconds(500));
-      timer.async_wait([&](const asio::error_code&) { io.stop(); });
     });
+    // Once every session's teardown is over, the executors are let go.
+    asio::co_spawn(
+        main,
+        [&]() -> asio::awaitable<void> {
+          co_await model->sessionsEnded();
+          io.stop();
+        },
+        asio::detached);
   });
   std::thread second([&] { io.run(); });
   io.run();

@@ -74,6 +74,14 @@ void AppModel::stop() {
   for (const auto& [token, candidate] : candidates_) candidate->closeConnection();
 }
 
+asio::awaitable<void> AppModel::sessionsEnded() {
+  while (!candidates_.empty()) {
+    const auto waiter = std::make_shared<Wakeup>(main_);
+    endWaiters_.push_back(waiter);
+    co_await waiter->wait();
+  }
+}
+
 void AppModel::startHost() {
   try {
     security_ = deps_.loadSecurity(deps_.settings->hostID(), deps_.hostName);
@@ -143,7 +151,11 @@ void AppModel::accept(std::shared_ptr<Connection> connection, bool requiresAuth)
   auto run = [](std::weak_ptr<AppModel> weak, std::shared_ptr<HostSession> running,
                 UUID key) -> asio::awaitable<void> {
     co_await running->run();
-    if (const auto self = weak.lock()) self->candidates_.erase(key);
+    const auto self = weak.lock();
+    if (!self) co_return;
+    self->candidates_.erase(key);
+    if (!self->candidates_.empty()) co_return;
+    for (const auto& waiter : std::exchange(self->endWaiters_, {})) Wakeup::wake(waiter);
   };
   asio::co_spawn(main_, run(weak_from_this(), session, token), asio::detached);
 }

@@ -11,6 +11,7 @@
 #include "host/app/ListenerSupervisor.hpp"
 #include "host/app/NetworkPathWatch.hpp"
 #include "host/app/Settings.hpp"
+#include "kit/async/Wakeup.hpp"
 #include "host/session/HostSession.hpp"
 #include "host/session/PowerManaging.hpp"
 #include "kit/security/HostPairingService.hpp"
@@ -67,6 +68,9 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
   void start();
   // Stops listening and ends every session; for a clean exit of the process.
   void stop();
+  // Returns once every session has ended (after `stop`, their teardowns are over). On the main
+  // executor.
+  asio::awaitable<void> sessionsEnded();
   void setKeepDisplayAwake(bool value);
 
   // The observable state; `onChange` is called on the main executor after any of it changes.
@@ -106,6 +110,7 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
   std::shared_ptr<EncoderFactory> encoders_;
   std::shared_ptr<HostSession> session_;
   std::map<UUID, std::shared_ptr<HostSession>> candidates_;
+  std::vector<std::shared_ptr<Wakeup>> endWaiters_;  // woken when no session is left
   UUID sessionToken_;
   std::optional<UUID> sessionDeviceID_;
   std::vector<Task> tasks_;

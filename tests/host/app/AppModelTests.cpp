@@ -207,7 +207,11 @@ TEST(AppModel, TheLastDeviceToSignInIsLiveAndTheOneBeforeHearsWhoTookOver) {
     for (int i = 0; i < 100 && rig.model->hasLiveSession(); ++i) co_await sleepFor(10ms);
     EXPECT_FALSE(rig.model->hasLiveSession());
     EXPECT_EQ(rig.model->status()->phase, SessionStatus::Phase::ended);
-    silent->close();
+
+    // Stopping ends the sessions that are left; the model says when their teardowns are over.
+    rig.model->stop();
+    co_await rig.model->sessionsEnded();
+    EXPECT_EQ(rig.model->candidateCount(), 0u);
   });
 }
 
