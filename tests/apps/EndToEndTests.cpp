@@ -6,6 +6,8 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -40,12 +42,9 @@ std::optional<std::string> waitFor(const fs::path& file, const std::string& text
   while (std::chrono::steady_clock::now() < deadline) {
     const std::string content = readFile(file);
     std::size_t at = 0;
-    int seen = 0;
-    while ((at = content.find(text, at)) != std::string::npos) {
+    for (int seen = 0; (at = content.find(text, at)) != std::string::npos;) {
       at += text.size();
-      if (++seen < nth) continue;
-      const std::size_t end = content.find_first_of(" \n", at);
-      return content.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      if (++seen == nth) return content.substr(at, content.find_first_of(" \n", at) - at);
     }
     std::this_thread::sleep_for(100ms);
   }
@@ -65,10 +64,9 @@ std::optional<std::uint32_t> colourAt(const fs::path& file, int x, int y) {
 }
 
 bool near(std::uint32_t a, std::uint32_t b) {
-  for (int shift : {16, 8, 0}) {
-    if (std::abs(int((a >> shift) & 0xff) - int((b >> shift) & 0xff)) > 24) return false;
-  }
-  return true;
+  return std::ranges::all_of(std::array{16, 8, 0}, [&](int shift) {
+    return std::abs(int((a >> shift) & 0xff) - int((b >> shift) & 0xff)) <= 24;
+  });
 }
 
 // A device: a home of its own for the client's identity and paired hosts.
@@ -93,6 +91,10 @@ struct Device {
   std::string host() const {
     const std::string listed = run({"hosts"}).output;
     return listed.substr(0, listed.find(' '));
+  }
+  // Connects to that host at `address` for `seconds`.
+  std::vector<std::string> connect(const std::string& address, const std::string& seconds) const {
+    return {"connect", host(), "--address", address, "--seconds", seconds};
   }
 };
 
@@ -179,8 +181,9 @@ TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   painter.fill(0x20b040, 400, 300, 400, 300);
   InputRecorder window(host.display());
   const fs::path frame = ann.home.path() / "frame.png";
-  const auto streamed = ann.run({"connect", ann.host(), "--address", host.address(), "--seconds",
-                                 "3", "--save-frame", frame.string(), "--type", "hello, tovu"});
+  auto command = ann.connect(host.address(), "3");
+  command.insert(command.end(), {"--save-frame", frame.string(), "--type", "hello, tovu"});
+  const auto streamed = ann.run(command);
   ASSERT_TRUE(streamed.succeeded()) << streamed.output;
   EXPECT_NE(streamed.output.find("profile HEVC"), std::string::npos) << streamed.output;
   const auto topLeft = colourAt(frame, 200, 150), bottomRight = colourAt(frame, 600, 450);
@@ -241,8 +244,8 @@ TEST(EndToEnd, AStrangersHugeFramesBeforeHelloCostTheHostNothing) {
       [&](asio::io_context& io) -> asio::awaitable<void> {
         const auto port = std::uint16_t(std::stoi(host.address().substr(10)));
         const auto stranger = QUICConnection::dial(
-            io.get_executor(), {asio::ip::make_address("127.0.0.1"), port},
-            ServerTrust::unpinned(), {}, {opening(1), opening(2), {3}, {4}, opening(5)});
+            io.get_executor(), {asio::ip::make_address("127.0.0.1"), port}, ServerTrust::unpinned(),
+            {}, {opening(1), opening(2), {3}, {4}, opening(5)});
         ConnectionState last;
         while (auto state = co_await nextWithin(stranger->states(), 30s)) last = *state;
         EXPECT_EQ(last.kind, ConnectionState::Kind::failed);
@@ -261,21 +264,18 @@ TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {
   ASSERT_TRUE(bob.run({"pair", host.link(2), "--address", host.address()}).succeeded());
 
   const fs::path annLog = ann.home.path() / "connect.log";
-  auto watching =
-      ann.start({"connect", ann.host(), "--address", host.address(), "--seconds", "20"}, annLog);
+  auto watching = ann.start(ann.connect(host.address(), "20"), annLog);
   ASSERT_TRUE(waitFor(annLog, "Connected to", 1, 30s)) << readFile(annLog);
-  const auto takeover =
-      bob.run({"connect", bob.host(), "--address", host.address(), "--seconds", "2"});
+  const auto takeover = bob.run(bob.connect(host.address(), "2"));
   EXPECT_TRUE(takeover.succeeded()) << takeover.output;
   EXPECT_TRUE(waitFor(annLog, "Replaced by Bob's iPhone", 1, 10s)) << readFile(annLog);
 
   // A client killed mid-stream: the host frees its session and serves the next one.
   const fs::path bobLog = bob.home.path() / "connect.log";
-  auto killed =
-      bob.start({"connect", ann.host(), "--address", host.address(), "--seconds", "30"}, bobLog);
+  auto killed = bob.start(bob.connect(host.address(), "30"), bobLog);
   ASSERT_TRUE(waitFor(bobLog, "Connected to", 1, 30s)) << readFile(bobLog);
   ::kill(killed->pid(), SIGKILL);
-  const auto next = ann.run({"connect", ann.host(), "--address", host.address(), "--seconds", "2"});
+  const auto next = ann.run(ann.connect(host.address(), "2"));
   EXPECT_TRUE(next.succeeded()) << next.output;
 }
 
@@ -291,8 +291,7 @@ TEST(EndToEnd, PairsByComparingCodesThatThePersonAtTheHostConfirms) {
   EXPECT_EQ(hostCode->substr(0, 6), *clientCode);
   host.answer("y");
   EXPECT_TRUE(waitFor(log, "Paired with ", 1, 30s)) << readFile(log);
-  const auto streamed =
-      ann.run({"connect", ann.host(), "--address", host.address(), "--seconds", "1"});
+  const auto streamed = ann.run(ann.connect(host.address(), "1"));
   EXPECT_TRUE(streamed.succeeded()) << streamed.output;
 }
 

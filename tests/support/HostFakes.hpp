@@ -104,10 +104,9 @@ class FakeCapture : public CaptureSource {
   }
 
  private:
-  void record(const char* what, const DisplayInfo& display, const Viewport& viewport) {
+  void record(const char* what, const DisplayInfo& display, const Viewport& v) {
     all_->log.push_back(std::string(what) + " " + std::to_string(display.id) + " " +
-                        std::to_string(viewport.outputWidth) + "x" +
-                        std::to_string(viewport.outputHeight));
+                        std::to_string(v.outputWidth) + "x" + std::to_string(v.outputHeight));
   }
   std::shared_ptr<FakeCaptures> all_;
 };

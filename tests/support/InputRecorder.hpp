@@ -101,8 +101,8 @@ class InputRecorder {
     const xcb_setup_t* setup = xcb_get_setup(keymapConnection_);
     const auto count = std::uint8_t(setup->max_keycode - setup->min_keycode + 1);
     auto* reply = xcb_get_keyboard_mapping_reply(
-        keymapConnection_,
-        xcb_get_keyboard_mapping(keymapConnection_, setup->min_keycode, count), nullptr);
+        keymapConnection_, xcb_get_keyboard_mapping(keymapConnection_, setup->min_keycode, count),
+        nullptr);
     if (!reply) return 0;
     const xcb_keysym_t* symbols = xcb_get_keyboard_mapping_keysyms(reply);
     std::size_t found = 0;
@@ -139,48 +139,21 @@ class InputRecorder {
     }
   }
 
+  // Key, button and motion events share one layout; a mapping change reloads the keymap (a key
+  // given another character, or a new layout).
   void record(const xcb_generic_event_t& event) {
-    Event e;
-    switch (event.response_type & 0x7f) {
-      case XCB_MAPPING_NOTIFY:
-        loadKeymap();  // a key given another character, or a new layout
-        return;
-      case XCB_KEY_PRESS:
-      case XCB_KEY_RELEASE: {
-        const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
-        e.kind = (event.response_type & 0x7f) == XCB_KEY_PRESS ? Event::Kind::keyPress
-                                                               : Event::Kind::keyRelease;
-        e.detail = key.detail;
-        e.state = key.state;
-        if (state_ && e.kind == Event::Kind::keyPress) {
-          xkb_state_update_mask(state_, key.state & 0xFF, 0, 0, 0, 0, 0);
-          char buffer[64];
-          xkb_state_key_get_utf8(state_, key.detail, buffer, sizeof buffer);
-          e.text = buffer;
-          if (e.text == "\r") e.text = "\n";  // Return, as an editor takes it
-        }
-        break;
-      }
-      case XCB_BUTTON_PRESS:
-      case XCB_BUTTON_RELEASE: {
-        const auto& button = reinterpret_cast<const xcb_button_press_event_t&>(event);
-        e.kind = (event.response_type & 0x7f) == XCB_BUTTON_PRESS ? Event::Kind::buttonPress
-                                                                  : Event::Kind::buttonRelease;
-        e.detail = button.detail;
-        e.state = button.state;
-        e.x = button.root_x;
-        e.y = button.root_y;
-        break;
-      }
-      case XCB_MOTION_NOTIFY: {
-        const auto& motion = reinterpret_cast<const xcb_motion_notify_event_t&>(event);
-        e.state = motion.state;
-        e.x = motion.root_x;
-        e.y = motion.root_y;
-        break;
-      }
-      default:
-        return;
+    using enum Event::Kind;
+    const std::uint8_t type = event.response_type & 0x7f;
+    if (type == XCB_MAPPING_NOTIFY) loadKeymap();
+    if (type < XCB_KEY_PRESS || type > XCB_MOTION_NOTIFY) return;
+    const auto& input = reinterpret_cast<const xcb_key_press_event_t&>(event);
+    constexpr Event::Kind kinds[] = {keyPress, keyRelease, buttonPress, buttonRelease, motion};
+    Event e{kinds[type - XCB_KEY_PRESS], input.detail, input.state, input.root_x, input.root_y, {}};
+    if (state_ && e.kind == keyPress) {
+      xkb_state_update_mask(state_, input.state & 0xFF, 0, 0, 0, 0, 0);
+      char buffer[64];
+      xkb_state_key_get_utf8(state_, input.detail, buffer, sizeof buffer);
+      e.text = buffer == std::string("\r") ? "\n" : buffer;  // Return, as an editor takes it
     }
     {
       std::lock_guard guard(lock_);

@@ -1,7 +1,11 @@
+// The listener's supervision: its restarts with backoff, the port it keeps, and the network
+// changes that restart it.
+
 #include "host/app/ListenerSupervisor.hpp"
 
 #include <gtest/gtest.h>
 
+#include "host/app/NetworkPathWatch.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/ManualClock.hpp"
@@ -74,25 +78,6 @@ TEST(ListenerSupervisor, BacksOffFrom1To30Seconds) {
   for (int n = 0; n < 8; ++n) EXPECT_EQ(policy.delay(n), expected[n]) << n;
 }
 
-TEST(ListenerSupervisor, AFactoryThatAlwaysFailsIsRetriedWithGrowingDelays) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Rig rig(io);
-    rig.factory.works = [](Port) { return false; };
-    rig.supervisor->restart();
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(1, 1));
-    rig.clock.advance(1s);
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(2, 2));
-    rig.clock.advance(2s);
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(3, 4));
-    EXPECT_EQ(rig.supervisor->requestedPorts(),
-              (std::vector<Port>{std::nullopt, std::nullopt, std::nullopt}));
-    for (const auto& listener : rig.factory.made) EXPECT_EQ(listener->stops, 1);
-  });
-}
-
 TEST(ListenerSupervisor, KeepsItsPortTwiceThenTakesAny) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Rig rig(io);
@@ -127,12 +112,16 @@ TEST(ListenerSupervisor, APortAskedForIsKeptLikeOneThatWorked) {
     rig.factory.works = [](Port p) { return p != 4433; };  // somebody else has it
     rig.supervisor->restart();
     co_await settle();
+    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(1, 1));
     rig.clock.advance(1s);
     co_await settle();
+    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(2, 2));
     rig.clock.advance(2s);
     co_await settle();
     EXPECT_EQ(rig.supervisor->state(), ListenerState::advertising(5000));
     EXPECT_EQ(rig.supervisor->requestedPorts(), (std::vector<Port>{4433, 4433, std::nullopt}));
+    // Each listener that failed was stopped, once.
+    EXPECT_EQ(rig.factory.made[0]->stops + rig.factory.made[1]->stops, 2);
     CO_ASSERT_TRUE(rig.supervisor->abandonedPort().has_value());
     EXPECT_EQ(rig.supervisor->abandonedPort()->port, 4433);
     EXPECT_EQ(rig.supervisor->abandonedPort()->reason, "address in use");
@@ -172,15 +161,35 @@ TEST(ListenerSupervisor, ItsLoopEndsWithItsLastOwner) {
   });
 }
 
-TEST(ListenerSupervisor, OnlyComingOnlineOrNewInterfacesRestart) {
-  const NetworkPathSignature offline{false, {}};
-  const NetworkPathSignature wifi{true, {"eth0", "wlan0"}};
-  const NetworkPathSignature wired{true, {"eth0"}};
-  EXPECT_FALSE(pathChangeRequiresRestart(std::nullopt, wifi));
-  EXPECT_FALSE(pathChangeRequiresRestart(wifi, offline));
-  EXPECT_TRUE(pathChangeRequiresRestart(offline, wifi));
-  EXPECT_FALSE(pathChangeRequiresRestart(wifi, wifi));
-  EXPECT_TRUE(pathChangeRequiresRestart(wifi, wired));
+// The path is judged by the sorted names of its interfaces: coming online or another set of
+// interfaces restarts the listener; going offline or the same set in another order does not.
+TEST(NetworkPathWatch, RestartsTheListenerWhenTheNetworkComesBackOrItsInterfacesChange) {
+  const NetworkInterface wired{"eth0", "wiredEthernet"}, wifi{"wlan0", "wifi"};
+  const NetworkInterface secondWired{"eth1", "wiredEthernet"};
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    auto paths = std::make_shared<AsyncQueue<NetworkPath>>();
+    int restarts = 0;
+    NetworkPathWatch watch(io.get_executor(), paths, [&] { ++restarts; });
+    paths->push({true, {wired, wifi}});  // the first path only sets the scene
+    paths->push({true, {wifi, wired}});
+    paths->push({false, {}});
+    co_await settle();
+    EXPECT_EQ(restarts, 0);
+    paths->push({true, {wired}});  // back online
+    co_await settle();
+    EXPECT_EQ(restarts, 1);
+    paths->push({true, {wired, secondWired}});  // another interface, even of a kind already there
+    co_await settle();
+    EXPECT_EQ(restarts, 2);
+    paths->push({true, {secondWired}});  // one fewer
+    co_await settle();
+    EXPECT_EQ(restarts, 3);
+    watch.stop();
+    paths->push({false, {}});
+    paths->push({true, {wifi}});
+    co_await settle();
+    EXPECT_EQ(restarts, 3);
+  });
 }
 
 }  // namespace

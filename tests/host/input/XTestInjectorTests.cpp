@@ -45,9 +45,9 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
     InputRecorder recorder(x.name());
     // Text, whatever the layout has keys for and what it has not.
     injector.injectText(kOwner, text);
-    injector.injectText(kOwner, 
-        "a\x01\x7f"
-        "b");  // control characters are dropped
+    injector.injectText(kOwner,
+                        "a\x01\x7f"
+                        "b");  // control characters are dropped
     const auto typed = InputRecorder::typed(recorder.take());
     EXPECT_EQ(typed, text + "ab");
 
@@ -90,9 +90,7 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderUSGermanFrenchAndJapaneseLayouts
 TEST(XTestInjector, SpareKeysAreGivenBackWhenTheLayoutGroupChanges) {
   VirtualDisplay x(640, 480);
   SKIP_WITHOUT_DISPLAY(x);
-  if (!runCommand({"setxkbmap", "-display", x.name(), "us,de"}).succeeded()) {
-    GTEST_SKIP() << "setxkbmap cannot set us,de (x11-xkb-utils)";
-  }
+  if (!setLayout(x, "us,de")) GTEST_SKIP() << "setxkbmap cannot set us,de (x11-xkb-utils)";
   XTestInjector injector(x.name());
   InputRecorder recorder(x.name());
   injector.injectText(kOwner, "日");  // on a spare key
@@ -144,8 +142,10 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
 
   // A double click is two clicks in quick succession; a drag moves with the button down.
   for (int click = 1; click <= 2; ++click) {
-    injector.injectPointer(kOwner, pointer::button{PointerButton::left, true, std::uint8_t(click)}, {});
-    injector.injectPointer(kOwner, pointer::button{PointerButton::left, false, std::uint8_t(click)}, {});
+    injector.injectPointer(kOwner, pointer::button{PointerButton::left, true, std::uint8_t(click)},
+                           {});
+    injector.injectPointer(kOwner, pointer::button{PointerButton::left, false, std::uint8_t(click)},
+                           {});
   }
   injector.injectPointer(kOwner, pointer::button{PointerButton::right, true, 1}, {});
   injector.injectPointer(kOwner, pointer::moveRelative{-100, 0}, std::nullopt);
@@ -163,18 +163,20 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
 
   // Scrolling: 2 pixels a unit, 40 a wheel click; what is short of a click waits for the next
   // event of the gesture, and a new gesture starts afresh.
-  injector.injectPointer(kOwner, pointer::scroll{0, 30, ScrollPhase::began}, {});      // 60 px: 1 up
-  injector.injectPointer(kOwner, pointer::scroll{0, 10, ScrollPhase::changed}, {});    // 40 px: 1 up
-  injector.injectPointer(kOwner, pointer::scroll{-25, 0, ScrollPhase::momentum}, {});  // 50 px: 1 right
-  injector.injectPointer(kOwner, pointer::scroll{0, -5, ScrollPhase::began}, {});      // 10 px: none
-  injector.injectPointer(kOwner, pointer::scroll{0, -40, ScrollPhase::momentumEnded}, {});  // 90: 2 down
+  injector.injectPointer(kOwner, pointer::scroll{0, 30, ScrollPhase::began}, {});    // 60 px: 1 up
+  injector.injectPointer(kOwner, pointer::scroll{0, 10, ScrollPhase::changed}, {});  // 40 px: 1 up
+  injector.injectPointer(kOwner, pointer::scroll{-25, 0, ScrollPhase::momentum},
+                         {});                                                      // 50 px: 1 right
+  injector.injectPointer(kOwner, pointer::scroll{0, -5, ScrollPhase::began}, {});  // 10 px: none
+  injector.injectPointer(kOwner, pointer::scroll{0, -40, ScrollPhase::momentumEnded},
+                         {});  // 90: 2 down
   std::vector<int> wheel;
   for (const auto& e : only(recorder.take(), Kind::buttonPress)) wheel.push_back(e.detail);
   EXPECT_EQ(wheel, (std::vector<int>{4, 4, 7, 5, 5}));
 
   // The end of a session lets go of what it holds down, and of nothing another session holds.
   injector.injectPointer(kOwner, pointer::button{PointerButton::middle, true, 1}, {});
-  injector.injectKey(kOwner, {{0xE1}, true, {0x01}});  // left shift, held
+  injector.injectKey(kOwner, {{0xE1}, true, {0x01}});       // left shift, held
   injector.injectKey(kOtherOwner, {{0x04}, true, {0x01}});  // A, held by another session
   recorder.take();
   injector.release(kOwner);

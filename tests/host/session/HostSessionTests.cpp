@@ -33,19 +33,12 @@ class FakeGate : public AuthGate {
  public:
   std::optional<UUID> deviceID;
   std::optional<Data> publicKey;
-  bool started = false;
-  bool ended = false;
-  asio::awaitable<void> start() override {
-    started = true;
-    co_return;
-  }
+  bool started = false, ended = false;
+  asio::awaitable<void> start() override { co_return (void)(started = true); }
   asio::awaitable<Verdict> handle(const Message& m) override {
     co_return isAuthentication(m) ? Verdict::consumed : Verdict::proceed;
   }
-  asio::awaitable<void> connectionEnded() override {
-    ended = true;
-    co_return;
-  }
+  asio::awaitable<void> connectionEnded() override { co_return (void)(ended = true); }
   std::optional<UUID> authenticatedDeviceID() const override { return deviceID; }
   std::optional<Data> authenticatedPublicKey() const override { return publicKey; }
 };
@@ -80,29 +73,27 @@ struct Harness {
     });
   }
 
-  // The next message to the client; fails the test if none comes.
-  asio::awaitable<Message> expectMessage() {
-    auto m = co_await nextWithin(client->messages(), 5s);
-    if (!m) throw std::runtime_error("the session sent nothing");
-    co_return *m;
-  }
+  // The next message to the client, of type `Case`; fails the test if another or none comes.
   template <class Case>
   asio::awaitable<Case> expect() {
-    const Message m = co_await expectMessage();
-    if (!std::holds_alternative<Case>(m)) {
-      throw std::runtime_error("unexpected message of type " + std::to_string(typeCode(m)));
-    }
-    co_return std::get<Case>(m);
+    const auto m = co_await nextWithin(client->messages(), 5s);
+    if (!m) throw std::runtime_error("the session sent nothing");
+    if (const auto* found = std::get_if<Case>(&*m)) co_return *found;
+    throw std::runtime_error("unexpected message of type " + std::to_string(typeCode(*m)));
   }
   asio::awaitable<bool> silent() { co_return !co_await nextWithin(client->messages(), 300ms); }
 
-  // Through the opening of a session: helloAck, hostStatus, displayList, and the streamInfo of
-  // the main display.
-  asio::awaitable<msg::streamInfo> open() {
+  // Hello, and the session's helloAck, hostStatus and displayList; the list.
+  asio::awaitable<msg::displayList> greet() {
     client->send(hello(clientProfiles));
     co_await expect<msg::helloAck>();
     co_await expect<msg::hostStatus>();
-    co_await expect<msg::displayList>();
+    const auto list = co_await expect<msg::displayList>();
+    co_return list;
+  }
+  // Through the opening of a session, to the streamInfo of the main display.
+  asio::awaitable<msg::streamInfo> open() {
+    co_await greet();
     const auto info = co_await expect<msg::streamInfo>();
     co_return info;
   }
@@ -171,12 +162,10 @@ TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
     EXPECT_TRUE(h.power->held.empty());
     EXPECT_EQ(h.captures->log, (std::vector<std::string>{"start 1 1920x1080", "stop"}));
     EXPECT_TRUE(h.encoders->made->stopped);
-    EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::ended);
-    EXPECT_EQ(h.lastReport().displayName, "DP-1");
-    EXPECT_EQ(h.lastReport().width, 1920);
-    EXPECT_EQ(h.lastReport().deviceName, "Ann's iPad");
-    EXPECT_EQ(h.lastReport().profile, CodecProfile::hevcMain);
-    EXPECT_EQ(h.lastReport().targetBitrateMbps, 16);
+    const SessionStatus& r = h.lastReport();
+    EXPECT_EQ(std::tie(r.phase, r.displayName, r.width, r.deviceName, r.targetBitrateMbps),
+              std::tuple(SessionStatus::Phase::ended, "DP-1", 1920, "Ann's iPad", 16.0));
+    EXPECT_EQ(r.profile, CodecProfile::hevcMain);
   });
 }
 
@@ -349,13 +338,9 @@ TEST(HostSession, WithoutDisplaysTheSessionWaitsWithANote) {
     Harness h(io);
     h.displays->list.clear();
     h.start();
-    h.client->send(hello());
-    co_await h.expect<msg::helloAck>();
-    co_await h.expect<msg::hostStatus>();
-    const auto list = co_await h.expect<msg::displayList>();
+    const auto list = co_await h.greet();
     EXPECT_TRUE(list.displays.empty());
     co_await sleepFor(50ms);
-    EXPECT_FALSE(h.reports->empty());
     EXPECT_EQ(h.lastReport().note, "No displays available");
     EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::negotiating);
   });
@@ -481,10 +466,7 @@ TEST(HostSession, ACaptureThatFailsOrEndsIsReportedAndTheSessionGoesOn) {
     const std::string unavailable = "Display 1 is not available for capture.";
     h.captures->failure = unavailable;
     h.start();
-    h.client->send(hello());
-    co_await h.expect<msg::helloAck>();
-    co_await h.expect<msg::hostStatus>();
-    co_await h.expect<msg::displayList>();
+    co_await h.greet();
     const auto blocked = co_await h.expect<msg::hostStatus>();
     EXPECT_EQ(blocked, (msg::hostStatus{HostState::captureBlocked, unavailable}));
     EXPECT_EQ(h.lastReport().captureError, unavailable);

@@ -7,6 +7,9 @@
 #include <chrono>
 #include <thread>
 
+#include "host/video/VideoSink.hpp"
+#include "kit/transport/InMemoryConnection.hpp"
+
 namespace kelvaron::host {
 namespace {
 
@@ -69,6 +72,45 @@ TEST(VideoPipeline, RefreshesTheLastFrameOnceWhenTheScreenGoesStill) {
   pipeline->submit(frame(4));
   io.run_for(100ms);
   EXPECT_EQ(encoder->taken().size(), 4u);
+}
+VideoFrame encoded(bool key, std::size_t size = 100) {
+  VideoFrame f;
+  f.isKeyframe = key;
+  f.payload = Data(size, 7);
+  return f;
+}
+
+TEST(VideoSink, AfterARefusalOnlyAKeyFrameIsOffered) {
+  auto [client, host] = InMemoryConnection::makePair();
+  host->setMaxInFlight(1);
+  VideoSink sink(host);
+  int requests = 0;
+  sink.setKeyframeRequester([&] { ++requests; });
+
+  sink.handle(encoded(true, 300), 4.0);
+  EXPECT_EQ(sink.stats().framesSent, 1);
+  EXPECT_EQ(sink.stats().bytesSent, 300);
+  EXPECT_EQ(sink.stats().lastLatencyMs, 4.0);
+
+  sink.handle(encoded(false), 5.0);  // the client has not read: refused
+  EXPECT_EQ(sink.stats().framesDropped, 1);
+  EXPECT_TRUE(sink.stats().waitingForKeyframe);
+  EXPECT_EQ(requests, 1);
+
+  host->setMaxInFlight(3);
+  sink.handle(encoded(false), 5.0);  // room now, but undecodable behind the gap
+  EXPECT_EQ(sink.stats().framesDropped, 2);
+  EXPECT_EQ(client->videoFrames().count(), 1u);
+  EXPECT_EQ(requests, 1);
+
+  sink.handle(encoded(true), 6.0);
+  EXPECT_FALSE(sink.stats().waitingForKeyframe);
+  EXPECT_EQ(sink.stats().framesSent, 2);
+  EXPECT_EQ(client->videoFrames().count(), 2u);
+  host->setMaxInFlight(2);
+  sink.handle(encoded(true), 6.0);  // a refused key frame asks again
+  EXPECT_EQ(requests, 2);
+  EXPECT_TRUE(sink.stats().waitingForKeyframe);
 }
 
 }  // namespace
