@@ -18,7 +18,7 @@ host=$!
 pids+=($host)
 for _ in $(seq 1 120); do grep -q "^tovu://" "$work/host.log" && break; sleep 0.5; done
 display=$(sed -n 's/^tovu-host: virtual display \(:[0-9]*\)$/\1/p' "$work/host.log")
-port=$(sed -n 's/^tovu-host: listening on UDP port \([0-9]*\)$/\1/p' "$work/host.log" | head -1)
+port=$(sed -n 's/^tovu-host: listening on UDP port \([0-9]*\).*$/\1/p' "$work/host.log" | head -1)
 link=$(grep -m1 "^tovu://" "$work/host.log")
 DISPLAY=$display xterm -geometry 230x70+0+0 -e yes "a terminal that scrolls without pause" \
   >/dev/null 2>&1 &

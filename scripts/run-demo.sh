@@ -30,7 +30,7 @@ for _ in $(seq 1 120); do
   sleep 0.5
 done
 display=$(sed -n 's/^tovu-host: virtual display \(:[0-9]*\)$/\1/p' "$work/host.log")
-port=$(sed -n 's/^tovu-host: listening on UDP port \([0-9]*\)$/\1/p' "$work/host.log" | head -1)
+port=$(sed -n 's/^tovu-host: listening on UDP port \([0-9]*\).*$/\1/p' "$work/host.log" | head -1)
 link=$(grep -m1 "^tovu://" "$work/host.log" || true)
 if [ -z "$link" ] || [ -z "$port" ] || [ -z "$display" ]; then
   echo "The host did not come up; its log:" >&2
