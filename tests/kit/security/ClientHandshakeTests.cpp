@@ -55,26 +55,6 @@ TEST(ClientHandshake, AnswersTheChallengeAndPairsWithATokenInTwoMessages) {
   });
 }
 
-TEST(ClientHandshake, ComparisonRevealsItsNonceAndShowsTheCode) {
-  runAsync([](asio::io_context&) -> asio::awaitable<void> {
-    Exchange x(Purpose::pairByComparison());
-    x.handshake->handle(msg::authChallenge{Data(32, 1)});
-    co_await x.host->messages().next();
-    x.handshake->handle(msg::authResult{AuthResult::notPaired});
-    const auto request = std::get<msg::pairRequest>((co_await x.host->messages().next()).value());
-    EXPECT_EQ(request.method, PairMethod::compare);
-    const Data hostNonce(32, 9);
-    x.handshake->handle(msg::pairNonce{hostNonce});
-    const auto reveal = std::get<msg::pairReveal>((co_await x.host->messages().next()).value());
-    EXPECT_EQ(AuthCrypto::commitment(reveal.reveal), request.proof);
-    const auto code = AuthCrypto::comparisonCode(kFingerprint, x.identity.privateKey.publicKey(),
-                                                 hostNonce, reveal.reveal);
-    EXPECT_EQ(x.events, std::vector<Event>{Event::showCode(code)});
-    x.handshake->handle(msg::pairResult{PairResult::denied});
-    EXPECT_EQ(x.events.back(), Event::pairingFailed(PairResult::denied));
-  });
-}
-
 TEST(ClientHandshake, EndsWithTheRightWordsWhenThingsGoWrong) {
   runAsync([](asio::io_context&) -> asio::awaitable<void> {
     Exchange signIn(Purpose::authenticate());

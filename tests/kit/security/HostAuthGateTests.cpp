@@ -116,16 +116,13 @@ TEST(HostAuthGate, ANewDevicePairsByTokenAndThenSignsInBySignatureAlone) {
     const auto paired = co_await host.handshake(link, device, withToken, spaced);
     EXPECT_EQ(paired, Event::of(Event::Kind::authenticated));
     const auto stored = host.store->device(device.deviceID);
-    EXPECT_TRUE(stored);
-    if (stored) {
-      EXPECT_EQ(stored->name, "Ann's iPad");
-      EXPECT_EQ(stored->publicKey, device.privateKey.publicKey());
-      EXPECT_EQ(stored->lastSeen, host.clock.now());
-    }
+    CO_ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->name, "Ann's iPad");
+    EXPECT_EQ(stored->publicKey, device.privateKey.publicKey());
+    EXPECT_EQ(stored->lastSeen, host.clock.now());
     EXPECT_EQ(link.gate->authenticatedDeviceID(), device.deviceID);
-    EXPECT_TRUE(host.service->beginAttempt());  // the successful attempt gave its slot back
-    EXPECT_TRUE(host.service->beginAttempt());
-    EXPECT_TRUE(host.service->beginAttempt());
+    // The successful attempt gave its slot back.
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(host.service->beginAttempt());
 
     // Authenticated: authentication messages stay with the gate, the rest passes.
     link.client->send(msg::pairResult{PairResult::accepted});
@@ -148,12 +145,8 @@ TEST(HostAuthGate, PairingByComparisonShowsTheSameCodeOnBothSides) {
     const std::string blank = "   ";
     const auto accepted = co_await host.handshake(device, kCompare, blank);
     EXPECT_EQ(accepted, Event::of(Event::Kind::authenticated));
-    EXPECT_EQ(host.codes.size(), 1u);
-    EXPECT_EQ(host.confirmer->shown.size(), 1u);
-    if (!host.codes.empty() && !host.confirmer->shown.empty()) {
-      EXPECT_EQ(host.confirmer->shown[0].second, host.codes[0]);
-      EXPECT_EQ(host.confirmer->shown[0].first, "Unknown device");
-    }
+    CO_ASSERT_TRUE(host.codes.size() == 1 && host.confirmer->shown.size() == 1);
+    EXPECT_EQ(host.confirmer->shown[0], std::pair(std::string("Unknown device"), host.codes[0]));
     EXPECT_EQ(host.store->device(device.deviceID)->name, "Unknown device");
 
     host.confirmer->answer = false;

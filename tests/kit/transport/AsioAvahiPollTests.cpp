@@ -114,10 +114,7 @@ TEST(AsioAvahiPoll, TwoWatchesOfOneDescriptorBothWorkAndFreeingThemLeavesItOpen)
     // As D-Bus does: one watch for reading, one for writing, on the same socket.
     Observer reading(strand), writing(strand);
     reading.api = writing.api = poll.api();
-    reading.onWatch = [&](AvahiWatch* watch, int) {
-      poll.api()->watch_update(watch, AvahiWatchEvent{});
-    };
-    writing.onWatch = [&](AvahiWatch* watch, int) {
+    reading.onWatch = writing.onWatch = [&](AvahiWatch* watch, int) {
       poll.api()->watch_update(watch, AvahiWatchEvent{});
     };
     AvahiWatch* in = poll.api()->watch_new(poll.api(), pair[0], AVAHI_WATCH_IN,

@@ -14,40 +14,26 @@ namespace {
 
 using namespace test;
 
-TEST(AsyncQueue, DrainsWhatWasQueuedBeforeItsEnd) {
-  runAsync([](asio::io_context&) -> asio::awaitable<void> {
+TEST(AsyncQueue, AReaderGetsEveryItemThenTheEndAndATimeoutLosesNothing) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     AsyncQueue<int> queue;
+    EXPECT_EQ(co_await nextWithin(queue, 20ms), std::nullopt);  // read cancelled by the timeout
+    asio::steady_timer later(io, 20ms);
+    later.async_wait([&](auto) { queue.push(7); });
+    EXPECT_EQ(co_await queue.next(), 7);  // a waiting reader is resumed by a push
     queue.push(1);
+    EXPECT_EQ(queue.count(), 1u);  // no stale waiter took it
     queue.push(2);
     queue.finish();
     queue.push(3);  // dropped: the queue has ended
-    EXPECT_EQ(queue.count(), 2u);
     EXPECT_EQ(co_await queue.next(), 1);
     EXPECT_EQ(co_await queue.next(), 2);
     EXPECT_EQ(co_await queue.next(), std::nullopt);
     EXPECT_EQ(co_await queue.next(), std::nullopt);
-  });
-}
-
-TEST(AsyncQueue, AWaitingReaderIsResumedByPushAndByFinish) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    AsyncQueue<int> queue;
-    asio::steady_timer later(io, 20ms);
-    later.async_wait([&](auto) { queue.push(7); });
-    EXPECT_EQ(co_await queue.next(), 7);
+    AsyncQueue<int> ending;
     asio::steady_timer end(io, 20ms);
-    end.async_wait([&](auto) { queue.finish(); });
-    EXPECT_EQ(co_await queue.next(), std::nullopt);
-  });
-}
-
-TEST(AsyncQueue, ACancelledReaderResumesWithNothingAndLosesNoItem) {
-  runAsync([](asio::io_context&) -> asio::awaitable<void> {
-    AsyncQueue<int> queue;
-    EXPECT_EQ(co_await nextWithin(queue, 20ms), std::nullopt);  // read cancelled by the timeout
-    queue.push(5);
-    EXPECT_EQ(queue.count(), 1u);  // no stale waiter took it
-    EXPECT_EQ(co_await queue.next(), 5);
+    end.async_wait([&](auto) { ending.finish(); });
+    EXPECT_EQ(co_await ending.next(), std::nullopt);  // and by finish
   });
 }
 

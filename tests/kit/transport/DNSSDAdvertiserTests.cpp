@@ -16,7 +16,6 @@ using namespace test;
 const UUID kHostID = *UUID::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e5f");
 // Service names as avahi-browse prints them, with a space, say, as \032.
 const std::string kTestHost = "Test\\032Host";
-const std::string kAlternative = "Test\\032Host\\032\\0352";  // "Test Host #2"
 const std::string kAnonymous = "Anonymous";
 
 // The resolved lines of `avahi-browse -rpt _tovu._udp`, an independent client of the same daemon:
@@ -61,50 +60,35 @@ asio::awaitable<std::vector<std::string>> browseUntilListed(const std::string& e
   DiscoveryNetwork network{__VA_ARGS__};      \
   if (!network.problem().empty()) GTEST_SKIP() << network.problem()
 
+// An independent client of the same daemon sees each service with its port and, if it has one,
+// its host ID; a service is withdrawn with its advertiser. (The alternative name a second
+// service of the same name takes is seen through QUICHostBrowser.)
 TEST(DNSSDAdvertiser, AnotherClientSeesTheServiceWithItsPortAndHostID) {
   START_DISCOVERY_NETWORK(network);
   runAsync(
       [](asio::io_context& io) -> asio::awaitable<void> {
         auto advertiser = std::make_unique<DNSSDAdvertiser>(makeStrand(io.get_executor()),
                                                             "Test Host", 4433, kHostID);
-        const auto lines = co_await browseUntilListed(kTestHost);
-        CO_ASSERT_TRUE(listsService(lines, kTestHost));
-        const std::string& line = lines.front();
-        EXPECT_NE(line.find(";10.77.0.1;4433;"), std::string::npos) << line;
-        EXPECT_TRUE(line.ends_with(";\"id=E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"")) << line;
+        DNSSDAdvertiser anonymous(makeStrand(io.get_executor()), "Anonymous", 4434, std::nullopt);
+        const std::function<bool(const std::vector<std::string>&)> both = [](const auto& lines) {
+          return listsService(lines, kTestHost) && listsService(lines, kAnonymous);
+        };
+        const auto lines = co_await browseUntil(both);
+        CO_ASSERT_TRUE(both(lines));
+        for (const std::string& line : lines) {
+          if (listsService({line}, kTestHost)) {
+            EXPECT_NE(line.find(";10.77.0.1;4433;"), std::string::npos) << line;
+            EXPECT_TRUE(line.ends_with(";\"id=E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"")) << line;
+          } else {
+            EXPECT_TRUE(line.ends_with(";4434;")) << line;
+          }
+        }
 
         advertiser.reset();  // withdraws it
         const std::function<bool(const std::vector<std::string>&)> withdrawn =
             [](const auto& current) { return !listsService(current, kTestHost); };
         const auto after = co_await browseUntil(withdrawn);
         EXPECT_FALSE(listsService(after, kTestHost));
-      },
-      30s);
-}
-
-TEST(DNSSDAdvertiser, WithoutAHostIDTheRecordIsEmpty) {
-  START_DISCOVERY_NETWORK(network);
-  runAsync(
-      [](asio::io_context& io) -> asio::awaitable<void> {
-        DNSSDAdvertiser advertiser(makeStrand(io.get_executor()), "Anonymous", 4433, std::nullopt);
-        const auto lines = co_await browseUntilListed(kAnonymous);
-        CO_ASSERT_TRUE(listsService(lines, kAnonymous));
-        EXPECT_TRUE(lines.front().ends_with(";4433;")) << lines.front();
-      },
-      30s);
-}
-
-TEST(DNSSDAdvertiser, ASecondServiceOfTheSameNameTakesAnAlternativeOne) {
-  START_DISCOVERY_NETWORK(network);
-  runAsync(
-      [](asio::io_context& io) -> asio::awaitable<void> {
-        DNSSDAdvertiser first(makeStrand(io.get_executor()), "Test Host", 4433, kHostID);
-        const auto one = co_await browseUntilListed(kTestHost);
-        CO_ASSERT_TRUE(listsService(one, kTestHost));
-        DNSSDAdvertiser second(makeStrand(io.get_executor()), "Test Host", 4434, std::nullopt);
-        const auto both = co_await browseUntilListed(kAlternative);
-        EXPECT_TRUE(listsService(both, kTestHost)) << testing::PrintToString(both);
-        EXPECT_TRUE(listsService(both, kAlternative)) << testing::PrintToString(both);
       },
       30s);
 }

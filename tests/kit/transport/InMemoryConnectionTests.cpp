@@ -31,8 +31,6 @@ TEST(InMemoryConnection, MessagesArriveInSendOrderWhateverTheirChannel) {
     }
     for (const Message& expected : sent) EXPECT_EQ(co_await b->messages().next(), expected);
     EXPECT_EQ(co_await b->states().next(), ConnectionState::ready());
-    EXPECT_FALSE(a->peerCertificateFingerprint());
-    EXPECT_FALSE(a->tlsExporter());
   });
 }
 

@@ -137,16 +137,12 @@ TEST(InterfaceTable, AMalformedMessageIsSkippedAndTheRestOfItsDatagramCounts) {
   EXPECT_EQ(table.path(), (NetworkPath{true, {{"eth0", "wiredEthernet"}}}));
 }
 
-TEST(InterfaceTable, AMessageLongerThanItsDatagramEndsTheDatagram) {
+TEST(InterfaceTable, ADumpEndsWithItsDoneOrAnErrorAndAnOverlongMessageEndsItsDatagram) {
   auto table = makeTable();
   Data overlong = link(RTM_NEWLINK, 2, kUp, "eth0");
   overlong[0] = 0xff;  // nlmsg_len, little-endian
   EXPECT_FALSE(table.apply(datagram({overlong, done()})));
   EXPECT_EQ(table.path(), kOffline);
-}
-
-TEST(InterfaceTable, ADumpEndsWithItsDoneOrAnError) {
-  auto table = makeTable();
   EXPECT_FALSE(table.apply(link(RTM_NEWLINK, 2, kUp, "eth0")));
   EXPECT_TRUE(table.apply(datagram({address(RTM_NEWADDR, 2, kIPv4), done()})));
   EXPECT_TRUE(table.apply(message(NLMSG_ERROR, Data(sizeof(nlmsgerr)))));

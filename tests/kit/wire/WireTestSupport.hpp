@@ -50,14 +50,22 @@ inline Message decodeOne(const Data& bytes) {
   return *message;
 }
 
-// The error that decoding this frame raises; fails the test if it decodes.
-inline WireError decodeError(const Data& bytes) {
+// The error that the next `read` of `decoder` raises; fails the test if it raises none.
+template <class Read = decltype(&WireDecoder::nextMessage)>
+WireError decodeError(WireDecoder& decoder, Read read = &WireDecoder::nextMessage) {
   try {
-    decodeOne(bytes);
+    (decoder.*read)();
   } catch (const WireError& e) {
     return e;
   }
-  throw std::runtime_error("frame decoded without error");
+  throw std::runtime_error("read without error");
+}
+
+// The error that decoding this frame raises.
+inline WireError decodeError(const Data& bytes) {
+  WireDecoder decoder;
+  decoder.append(bytes);
+  return decodeError(decoder);
 }
 
 }  // namespace kelvaron::test
