@@ -4,12 +4,16 @@
 #include <libyuv/planar_functions.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <deque>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 
 #include "host/video/CaptureClock.hpp"
 #include "host/video/CodecProfileNames.hpp"
 #include "host/video/HEVCBitstream.hpp"
+#include "kit/log/Logger.hpp"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -107,6 +111,19 @@ int packetQP(const AVPacket& packet) {
   return int(AV_RL32(stats) / FF_QP2LAMBDA);
 }
 
+struct Job {
+  CapturedFrame frame;
+  bool forceKeyframe = false;
+  bool highQuality = false;
+};
+
+// A frame handed to the codec, until its packet comes back.
+struct Pending {
+  std::uint64_t pts = 0;
+  std::uint64_t number = 0;
+  Job job;
+};
+
 }  // namespace
 
 LibavBackend LibavBackend::libx265() {
@@ -130,8 +147,10 @@ std::vector<LibavBackend> LibavBackend::hardware() {
           {"hevc_qsv", {{"preset", "veryfast"}, {"async_depth", "1"}, {"forced_idr", "1"}}}};
 }
 
+namespace {
+
 // One opened codec context for one size, profile and rate.
-class LibavHEVCEncoder::Session {
+class Session {
  public:
   struct Output {
     Pending frame;
@@ -282,20 +301,84 @@ class LibavHEVCEncoder::Session {
   std::deque<Pending> pending_;
 };
 
+}  // namespace
+
+class LibavHEVCEncoder::Core {
+ public:
+  Core(LibavBackend backend, CodecProfile profile, std::int64_t bitsPerSecond,
+       EncoderOutputHandler output)
+      : backend_(std::move(backend)),
+        output_(std::move(output)),
+        bitrate_(bitsPerSecond),
+        activeProfile_(profile) {}
+
+  // From any thread.
+  void encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality);
+  void requestKeyframe();
+  void setBitrate(std::int64_t bitsPerSecond);
+  void stop();
+
+  // The encoding thread: frames until `stop`.
+  void run();
+
+ private:
+  void process(const Job& job);
+  bool ensureSession(int width, int height, bool keyframeDue);
+  void deliver(const Pending& frame, std::span<const std::uint8_t> bytes, bool keyframe);
+  bool verify(const Job& job, std::span<const std::uint8_t> packet);
+  void fallBack(const Job& job, CodecProfile from);
+  void emit(EncoderOutput output);
+  bool takeForceNext();
+  std::int64_t currentBitrate();
+
+  const LibavBackend backend_;
+  const EncoderOutputHandler output_;
+  Logger log_{"io.dovka.tovu.host", "encoder"};
+
+  // Shared with the callers' threads.
+  std::mutex lock_;
+  std::condition_variable wake_;
+  std::optional<Job> pending_;
+  bool stopped_ = false;
+  bool forceNext_ = true;
+  std::int64_t bitrate_;
+
+  // The encoding thread's own.
+  CodecProfile activeProfile_;
+  std::unique_ptr<Session> session_;
+  std::optional<std::string> sessionError_;
+  bool verified_ = false;
+  std::uint64_t frameNumber_ = 0;
+  std::uint64_t lastPTS_ = 0;
+  int lastQP_ = 0;
+};
+
 LibavHEVCEncoder::LibavHEVCEncoder(LibavBackend backend, CodecProfile profile,
                                    std::int64_t bitsPerSecond, EncoderOutputHandler output)
-    : backend_(std::move(backend)),
-      output_(std::move(output)),
-      bitrate_(bitsPerSecond),
-      activeProfile_(profile),
-      worker_([this] { run(); }) {}
+    : core_(std::make_shared<Core>(std::move(backend), profile, bitsPerSecond, std::move(output))),
+      worker_([core = core_] { core->run(); }) {}
 
 LibavHEVCEncoder::~LibavHEVCEncoder() {
   stop();
-  if (worker_.joinable()) worker_.detach();  // only when the encoding thread itself let go last
+  // Only when the encoding thread itself let go last: it finishes on the core, which it holds.
+  if (worker_.joinable()) worker_.detach();
 }
 
 void LibavHEVCEncoder::encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality) {
+  core_->encode(frame, forceKeyframe, highQuality);
+}
+
+void LibavHEVCEncoder::requestKeyframe() { core_->requestKeyframe(); }
+
+void LibavHEVCEncoder::setBitrate(std::int64_t bitsPerSecond) { core_->setBitrate(bitsPerSecond); }
+
+void LibavHEVCEncoder::stop() {
+  core_->stop();
+  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+}
+
+void LibavHEVCEncoder::Core::encode(const CapturedFrame& frame, bool forceKeyframe,
+                                    bool highQuality) {
   if (!frame.pixelBuffer) return;
   {
     std::lock_guard guard(lock_);
@@ -308,27 +391,26 @@ void LibavHEVCEncoder::encode(const CapturedFrame& frame, bool forceKeyframe, bo
   wake_.notify_one();
 }
 
-void LibavHEVCEncoder::requestKeyframe() {
+void LibavHEVCEncoder::Core::requestKeyframe() {
   std::lock_guard guard(lock_);
   forceNext_ = true;
 }
 
-void LibavHEVCEncoder::setBitrate(std::int64_t bitsPerSecond) {
+void LibavHEVCEncoder::Core::setBitrate(std::int64_t bitsPerSecond) {
   std::lock_guard guard(lock_);
   bitrate_ = bitsPerSecond;
 }
 
-void LibavHEVCEncoder::stop() {
+void LibavHEVCEncoder::Core::stop() {
   {
     std::lock_guard guard(lock_);
     stopped_ = true;
     pending_.reset();
   }
   wake_.notify_one();
-  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
 }
 
-void LibavHEVCEncoder::run() {
+void LibavHEVCEncoder::Core::run() {
   for (;;) {
     Job job;
     {
@@ -343,17 +425,17 @@ void LibavHEVCEncoder::run() {
   session_.reset();
 }
 
-bool LibavHEVCEncoder::takeForceNext() {
+bool LibavHEVCEncoder::Core::takeForceNext() {
   std::lock_guard guard(lock_);
   return std::exchange(forceNext_, false);
 }
 
-std::int64_t LibavHEVCEncoder::currentBitrate() {
+std::int64_t LibavHEVCEncoder::Core::currentBitrate() {
   std::lock_guard guard(lock_);
   return bitrate_;
 }
 
-void LibavHEVCEncoder::process(const Job& job) {
+void LibavHEVCEncoder::Core::process(const Job& job) {
   const PixelBuffer& picture = *job.frame.pixelBuffer;
   bool keyframeDue;
   {
@@ -388,7 +470,7 @@ void LibavHEVCEncoder::process(const Job& job) {
   }
 }
 
-bool LibavHEVCEncoder::ensureSession(int width, int height, bool keyframeDue) {
+bool LibavHEVCEncoder::Core::ensureSession(int width, int height, bool keyframeDue) {
   const std::int64_t bitrate = currentBitrate();
   if (session_ && session_->width == width && session_->height == height &&
       !(keyframeDue && session_->bitrate != bitrate)) {
@@ -418,7 +500,7 @@ bool matchesProfile(const std::vector<hevc::NALUnit>& units, CodecProfile profil
   return format == expectedFormat(profile);
 }
 
-bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> packet) {
+bool LibavHEVCEncoder::Core::verify(const Job& job, std::span<const std::uint8_t> packet) {
   const CodecProfile profile = session_->profile;
   if (!matchesProfile(hevc::splitAnnexB(packet), profile)) {
     fallBack(job, profile);
@@ -430,7 +512,7 @@ bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> pack
   return true;
 }
 
-void LibavHEVCEncoder::fallBack(const Job& job, CodecProfile from) {
+void LibavHEVCEncoder::Core::fallBack(const Job& job, CodecProfile from) {
   if (from == CodecProfile::hevcMain || from != activeProfile_) {
     emit(encoderOutput::failed{std::string("encoder produced a stream that does not match ") +
                                profileCaseName(from)});
@@ -443,8 +525,8 @@ void LibavHEVCEncoder::fallBack(const Job& job, CodecProfile from) {
   process(Job{job.frame, true, false});
 }
 
-void LibavHEVCEncoder::deliver(const Pending& frame, std::span<const std::uint8_t> bytes,
-                               bool keyframe) {
+void LibavHEVCEncoder::Core::deliver(const Pending& frame, std::span<const std::uint8_t> bytes,
+                                     bool keyframe) {
   std::vector<SharedBytes> parameterSets;
   std::vector<hevc::NALUnit> picture;
   for (hevc::NALUnit unit : hevc::splitAnnexB(bytes)) {
@@ -471,7 +553,7 @@ void LibavHEVCEncoder::deliver(const Pending& frame, std::span<const std::uint8_
   emit(encoderOutput::frame{std::move(video), latencyMs});
 }
 
-void LibavHEVCEncoder::emit(EncoderOutput output) {
+void LibavHEVCEncoder::Core::emit(EncoderOutput output) {
   {
     std::lock_guard guard(lock_);
     if (stopped_) return;

@@ -7,7 +7,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <latch>
 #include <mutex>
+#include <thread>
 
 #include "client/VideoDecoder.hpp"
 #include "host/video/CaptureClock.hpp"
@@ -136,6 +138,31 @@ TEST(LibavHEVCEncoder, OutputCheckTellsProfilesApart) {
   for (const auto& set : fullKey.parameterSets) units.push_back(set.span());
   EXPECT_TRUE(matchesProfile(units, CodecProfile::hevcMain444));
   EXPECT_FALSE(matchesProfile(units, CodecProfile::hevcMain));
+}
+
+// The last owner may let go from the output handler, on the encoding thread: nothing the encoder
+// leaves behind may be touched after it is gone (the sanitizer build watches).
+TEST(LibavHEVCEncoder, MayBeReleasedFromItsOwnOutputHandler) {
+  std::shared_ptr<LibavHEVCEncoder> owner;
+  std::latch onlyOwnerLeft(1);
+  auto handlerLife = std::make_shared<int>(0);
+  const std::weak_ptr<int> handlerAlive = handlerLife;
+  auto encoder = std::make_shared<LibavHEVCEncoder>(
+      LibavBackend::libx265(), CodecProfile::hevcMain, 4000000,
+      [&owner, &onlyOwnerLeft, life = std::move(handlerLife)](EncoderOutput) {
+        onlyOwnerLeft.wait();
+        owner.reset();
+      });
+  owner = encoder;
+  encoder->encode(captured(desktopPicture(320, 192)), false, false);
+  encoder.reset();
+  onlyOwnerLeft.count_down();
+
+  // The handler goes when the encoding thread has let go of everything.
+  for (int i = 0; i < 1000 && !handlerAlive.expired(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(handlerAlive.expired());
 }
 
 TEST(LibavEncoderFactory, ProbeFindsWhatLibx265Produces) {
