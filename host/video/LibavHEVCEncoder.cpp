@@ -27,8 +27,10 @@ namespace kelvaron::host {
 namespace {
 
 constexpr int kExpectedFrameRate = 60;
-constexpr int kMaxKeyFrameInterval = 7200;  // frames; key frames come when asked for
-constexpr int kHighQualityQP = 20;          // the quantiser limit of the idle refresh
+// Key frames come when asked for, and at the latest after 7200 frames or two minutes.
+constexpr int kMaxKeyFrameInterval = 7200;
+constexpr std::uint64_t kMaxKeyFrameIntervalNs = 120'000'000'000;
+constexpr int kHighQualityQP = 20;  // the quantiser limit of the idle refresh
 constexpr int kLargestQPOffset = 25;
 
 std::string avError(int code) {
@@ -350,6 +352,7 @@ class LibavHEVCEncoder::Core {
   bool verified_ = false;
   std::uint64_t frameNumber_ = 0;
   std::uint64_t lastPTS_ = 0;
+  std::uint64_t lastKeyframePTS_ = 0;
   int lastQP_ = 0;
 };
 
@@ -437,19 +440,23 @@ std::int64_t LibavHEVCEncoder::Core::currentBitrate() {
 
 void LibavHEVCEncoder::Core::process(const Job& job) {
   const PixelBuffer& picture = *job.frame.pixelBuffer;
+  const std::uint64_t time = job.highQuality ? monotonicRawNs() : job.frame.captureTimeNs;
+  const std::uint64_t pts =
+      std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
+  // The libx265 limit counts frames, and a desktop at rest sends few: time is counted here.
+  const bool overdue = pts - lastKeyframePTS_ >= kMaxKeyFrameIntervalNs;
   bool keyframeDue;
   {
     std::lock_guard guard(lock_);
-    keyframeDue = forceNext_ || job.forceKeyframe;
+    keyframeDue = forceNext_ || job.forceKeyframe || overdue;
   }
   if (!ensureSession(picture.width, picture.height, keyframeDue)) {
     emit(encoderOutput::failed{sessionError_.value_or("encoder session unavailable")});
     return;
   }
-  const bool keyframe = takeForceNext() || job.forceKeyframe;
+  const bool keyframe = takeForceNext() || job.forceKeyframe || overdue;
   const std::uint64_t number = ++frameNumber_;
-  const std::uint64_t time = job.highQuality ? monotonicRawNs() : job.frame.captureTimeNs;
-  lastPTS_ = std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
+  lastPTS_ = pts;
   const int qpOffset = job.highQuality && lastQP_ > kHighQualityQP ? kHighQualityQP - lastQP_ : 0;
 
   std::vector<Session::Output> outputs;
@@ -466,6 +473,7 @@ void LibavHEVCEncoder::Core::process(const Job& job) {
                                               std::size_t(output.packet->size));
     if (!verified_ && !verify(output.frame.job, bytes)) return;
     const bool key = output.packet->flags & AV_PKT_FLAG_KEY;
+    if (key) lastKeyframePTS_ = output.frame.pts;
     deliver(output.frame, bytes, key);
   }
 }

@@ -140,6 +140,23 @@ TEST(LibavHEVCEncoder, OutputCheckTellsProfilesApart) {
   EXPECT_FALSE(matchesProfile(units, CodecProfile::hevcMain));
 }
 
+constexpr std::uint64_t kStreamStart = 5'000'000'000'000;  // any capture time
+constexpr std::uint64_t kSecond = 1'000'000'000;
+
+// A stream that never asks for a key frame still gets one two minutes of its time after the last.
+TEST(LibavHEVCEncoder, SendsAKeyFrameAtLeastEveryTwoMinutes) {
+  Outputs outputs;
+  LibavHEVCEncoder encoder(LibavBackend::libx265(), CodecProfile::hevcMain, 4000000,
+                           outputs.handler());
+  const auto picture = desktopPicture(320, 192);
+  std::vector<std::uint64_t> keyframeSeconds;
+  for (const std::uint64_t second : {0, 30, 60, 90, 119, 120, 150, 239, 241}) {
+    encoder.encode({picture, 0, {0, 0, 1, 1}, kStreamStart + second * kSecond}, false, false);
+    if (outputs.nextFrame().isKeyframe) keyframeSeconds.push_back(second);
+  }
+  EXPECT_EQ(keyframeSeconds, (std::vector<std::uint64_t>{0, 120, 241}));
+}
+
 // The last owner may let go from the output handler, on the encoding thread: nothing the encoder
 // leaves behind may be touched after it is gone (the sanitizer build watches).
 TEST(LibavHEVCEncoder, MayBeReleasedFromItsOwnOutputHandler) {
