@@ -30,6 +30,8 @@ constexpr int kExpectedFrameRate = 60;
 // Key frames come when asked for, and at the latest after 7200 frames or two minutes.
 constexpr int kMaxKeyFrameInterval = 7200;
 constexpr std::uint64_t kMaxKeyFrameIntervalNs = 120'000'000'000;
+// The least time from a key frame to one that only a new rate brings.
+constexpr std::uint64_t kRateChangeSpacingNs = 1'000'000'000;
 constexpr int kHighQualityQP = 20;  // the quantiser limit of the idle refresh
 constexpr int kLargestQPOffset = 25;
 
@@ -325,7 +327,7 @@ class LibavHEVCEncoder::Core {
 
  private:
   void process(const Job& job);
-  bool ensureSession(int width, int height, bool keyframeDue);
+  bool ensureSession(int width, int height, bool rateMayChange);
   void deliver(const Pending& frame, std::span<const std::uint8_t> bytes, bool keyframe);
   bool verify(const Job& job, std::span<const std::uint8_t> packet);
   void fallBack(const Job& job, CodecProfile from);
@@ -444,13 +446,17 @@ void LibavHEVCEncoder::Core::process(const Job& job) {
   const std::uint64_t pts =
       std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
   // The libx265 limit counts frames, and a desktop at rest sends few: time is counted here.
-  const bool overdue = pts - lastKeyframePTS_ >= kMaxKeyFrameIntervalNs;
+  const std::uint64_t sinceKeyframe = pts - lastKeyframePTS_;
+  const bool overdue = sinceKeyframe >= kMaxKeyFrameIntervalNs;
   bool keyframeDue;
   {
     std::lock_guard guard(lock_);
     keyframeDue = forceNext_ || job.forceKeyframe || overdue;
   }
-  if (!ensureSession(picture.width, picture.height, keyframeDue)) {
+  // A new rate takes a new codec session, which opens with a key frame: it comes with a key frame
+  // due anyway, or a second after the last one, so that rate changes cannot bring a storm of them.
+  const bool rateMayChange = keyframeDue || sinceKeyframe >= kRateChangeSpacingNs;
+  if (!ensureSession(picture.width, picture.height, rateMayChange)) {
     emit(encoderOutput::failed{sessionError_.value_or("encoder session unavailable")});
     return;
   }
@@ -478,10 +484,10 @@ void LibavHEVCEncoder::Core::process(const Job& job) {
   }
 }
 
-bool LibavHEVCEncoder::Core::ensureSession(int width, int height, bool keyframeDue) {
+bool LibavHEVCEncoder::Core::ensureSession(int width, int height, bool rateMayChange) {
   const std::int64_t bitrate = currentBitrate();
   if (session_ && session_->width == width && session_->height == height &&
-      !(keyframeDue && session_->bitrate != bitrate)) {
+      !(rateMayChange && session_->bitrate != bitrate)) {
     return true;
   }
   session_.reset();

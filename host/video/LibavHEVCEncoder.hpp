@@ -36,9 +36,9 @@ class LibavHEVCEncoder : public VideoEncoder {
 
   void encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality) override;
   void requestKeyframe() override;
-  // libavcodec 5.1 cannot change a running encoder's rate, so the new rate takes effect with the
-  // next key frame, which then opens a new codec session. A drop, the usual cause of a lower rate,
-  // brings that key frame anyway.
+  // libavcodec 5.1's libx265 takes a rate only when a codec session opens, and a session opens
+  // with a key frame: the new rate comes with the next key frame that is due anyway, and at the
+  // latest a second of stream time after the last one.
   void setBitrate(std::int64_t bitsPerSecond) override;
   void stop() override;
 

@@ -9,6 +9,8 @@
 #include <deque>
 #include <latch>
 #include <mutex>
+#include <numeric>
+#include <random>
 #include <thread>
 
 #include "client/VideoDecoder.hpp"
@@ -155,6 +157,62 @@ TEST(LibavHEVCEncoder, SendsAKeyFrameAtLeastEveryTwoMinutes) {
     if (outputs.nextFrame().isKeyframe) keyframeSeconds.push_back(second);
   }
   EXPECT_EQ(keyframeSeconds, (std::vector<std::uint64_t>{0, 120, 241}));
+}
+
+// Pictures of noise: every rate is spent on them, so what comes out measures the rate in force.
+std::vector<PixelBufferRef> noisePictures(int count) {
+  std::mt19937 random(7);
+  std::vector<PixelBufferRef> pictures;
+  for (int i = 0; i < count; ++i) {
+    auto picture = std::make_shared<PixelBuffer>(PixelBuffer{320, 192, 320 * 4, {}});
+    picture->bytes.resize(std::size_t(picture->stride) * 192);
+    for (auto& byte : picture->bytes) byte = std::uint8_t(random());
+    pictures.push_back(std::move(picture));
+  }
+  return pictures;
+}
+
+// A new rate is in force within a second of stream time, raised or cut. It takes a new codec
+// session, which opens with a key frame, so a change within a second of the last key frame waits
+// for that second: feedback cannot bring a storm of key frames.
+TEST(LibavHEVCEncoder, FollowsANewBitRateWithinASecond) {
+  constexpr std::int64_t kLow = 2000000, kHigh = 8000000;
+  constexpr int kFramesPerSecond = 60;
+  Outputs outputs;
+  LibavHEVCEncoder encoder(LibavBackend::libx265(), CodecProfile::hevcMain, kLow,
+                           outputs.handler());
+  const auto pictures = noisePictures(4);
+  std::vector<std::size_t> sizes;
+  std::vector<std::size_t> keyframes;
+  const auto encodeUntil = [&](std::size_t frames) {
+    while (sizes.size() < frames) {
+      const std::uint64_t time = kStreamStart + sizes.size() * kSecond / kFramesPerSecond;
+      encoder.encode({pictures[sizes.size() % pictures.size()], 0, {0, 0, 1, 1}, time}, false,
+                     false);
+      const VideoFrame frame = outputs.nextFrame();
+      if (frame.isKeyframe) keyframes.push_back(sizes.size());
+      sizes.push_back(frame.payload.size());
+    }
+  };
+  // What one second of frames from `first` on came to.
+  const auto bitsPerSecond = [&](std::size_t first) {
+    return 8 * double(std::accumulate(sizes.begin() + std::ptrdiff_t(first),
+                                      sizes.begin() + std::ptrdiff_t(first) + kFramesPerSecond,
+                                      std::size_t{0}));
+  };
+
+  encodeUntil(120);
+  encoder.setBitrate(kHigh / 2);  // at once
+  encodeUntil(130);
+  encoder.setBitrate(kHigh);  // a second after the last key frame, at 180
+  encodeUntil(300);
+  encoder.setBitrate(kLow);  // at once
+  encodeUntil(420);
+
+  EXPECT_EQ(keyframes, (std::vector<std::size_t>{0, 120, 180, 300}));
+  EXPECT_NEAR(bitsPerSecond(60), kLow, kLow / 4);
+  EXPECT_NEAR(bitsPerSecond(240), kHigh, kHigh / 4);
+  EXPECT_NEAR(bitsPerSecond(360), kLow, kLow / 4);
 }
 
 // The last owner may let go from the output handler, on the encoding thread: nothing the encoder
