@@ -1,13 +1,11 @@
 #include "host/video/LibavHEVCEncoder.hpp"
 
-#include <libyuv/convert_from_argb.h>
-#include <libyuv/planar_functions.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <ranges>
 #include <stdexcept>
 
 #include "host/video/CaptureClock.hpp"
@@ -20,6 +18,8 @@ extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/intreadwrite.h>
 #include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
 }
 
 namespace kelvaron::host {
@@ -54,6 +54,16 @@ hevc::StreamFormat expectedFormat(CodecProfile profile) {
       return {4, 3, 10};
   }
   return {};
+}
+
+// What the conversion makes of BGRA, for every size, and what the stream must say.
+constexpr hevc::ColourDescription kConvertedColour{1, 1, 1, false};
+
+// The stream's sequence parameter set: the last, if there are several; empty if there is none.
+hevc::NALUnit spsOf(const std::vector<hevc::NALUnit>& units) {
+  const auto sps = std::ranges::find(units | std::views::reverse, hevc::kSPS,
+                                     [](hevc::NALUnit unit) { return hevc::nalType(unit); });
+  return sps == units.rend() ? hevc::NALUnit{} : *sps;
 }
 
 // The layouts we can fill from BGRA for each profile, in order of preference.
@@ -95,6 +105,25 @@ struct ContextDeleter {
   void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
 };
 using ContextPtr = std::unique_ptr<AVCodecContext, ContextDeleter>;
+
+struct ConverterDeleter {
+  void operator()(SwsContext* c) const { sws_freeContext(c); }
+};
+using ConverterPtr = std::unique_ptr<SwsContext, ConverterDeleter>;
+
+// BGRA, full range as a screen has it, into `format` with the BT.709 matrix in limited range:
+// libyuv converts from RGB with BT.601 only.
+ConverterPtr makeConverter(AVPixelFormat format, int width, int height) {
+  ConverterPtr converter(sws_getContext(width, height, AV_PIX_FMT_BGRA, width, height, format,
+                                        SWS_BILINEAR, nullptr, nullptr, nullptr));
+  const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+  if (!converter ||
+      sws_setColorspaceDetails(converter.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16) < 0) {
+    throw std::runtime_error("libswscale cannot convert BGRA to " +
+                             std::string(av_get_pix_fmt_name(format)));
+  }
+  return converter;
+}
 
 FramePtr allocatePicture(AVPixelFormat format, int width, int height) {
   FramePtr frame(av_frame_alloc());
@@ -183,10 +212,7 @@ class Session {
     av_dict_free(&options);
     if (status < 0) throw std::runtime_error("avcodec_open2 " + avError(status));
     picture_ = allocatePicture(*format, width, height);
-    if (*format == AV_PIX_FMT_YUV420P10 || *format == AV_PIX_FMT_YUV444P10) {
-      eightBit_ = allocatePicture(
-          *format == AV_PIX_FMT_YUV420P10 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P, width, height);
-    }
+    converter_ = makeConverter(*format, width, height);
   }
 
   // Encodes one picture; what the codec hands back comes out in order. `qpOffset` lowers the
@@ -237,47 +263,19 @@ class Session {
     c.bit_rate = bitrate;
     c.rc_max_rate = bitrate;
     c.rc_buffer_size = int(std::min<std::int64_t>(bitrate / 2, INT32_MAX));
-    // The colours of an sRGB screen, converted with the BT.601 matrix in limited range, which is
-    // what libyuv's BGRA conversions do; the decoder learns it from the stream.
+    // BT.709 in limited range for every size, as the conversion makes it; the decoder learns it
+    // from the stream.
     c.color_primaries = AVCOL_PRI_BT709;
     c.color_trc = AVCOL_TRC_BT709;
-    c.colorspace = AVCOL_SPC_SMPTE170M;
+    c.colorspace = AVCOL_SPC_BT709;
     c.color_range = AVCOL_RANGE_MPEG;
   }
 
+  // The session is opened for the size of the pictures it takes.
   void fill(const PixelBuffer& source) {
-    AVFrame& target = eightBit_ ? *eightBit_ : *picture_;
-    const std::uint8_t* bgra = source.bytes.data();
-    const int w = std::min(width, source.width);
-    const int h = std::min(height, source.height);
-    switch (target.format) {
-      case AV_PIX_FMT_YUV420P:
-        libyuv::ARGBToI420(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
-                           target.linesize[1], target.data[2], target.linesize[2], w, h);
-        break;
-      case AV_PIX_FMT_NV12:
-        libyuv::ARGBToNV12(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
-                           target.linesize[1], w, h);
-        break;
-      case AV_PIX_FMT_YUV444P:
-        libyuv::ARGBToI444(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
-                           target.linesize[1], target.data[2], target.linesize[2], w, h);
-        break;
-      default:
-        break;
-    }
-    if (eightBit_) widenTo10Bit(w, h);
-  }
-
-  void widenTo10Bit(int w, int h) {
-    const bool subsampled = picture_->format == AV_PIX_FMT_YUV420P10;
-    for (int plane = 0; plane < 3; ++plane) {
-      const int pw = plane && subsampled ? (w + 1) / 2 : w;
-      const int ph = plane && subsampled ? (h + 1) / 2 : h;
-      libyuv::Convert8To16Plane(eightBit_->data[plane], eightBit_->linesize[plane],
-                                reinterpret_cast<std::uint16_t*>(picture_->data[plane]),
-                                picture_->linesize[plane] / 2, 1024, pw, ph);
-    }
+    const std::uint8_t* const planes[] = {source.bytes.data()};
+    const int strides[] = {source.stride};
+    sws_scale(converter_.get(), planes, strides, 0, height, picture_->data, picture_->linesize);
   }
 
   // Every picture carries the offset, zero mostly: libx265 sizes the offsets of its pooled
@@ -301,7 +299,7 @@ class Session {
 
   ContextPtr context_;
   FramePtr picture_;
-  FramePtr eightBit_;  // 10-bit profiles: the 8-bit conversion before widening
+  ConverterPtr converter_;
   std::deque<Pending> pending_;
 };
 
@@ -507,22 +505,24 @@ bool LibavHEVCEncoder::Core::ensureSession(int width, int height, bool rateMayCh
 }
 
 bool matchesProfile(const std::vector<hevc::NALUnit>& units, CodecProfile profile) {
-  std::optional<hevc::StreamFormat> format;
-  for (hevc::NALUnit unit : units) {
-    if (hevc::nalType(unit) == hevc::kSPS) format = hevc::readStreamFormat(unit);
-  }
-  return format == expectedFormat(profile);
+  return hevc::readStreamFormat(spsOf(units)) == expectedFormat(profile);
 }
 
 bool LibavHEVCEncoder::Core::verify(const Job& job, std::span<const std::uint8_t> packet) {
   const CodecProfile profile = session_->profile;
-  if (!matchesProfile(hevc::splitAnnexB(packet), profile)) {
+  const auto units = hevc::splitAnnexB(packet);
+  if (!matchesProfile(units, profile)) {
     fallBack(job, profile);
     return false;
   }
   verified_ = true;
   log_.info("encoder verified profile %s %ux%u", profileLabel(profile), unsigned(session_->width),
             unsigned(session_->height));
+  // Clients would show the colours shifted; that is worth a line, not the encoder.
+  if (hevc::readColourDescription(spsOf(units)) != kConvertedColour) {
+    log_.error("encoder %s does not state the BT.709 colours it is given",
+               backend_.codecName.c_str());
+  }
   return true;
 }
 

@@ -11,7 +11,9 @@
 #include <mutex>
 #include <numeric>
 #include <random>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "client/VideoDecoder.hpp"
 #include "host/video/CaptureClock.hpp"
@@ -140,6 +142,38 @@ TEST(LibavHEVCEncoder, OutputCheckTellsProfilesApart) {
   for (const auto& set : fullKey.parameterSets) units.push_back(set.span());
   EXPECT_TRUE(matchesProfile(units, CodecProfile::hevcMain444));
   EXPECT_FALSE(matchesProfile(units, CodecProfile::hevcMain));
+}
+
+// BT.709 for every size: the encoder converts with it and the stream says so, and a decoder that
+// follows the stream shows a solid colour as it was captured.
+TEST(LibavHEVCEncoder, ConvertsWithBT709AndSaysSo) {
+  Outputs outputs;
+  LibavHEVCEncoder encoder(LibavBackend::libx265(), CodecProfile::hevcMain, 4000000,
+                           outputs.handler());
+  client::VideoDecoder decoder;
+  constexpr std::uint8_t kRed = 220, kGreen = 40, kBlue = 80;
+  for (const auto& [width, height] : {std::pair{1280, 720}, std::pair{320, 192}}) {
+    SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+    auto picture = std::make_shared<PixelBuffer>(PixelBuffer{width, height, width * 4, {}});
+    for (int i = 0; i < width * height; ++i) {
+      picture->bytes.insert(picture->bytes.end(), {kBlue, kGreen, kRed, 255});
+    }
+    encoder.encode(captured(picture), false, false);
+    const VideoFrame key = outputs.nextFrame();
+    std::optional<hevc::ColourDescription> colour;
+    for (const auto& set : key.parameterSets) {
+      if (hevc::nalType(set.span()) == hevc::kSPS) colour = hevc::readColourDescription(set.span());
+    }
+    EXPECT_EQ(colour, (hevc::ColourDescription{1, 1, 1, false}));
+
+    const auto shown = decoder.decode(key);
+    ASSERT_TRUE(shown);
+    const std::size_t middle =
+        (std::size_t(height / 2) * std::size_t(width) + std::size_t(width / 2)) * 4;
+    EXPECT_NEAR(shown->rgba[middle], kRed, 3);
+    EXPECT_NEAR(shown->rgba[middle + 1], kGreen, 3);
+    EXPECT_NEAR(shown->rgba[middle + 2], kBlue, 3);
+  }
 }
 
 constexpr std::uint64_t kStreamStart = 5'000'000'000'000;  // any capture time
