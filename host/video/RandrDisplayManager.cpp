@@ -218,13 +218,16 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
     return monitors;
   }
 
-  // The names of atoms, asking the server in one round trip for those not known yet.
+  // The names of monitors' atoms, asking the server in one round trip for those not known yet. A
+  // monitor without a readable name is "Display " and its place in the list, counted from 1.
   std::vector<std::string> namesOf(const std::vector<xcb_atom_t>& atoms) {
     if (atomNames.size() > kMaxCachedNames) atomNames.clear();
     auto* c = connection->get();
     std::vector<std::pair<xcb_atom_t, xcb_get_atom_name_cookie_t>> asked;
     for (const auto atom : atoms) {
-      if (!atomNames.contains(atom)) asked.emplace_back(atom, xcb_get_atom_name(c, atom));
+      if (atom != XCB_ATOM_NONE && !atomNames.contains(atom)) {
+        asked.emplace_back(atom, xcb_get_atom_name(c, atom));
+      }
     }
     for (const auto& [atom, cookie] : asked) {
       xcb_generic_error_t* error = nullptr;
@@ -237,11 +240,11 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
       }
     }
     std::vector<std::string> names;
-    for (const auto atom : atoms) {
-      const auto known = atomNames.find(atom);
+    for (std::size_t i = 0; i < atoms.size(); ++i) {
+      const auto known = atomNames.find(atoms[i]);
       names.push_back(known != atomNames.end() && !known->second.empty()
                           ? known->second
-                          : "Display " + std::to_string(atom));
+                          : "Display " + std::to_string(i + 1));
     }
     return names;
   }
