@@ -42,13 +42,18 @@ std::optional<Picture> VideoDecoder::decode(const VideoFrame& frame) {
 
   Picture picture{frame_->width, frame_->height, {}};
   picture.rgba.resize(std::size_t(picture.width) * std::size_t(picture.height) * 4);
-  const auto convert = frame_->format == AV_PIX_FMT_YUV444P   ? libyuv::I444ToABGR
-                       : frame_->format == AV_PIX_FMT_YUV420P ? libyuv::I420ToABGR
+  const auto convert = frame_->format == AV_PIX_FMT_YUV444P   ? libyuv::I444ToARGBMatrix
+                       : frame_->format == AV_PIX_FMT_YUV420P ? libyuv::I420ToARGBMatrix
                                                               : nullptr;
+  // The matrix the stream states (our host's is BT.709), else BT.601. The constants for U and V
+  // swapped, with the planes swapped too, make libyuv's ARGB writers write RGBA.
+  const libyuv::YuvConstants* matrix = frame_->colorspace == AVCOL_SPC_BT709
+                                           ? &libyuv::kYvuH709Constants
+                                           : &libyuv::kYvuI601Constants;
   const bool converted =
-      convert && convert(frame_->data[0], frame_->linesize[0], frame_->data[1], frame_->linesize[1],
-                         frame_->data[2], frame_->linesize[2], picture.rgba.data(),
-                         picture.width * 4, picture.width, picture.height) == 0;
+      convert && convert(frame_->data[0], frame_->linesize[0], frame_->data[2], frame_->linesize[2],
+                         frame_->data[1], frame_->linesize[1], picture.rgba.data(),
+                         picture.width * 4, matrix, picture.width, picture.height) == 0;
   av_frame_unref(frame_);
   if (!converted) return std::nullopt;  // a format this client does not show (10-bit)
   return picture;

@@ -1,6 +1,6 @@
 // Arbitrary bytes as what an encoder library hands back: an Annex B stream, a length-prefixed
 // access unit, and a single NAL unit. Splitting must lose nothing and invent nothing, and whatever
-// format an SPS yields must be one a stream can have.
+// format an SPS yields must be one a stream can have, and its colour found only behind it.
 
 #include <algorithm>
 #include <cstdint>
@@ -19,6 +19,8 @@ void check(bool condition) {
 
 void readFormat(hevc::NALUnit unit) {
   const auto format = hevc::readStreamFormat(unit);
+  const auto colour = hevc::readColourDescription(unit);
+  check(format || !colour);  // the colour description lies behind the format
   if (!format) return;
   check(hevc::nalType(unit) == hevc::kSPS);
   check(format->profileIdc < 32 && format->chromaFormatIdc <= 3);

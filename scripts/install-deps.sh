@@ -20,7 +20,7 @@ packages=(
   avahi-daemon avahi-utils dbus-daemon iproute2 util-linux
   # video: X11 capture (MIT-SHM, DAMAGE, RANDR), pixel conversion, HEVC through libavcodec
   libxcb1-dev libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-randr0-dev libyuv-dev
-  libavcodec-dev libavutil-dev
+  libavcodec-dev libavutil-dev libswscale-dev
   # input: XTest injection, the server's keymap through libxkbcommon
   libxcb-xtest0-dev libxcb-xkb-dev libxkbcommon-dev libxkbcommon-x11-dev xkb-data
   # capture and input tests: a virtual X server, and keyboard layouts switched on it

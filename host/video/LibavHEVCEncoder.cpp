@@ -1,21 +1,25 @@
 #include "host/video/LibavHEVCEncoder.hpp"
 
-#include <libyuv/convert_from_argb.h>
-#include <libyuv/planar_functions.h>
-
 #include <algorithm>
+#include <condition_variable>
 #include <deque>
+#include <mutex>
+#include <optional>
+#include <ranges>
 #include <stdexcept>
 
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
 #include "kit/media/HEVCBitstream.hpp"
+#include "kit/log/Logger.hpp"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/error.h>
 #include <libavutil/intreadwrite.h>
 #include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
 }
 
 namespace kelvaron::host {
@@ -23,8 +27,12 @@ namespace kelvaron::host {
 namespace {
 
 constexpr int kExpectedFrameRate = 60;
-constexpr int kMaxKeyFrameInterval = 7200;  // frames; key frames come when asked for
-constexpr int kHighQualityQP = 20;          // the quantiser limit of the idle refresh
+// Key frames come when asked for, and at the latest after 7200 frames or two minutes.
+constexpr int kMaxKeyFrameInterval = 7200;
+constexpr std::uint64_t kMaxKeyFrameIntervalNs = 120'000'000'000;
+// The least time from a key frame to one that only a new rate brings.
+constexpr std::uint64_t kRateChangeSpacingNs = 1'000'000'000;
+constexpr int kHighQualityQP = 20;  // the quantiser limit of the idle refresh
 constexpr int kLargestQPOffset = 25;
 
 std::string avError(int code) {
@@ -46,6 +54,16 @@ hevc::StreamFormat expectedFormat(CodecProfile profile) {
       return {4, 3, 10};
   }
   return {};
+}
+
+// What the conversion makes of BGRA, for every size, and what the stream must say.
+constexpr hevc::ColourDescription kConvertedColour{1, 1, 1, false};
+
+// The stream's sequence parameter set: the last, if there are several; empty if there is none.
+hevc::NALUnit spsOf(const std::vector<hevc::NALUnit>& units) {
+  const auto sps = std::ranges::find(units | std::views::reverse, hevc::kSPS,
+                                     [](hevc::NALUnit unit) { return hevc::nalType(unit); });
+  return sps == units.rend() ? hevc::NALUnit{} : *sps;
 }
 
 // The layouts we can fill from BGRA for each profile, in order of preference.
@@ -88,6 +106,25 @@ struct ContextDeleter {
 };
 using ContextPtr = std::unique_ptr<AVCodecContext, ContextDeleter>;
 
+struct ConverterDeleter {
+  void operator()(SwsContext* c) const { sws_freeContext(c); }
+};
+using ConverterPtr = std::unique_ptr<SwsContext, ConverterDeleter>;
+
+// BGRA, full range as a screen has it, into `format` with the BT.709 matrix in limited range:
+// libyuv converts from RGB with BT.601 only.
+ConverterPtr makeConverter(AVPixelFormat format, int width, int height) {
+  ConverterPtr converter(sws_getContext(width, height, AV_PIX_FMT_BGRA, width, height, format,
+                                        SWS_BILINEAR, nullptr, nullptr, nullptr));
+  const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+  if (!converter ||
+      sws_setColorspaceDetails(converter.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16) < 0) {
+    throw std::runtime_error("libswscale cannot convert BGRA to " +
+                             std::string(av_get_pix_fmt_name(format)));
+  }
+  return converter;
+}
+
 FramePtr allocatePicture(AVPixelFormat format, int width, int height) {
   FramePtr frame(av_frame_alloc());
   if (!frame) throw std::runtime_error("out of memory");
@@ -106,6 +143,19 @@ int packetQP(const AVPacket& packet) {
   if (!stats || size < 4) return 0;
   return int(AV_RL32(stats) / FF_QP2LAMBDA);
 }
+
+struct Job {
+  CapturedFrame frame;
+  bool forceKeyframe = false;
+  bool highQuality = false;
+};
+
+// A frame handed to the codec, until its packet comes back.
+struct Pending {
+  std::uint64_t pts = 0;
+  std::uint64_t number = 0;
+  Job job;
+};
 
 }  // namespace
 
@@ -130,8 +180,10 @@ std::vector<LibavBackend> LibavBackend::hardware() {
           {"hevc_qsv", {{"preset", "veryfast"}, {"async_depth", "1"}, {"forced_idr", "1"}}}};
 }
 
+namespace {
+
 // One opened codec context for one size, profile and rate.
-class LibavHEVCEncoder::Session {
+class Session {
  public:
   struct Output {
     Pending frame;
@@ -160,10 +212,7 @@ class LibavHEVCEncoder::Session {
     av_dict_free(&options);
     if (status < 0) throw std::runtime_error("avcodec_open2 " + avError(status));
     picture_ = allocatePicture(*format, width, height);
-    if (*format == AV_PIX_FMT_YUV420P10 || *format == AV_PIX_FMT_YUV444P10) {
-      eightBit_ = allocatePicture(
-          *format == AV_PIX_FMT_YUV420P10 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P, width, height);
-    }
+    converter_ = makeConverter(*format, width, height);
   }
 
   // Encodes one picture; what the codec hands back comes out in order. `qpOffset` lowers the
@@ -214,47 +263,19 @@ class LibavHEVCEncoder::Session {
     c.bit_rate = bitrate;
     c.rc_max_rate = bitrate;
     c.rc_buffer_size = int(std::min<std::int64_t>(bitrate / 2, INT32_MAX));
-    // The colours of an sRGB screen, converted with the BT.601 matrix in limited range, which is
-    // what libyuv's BGRA conversions do; the decoder learns it from the stream.
+    // BT.709 in limited range for every size, as the conversion makes it; the decoder learns it
+    // from the stream.
     c.color_primaries = AVCOL_PRI_BT709;
     c.color_trc = AVCOL_TRC_BT709;
-    c.colorspace = AVCOL_SPC_SMPTE170M;
+    c.colorspace = AVCOL_SPC_BT709;
     c.color_range = AVCOL_RANGE_MPEG;
   }
 
+  // The session is opened for the size of the pictures it takes.
   void fill(const PixelBuffer& source) {
-    AVFrame& target = eightBit_ ? *eightBit_ : *picture_;
-    const std::uint8_t* bgra = source.bytes.data();
-    const int w = std::min(width, source.width);
-    const int h = std::min(height, source.height);
-    switch (target.format) {
-      case AV_PIX_FMT_YUV420P:
-        libyuv::ARGBToI420(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
-                           target.linesize[1], target.data[2], target.linesize[2], w, h);
-        break;
-      case AV_PIX_FMT_NV12:
-        libyuv::ARGBToNV12(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
-                           target.linesize[1], w, h);
-        break;
-      case AV_PIX_FMT_YUV444P:
-        libyuv::ARGBToI444(bgra, source.stride, target.data[0], target.linesize[0], target.data[1],
-                           target.linesize[1], target.data[2], target.linesize[2], w, h);
-        break;
-      default:
-        break;
-    }
-    if (eightBit_) widenTo10Bit(w, h);
-  }
-
-  void widenTo10Bit(int w, int h) {
-    const bool subsampled = picture_->format == AV_PIX_FMT_YUV420P10;
-    for (int plane = 0; plane < 3; ++plane) {
-      const int pw = plane && subsampled ? (w + 1) / 2 : w;
-      const int ph = plane && subsampled ? (h + 1) / 2 : h;
-      libyuv::Convert8To16Plane(eightBit_->data[plane], eightBit_->linesize[plane],
-                                reinterpret_cast<std::uint16_t*>(picture_->data[plane]),
-                                picture_->linesize[plane] / 2, 1024, pw, ph);
-    }
+    const std::uint8_t* const planes[] = {source.bytes.data()};
+    const int strides[] = {source.stride};
+    sws_scale(converter_.get(), planes, strides, 0, height, picture_->data, picture_->linesize);
   }
 
   // Every picture carries the offset, zero mostly: libx265 sizes the offsets of its pooled
@@ -278,24 +299,89 @@ class LibavHEVCEncoder::Session {
 
   ContextPtr context_;
   FramePtr picture_;
-  FramePtr eightBit_;  // 10-bit profiles: the 8-bit conversion before widening
+  ConverterPtr converter_;
   std::deque<Pending> pending_;
+};
+
+}  // namespace
+
+class LibavHEVCEncoder::Core {
+ public:
+  Core(LibavBackend backend, CodecProfile profile, std::int64_t bitsPerSecond,
+       EncoderOutputHandler output)
+      : backend_(std::move(backend)),
+        output_(std::move(output)),
+        bitrate_(bitsPerSecond),
+        activeProfile_(profile) {}
+
+  // From any thread.
+  void encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality);
+  void requestKeyframe();
+  void setBitrate(std::int64_t bitsPerSecond);
+  void stop();
+
+  // The encoding thread: frames until `stop`.
+  void run();
+
+ private:
+  void process(const Job& job);
+  bool ensureSession(int width, int height, bool rateMayChange);
+  void deliver(const Pending& frame, std::span<const std::uint8_t> bytes, bool keyframe);
+  bool verify(const Job& job, std::span<const std::uint8_t> packet);
+  void fallBack(const Job& job, CodecProfile from);
+  void emit(EncoderOutput output);
+  bool takeForceNext();
+  std::int64_t currentBitrate();
+
+  const LibavBackend backend_;
+  const EncoderOutputHandler output_;
+  Logger log_{"io.dovka.tovu.host", "encoder"};
+
+  // Shared with the callers' threads.
+  std::mutex lock_;
+  std::condition_variable wake_;
+  std::optional<Job> pending_;
+  bool stopped_ = false;
+  bool forceNext_ = true;
+  std::int64_t bitrate_;
+
+  // The encoding thread's own.
+  CodecProfile activeProfile_;
+  std::unique_ptr<Session> session_;
+  std::optional<std::string> sessionError_;
+  bool verified_ = false;
+  std::uint64_t frameNumber_ = 0;
+  std::uint64_t lastPTS_ = 0;
+  std::uint64_t lastKeyframePTS_ = 0;
+  int lastQP_ = 0;
 };
 
 LibavHEVCEncoder::LibavHEVCEncoder(LibavBackend backend, CodecProfile profile,
                                    std::int64_t bitsPerSecond, EncoderOutputHandler output)
-    : backend_(std::move(backend)),
-      output_(std::move(output)),
-      bitrate_(bitsPerSecond),
-      activeProfile_(profile),
-      worker_([this] { run(); }) {}
+    : core_(std::make_shared<Core>(std::move(backend), profile, bitsPerSecond, std::move(output))),
+      worker_([core = core_] { core->run(); }) {}
 
 LibavHEVCEncoder::~LibavHEVCEncoder() {
   stop();
-  if (worker_.joinable()) worker_.detach();  // only when the encoding thread itself let go last
+  // Only when the encoding thread itself let go last: it finishes on the core, which it holds.
+  if (worker_.joinable()) worker_.detach();
 }
 
 void LibavHEVCEncoder::encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality) {
+  core_->encode(frame, forceKeyframe, highQuality);
+}
+
+void LibavHEVCEncoder::requestKeyframe() { core_->requestKeyframe(); }
+
+void LibavHEVCEncoder::setBitrate(std::int64_t bitsPerSecond) { core_->setBitrate(bitsPerSecond); }
+
+void LibavHEVCEncoder::stop() {
+  core_->stop();
+  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+}
+
+void LibavHEVCEncoder::Core::encode(const CapturedFrame& frame, bool forceKeyframe,
+                                    bool highQuality) {
   if (!frame.pixelBuffer) return;
   {
     std::lock_guard guard(lock_);
@@ -308,27 +394,26 @@ void LibavHEVCEncoder::encode(const CapturedFrame& frame, bool forceKeyframe, bo
   wake_.notify_one();
 }
 
-void LibavHEVCEncoder::requestKeyframe() {
+void LibavHEVCEncoder::Core::requestKeyframe() {
   std::lock_guard guard(lock_);
   forceNext_ = true;
 }
 
-void LibavHEVCEncoder::setBitrate(std::int64_t bitsPerSecond) {
+void LibavHEVCEncoder::Core::setBitrate(std::int64_t bitsPerSecond) {
   std::lock_guard guard(lock_);
   bitrate_ = bitsPerSecond;
 }
 
-void LibavHEVCEncoder::stop() {
+void LibavHEVCEncoder::Core::stop() {
   {
     std::lock_guard guard(lock_);
     stopped_ = true;
     pending_.reset();
   }
   wake_.notify_one();
-  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
 }
 
-void LibavHEVCEncoder::run() {
+void LibavHEVCEncoder::Core::run() {
   for (;;) {
     Job job;
     {
@@ -343,31 +428,39 @@ void LibavHEVCEncoder::run() {
   session_.reset();
 }
 
-bool LibavHEVCEncoder::takeForceNext() {
+bool LibavHEVCEncoder::Core::takeForceNext() {
   std::lock_guard guard(lock_);
   return std::exchange(forceNext_, false);
 }
 
-std::int64_t LibavHEVCEncoder::currentBitrate() {
+std::int64_t LibavHEVCEncoder::Core::currentBitrate() {
   std::lock_guard guard(lock_);
   return bitrate_;
 }
 
-void LibavHEVCEncoder::process(const Job& job) {
+void LibavHEVCEncoder::Core::process(const Job& job) {
   const PixelBuffer& picture = *job.frame.pixelBuffer;
+  const std::uint64_t time = job.highQuality ? monotonicRawNs() : job.frame.captureTimeNs;
+  const std::uint64_t pts =
+      std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
+  // The libx265 limit counts frames, and a desktop at rest sends few: time is counted here.
+  const std::uint64_t sinceKeyframe = pts - lastKeyframePTS_;
+  const bool overdue = sinceKeyframe >= kMaxKeyFrameIntervalNs;
   bool keyframeDue;
   {
     std::lock_guard guard(lock_);
-    keyframeDue = forceNext_ || job.forceKeyframe;
+    keyframeDue = forceNext_ || job.forceKeyframe || overdue;
   }
-  if (!ensureSession(picture.width, picture.height, keyframeDue)) {
+  // A new rate takes a new codec session, which opens with a key frame: it comes with a key frame
+  // due anyway, or a second after the last one, so that rate changes cannot bring a storm of them.
+  const bool rateMayChange = keyframeDue || sinceKeyframe >= kRateChangeSpacingNs;
+  if (!ensureSession(picture.width, picture.height, rateMayChange)) {
     emit(encoderOutput::failed{sessionError_.value_or("encoder session unavailable")});
     return;
   }
-  const bool keyframe = takeForceNext() || job.forceKeyframe;
+  const bool keyframe = takeForceNext() || job.forceKeyframe || overdue;
   const std::uint64_t number = ++frameNumber_;
-  const std::uint64_t time = job.highQuality ? monotonicRawNs() : job.frame.captureTimeNs;
-  lastPTS_ = std::max(time, lastPTS_ + 1);  // the encoder wants strictly rising stamps
+  lastPTS_ = pts;
   const int qpOffset = job.highQuality && lastQP_ > kHighQualityQP ? kHighQualityQP - lastQP_ : 0;
 
   std::vector<Session::Output> outputs;
@@ -384,14 +477,15 @@ void LibavHEVCEncoder::process(const Job& job) {
                                               std::size_t(output.packet->size));
     if (!verified_ && !verify(output.frame.job, bytes)) return;
     const bool key = output.packet->flags & AV_PKT_FLAG_KEY;
+    if (key) lastKeyframePTS_ = output.frame.pts;
     deliver(output.frame, bytes, key);
   }
 }
 
-bool LibavHEVCEncoder::ensureSession(int width, int height, bool keyframeDue) {
+bool LibavHEVCEncoder::Core::ensureSession(int width, int height, bool rateMayChange) {
   const std::int64_t bitrate = currentBitrate();
   if (session_ && session_->width == width && session_->height == height &&
-      !(keyframeDue && session_->bitrate != bitrate)) {
+      !(rateMayChange && session_->bitrate != bitrate)) {
     return true;
   }
   session_.reset();
@@ -411,26 +505,28 @@ bool LibavHEVCEncoder::ensureSession(int width, int height, bool keyframeDue) {
 }
 
 bool matchesProfile(const std::vector<hevc::NALUnit>& units, CodecProfile profile) {
-  std::optional<hevc::StreamFormat> format;
-  for (hevc::NALUnit unit : units) {
-    if (hevc::nalType(unit) == hevc::kSPS) format = hevc::readStreamFormat(unit);
-  }
-  return format == expectedFormat(profile);
+  return hevc::readStreamFormat(spsOf(units)) == expectedFormat(profile);
 }
 
-bool LibavHEVCEncoder::verify(const Job& job, std::span<const std::uint8_t> packet) {
+bool LibavHEVCEncoder::Core::verify(const Job& job, std::span<const std::uint8_t> packet) {
   const CodecProfile profile = session_->profile;
-  if (!matchesProfile(hevc::splitAnnexB(packet), profile)) {
+  const auto units = hevc::splitAnnexB(packet);
+  if (!matchesProfile(units, profile)) {
     fallBack(job, profile);
     return false;
   }
   verified_ = true;
   log_.debug("encoder verified profile %s %ux%u", profileLabel(profile), unsigned(session_->width),
             unsigned(session_->height));
+  // Clients would show the colours shifted; that is worth a line, not the encoder.
+  if (hevc::readColourDescription(spsOf(units)) != kConvertedColour) {
+    log_.error("encoder %s does not state the BT.709 colours it is given",
+               backend_.codecName.c_str());
+  }
   return true;
 }
 
-void LibavHEVCEncoder::fallBack(const Job& job, CodecProfile from) {
+void LibavHEVCEncoder::Core::fallBack(const Job& job, CodecProfile from) {
   if (from == CodecProfile::hevcMain || from != activeProfile_) {
     emit(encoderOutput::failed{std::string("encoder produced a stream that does not match ") +
                                profileCaseName(from)});
@@ -443,8 +539,8 @@ void LibavHEVCEncoder::fallBack(const Job& job, CodecProfile from) {
   process(Job{job.frame, true, false});
 }
 
-void LibavHEVCEncoder::deliver(const Pending& frame, std::span<const std::uint8_t> bytes,
-                               bool keyframe) {
+void LibavHEVCEncoder::Core::deliver(const Pending& frame, std::span<const std::uint8_t> bytes,
+                                     bool keyframe) {
   std::vector<SharedBytes> parameterSets;
   std::vector<hevc::NALUnit> picture;
   for (hevc::NALUnit unit : hevc::splitAnnexB(bytes)) {
@@ -471,7 +567,7 @@ void LibavHEVCEncoder::deliver(const Pending& frame, std::span<const std::uint8_
   emit(encoderOutput::frame{std::move(video), latencyMs});
 }
 
-void LibavHEVCEncoder::emit(EncoderOutput output) {
+void LibavHEVCEncoder::Core::emit(EncoderOutput output) {
   {
     std::lock_guard guard(lock_);
     if (stopped_) return;

@@ -1,16 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <span>
 #include <string>
 #include <thread>
 
 #include "host/video/VideoEncoder.hpp"
-#include "kit/log/Logger.hpp"
 #include "kit/media/HEVCBitstream.hpp"
 
 namespace kelvaron::host {
@@ -41,58 +36,18 @@ class LibavHEVCEncoder : public VideoEncoder {
 
   void encode(const CapturedFrame& frame, bool forceKeyframe, bool highQuality) override;
   void requestKeyframe() override;
-  // libavcodec 5.1 cannot change a running encoder's rate, so the new rate takes effect with the
-  // next key frame, which then opens a new codec session. A drop, the usual cause of a lower rate,
-  // brings that key frame anyway.
+  // libavcodec 5.1's libx265 takes a rate only when a codec session opens, and a session opens
+  // with a key frame: the new rate comes with the next key frame that is due anyway, and at the
+  // latest a second of stream time after the last one.
   void setBitrate(std::int64_t bitsPerSecond) override;
   void stop() override;
 
  private:
-  struct Job {
-    CapturedFrame frame;
-    bool forceKeyframe = false;
-    bool highQuality = false;
-  };
-  // A frame handed to the codec, until its packet comes back.
-  struct Pending {
-    std::uint64_t pts = 0;
-    std::uint64_t number = 0;
-    Job job;
-  };
-  class Session;
-
-  void run();
-  void process(const Job& job);
-  bool ensureSession(int width, int height, bool keyframeDue);
-  void deliver(const Pending& frame, std::span<const std::uint8_t> bytes, bool keyframe);
-  bool verify(const Job& job, std::span<const std::uint8_t> packet);
-  void fallBack(const Job& job, CodecProfile from);
-  void emit(EncoderOutput output);
-  bool takeForceNext();
-  std::int64_t currentBitrate();
-
-  const LibavBackend backend_;
-  const EncoderOutputHandler output_;
-  Logger log_{"io.dovka.tovu.host", "encoder"};
-
-  // Shared with the callers' threads.
-  std::mutex lock_;
-  std::condition_variable wake_;
-  std::optional<Job> pending_;
-  bool stopped_ = false;
-  bool forceNext_ = true;
-  std::int64_t bitrate_;
-
-  // The encoding thread's own.
-  CodecProfile activeProfile_;
-  std::unique_ptr<Session> session_;
-  std::optional<std::string> sessionError_;
-  bool verified_ = false;
-  std::uint64_t frameNumber_ = 0;
-  std::uint64_t lastPTS_ = 0;
-  int lastQP_ = 0;
-
-  std::thread worker_;  // last: starts once everything above is in place
+  class Core;
+  // What the encoding thread works on. The thread holds it too: when the last owner lets go of
+  // this object from an output handler, on that thread, the thread finishes on the core alone.
+  std::shared_ptr<Core> core_;
+  std::thread worker_;  // last: starts once the core is in place
 };
 
 // Whether the stream's sequence parameter set says what `profile` promises: profile, chroma

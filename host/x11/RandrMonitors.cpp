@@ -71,7 +71,9 @@ std::vector<std::string> MonitorNames::of(xcb_connection_t* c,
   if (names_.size() > kMaxCachedNames) names_.clear();
   std::vector<std::pair<xcb_atom_t, xcb_get_atom_name_cookie_t>> asked;
   for (const auto atom : atoms) {
-    if (!names_.contains(atom)) asked.emplace_back(atom, xcb_get_atom_name(c, atom));
+    if (atom != XCB_ATOM_NONE && !names_.contains(atom)) {
+      asked.emplace_back(atom, xcb_get_atom_name(c, atom));
+    }
   }
   for (const auto& [atom, cookie] : asked) {
     xcb_generic_error_t* error = nullptr;
@@ -82,12 +84,13 @@ std::vector<std::string> MonitorNames::of(xcb_connection_t* c,
                           static_cast<std::size_t>(xcb_get_atom_name_name_length(reply.get())));
     }
   }
+  // A monitor without a readable name is "Display " and its place in RANDR's list, from 1.
   std::vector<std::string> result;
-  for (const auto atom : atoms) {
-    const auto known = names_.find(atom);
+  for (std::size_t i = 0; i < atoms.size(); ++i) {
+    const auto known = names_.find(atoms[i]);
     result.push_back(known != names_.end() && !known->second.empty()
                          ? known->second
-                         : "Display " + std::to_string(atom));
+                         : "Display " + std::to_string(i + 1));
   }
   return result;
 }

@@ -54,4 +54,18 @@ struct StreamFormat {
 // range, an empty picture, a conformance window wider than the picture).
 std::optional<StreamFormat> readStreamFormat(NALUnit sps);
 
+// How the stream's samples are to be turned into colours (its VUI), as ITU-T H.273 code points:
+// 1 is BT.709, 2 unspecified, which is what a stream that says nothing means.
+struct ColourDescription {
+  std::uint8_t colourPrimaries = 2;
+  std::uint8_t transferCharacteristics = 2;
+  std::uint8_t matrixCoefficients = 2;
+  bool fullRange = false;
+  friend bool operator==(const ColourDescription&, const ColourDescription&) = default;
+};
+
+// Read from a base-layer SPS unit through everything before its VUI. Nothing where
+// `readStreamFormat` gives nothing, or if the rest is cut short or holds a count out of range.
+std::optional<ColourDescription> readColourDescription(NALUnit sps);
+
 }  // namespace kelvaron::hevc

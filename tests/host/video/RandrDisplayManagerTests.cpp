@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
@@ -52,6 +54,20 @@ TEST(RandrDisplayManager, ListsTheMonitorsAndSignalsTheirChanges) {
     CO_ASSERT_TRUE((swapped[0].frame == DisplayFrame{0, 0, 640, 720}));
     CO_ASSERT_TRUE(swapped[1].id == screen.id && !swapped[1].isMain);
     CO_ASSERT_TRUE((swapped[1].frame == DisplayFrame{-640, 0, 1280, 720}));
+
+    // A monitor whose name reads as nothing (here an atom with an empty name) is named by its
+    // place in RANDR's list, which holds the monitors set by clients first: the second.
+    CO_ASSERT_TRUE(tool.setMonitor("", 0, 0, 640, 720, false));
+    const auto unnamedAdded = co_await nextWithin(*changes, 5s);
+    CO_ASSERT_TRUE(unnamedAdded.has_value());
+    const auto withUnnamed = co_await manager.displays();
+    CO_ASSERT_TRUE(withUnnamed.size() == 3);
+    const auto unnamed =
+        std::ranges::find(withUnnamed, DisplayFrame{-640, 0, 640, 720}, &DisplayInfo::frame);
+    CO_ASSERT_TRUE(unnamed != withUnnamed.end() && unnamed->name == "Display 2");
+    CO_ASSERT_TRUE(tool.deleteMonitor(""));
+    const auto unnamedRemoved = co_await nextWithin(*changes, 5s);
+    CO_ASSERT_TRUE(unnamedRemoved.has_value());
 
     CO_ASSERT_TRUE(tool.deleteMonitor("TOVU-RIGHT"));
     const auto removed = co_await nextWithin(*changes, 5s);

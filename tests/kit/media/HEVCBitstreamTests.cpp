@@ -13,9 +13,11 @@ extern "C" {
 #include <array>
 #include <bit>
 #include <bitset>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kelvaron::hevc {
 namespace {
@@ -65,7 +67,7 @@ TEST(HEVCBitstream, LengthPrefixesUnitsAndReadsThemBack) {
   EXPECT_EQ(splitLengthPrefixed(Data{0xFF, 0xFF, 0xFF, 0xFF, 0x40}), std::nullopt);
 }
 
-// An SPS written bit by bit, without emulation prevention (the fields chosen give no 00 00 0x).
+// An SPS written bit by bit, with emulation prevention as an encoder writes it.
 struct SPSFields {
   unsigned maxSubLayersMinus1 = 0;
   unsigned profileIdc = 1;
@@ -74,6 +76,7 @@ struct SPSFields {
   std::uint32_t width = 64, height = 64;
   std::optional<std::array<std::uint32_t, 4>> window;  // left, right, top, bottom
   std::uint32_t bitDepthLumaMinus8 = 0;
+  std::string rest;  // the bits after the chroma bit depth
 };
 
 std::string ue(std::uint32_t value) {
@@ -97,12 +100,19 @@ Data sps(const SPSFields& f) {
   if (f.window) {
     for (const auto offset : *f.window) bits += ue(offset);
   }
-  bits += ue(f.bitDepthLumaMinus8) + ue(f.bitDepthLumaMinus8) + "1";
+  bits += ue(f.bitDepthLumaMinus8) + ue(f.bitDepthLumaMinus8) + f.rest + "1";
   bits.append((8 - bits.size() % 8) % 8, '0');
 
   Data unit{0x42, 0x01};
+  unsigned zeros = 0;
   for (std::size_t at = 0; at < bits.size(); at += 8) {
-    unit.push_back(static_cast<std::uint8_t>(std::stoul(bits.substr(at, 8), nullptr, 2)));
+    const auto byte = static_cast<std::uint8_t>(std::stoul(bits.substr(at, 8), nullptr, 2));
+    if (zeros >= 2 && byte <= 3) {
+      unit.push_back(3);
+      zeros = 0;
+    }
+    unit.push_back(byte);
+    zeros = byte == 0 ? zeros + 1 : 0;
   }
   return unit;
 }
@@ -136,6 +146,77 @@ TEST(HEVCBitstream, RejectsValuesOutOfRange) {
   EXPECT_EQ(readStreamFormat(sps({.bitDepthLumaMinus8 = 9})), std::nullopt);
 }
 
+// Fixed-width fields written apart for reading, "1 0111" for "10111".
+std::string fields(std::string_view spaced) {
+  std::string bits;
+  std::ranges::copy_if(spaced, std::back_inserter(bits), [](char c) { return c != ' '; });
+  return bits;
+}
+
+// Everything an SPS may hold between the bit depths and the VUI, each part in the forms that lay
+// out differently.
+TEST(HEVCBitstream, ReadsTheColourDescriptionPastEverythingBeforeIt) {
+  // 8-bit POC LSBs, the sub-layers' ordering (of each, or of the highest only), block sizes.
+  const auto limits = [](unsigned subLayers, bool forEach) {
+    std::string bits = ue(4) + (forEach ? "1" : "0");
+    for (unsigned i = 0; i < (forEach ? subLayers : 1); ++i) bits += ue(4) + ue(0) + ue(0);
+    return bits + ue(0) + ue(3) + ue(0) + ue(3) + ue(0) + ue(0);
+  };
+  std::string scaling = "11";  // enabled, written here: each size's first list written out
+  for (unsigned size = 0; size < 4; ++size) {
+    for (unsigned matrix = 0; matrix < 6; matrix += size == 3 ? 3 : 1) {
+      if (matrix > 0) {
+        scaling += fields("0") + ue(1);  // copied from the one before
+        continue;
+      }
+      scaling += "1";
+      const unsigned codes = std::min(64u, 1u << (4 + 2 * size)) + (size > 1 ? 1 : 0);
+      for (unsigned i = 0; i < codes; ++i) scaling += ue(i % 5);
+    }
+  }
+  const std::string tools = fields("1 1 1 0111 0111") + ue(0) + ue(1) + "0";  // AMP, SAO, PCM
+  // Short-term sets: {-1, -3, +1} written out. Then predicted, moved by -1: the first kept, the
+  // second dropped, the third now the current picture (never counted), the reference picture
+  // itself kept: {-1, -2}. Then moved by +1 with all three kept: {-1, +1}. Counting a picture
+  // wrongly would misread everything after.
+  const std::string sets = ue(3) +                                                    // three
+                           ue(2) + ue(1) + ue(0) + "1" + ue(1) + "1" + ue(0) + "1" +  // written out
+                           fields("1 1") + ue(0) + fields("1 00 1 1") +               // moved by -1
+                           fields("1 0") + ue(0) + fields("1 1 1");                   // moved by +1
+  const std::string longTerm = fields("1") + ue(2) + fields("10100101 1 00000000 0");
+  const std::string beforeVUI = limits(1, true) + scaling + tools + sets + longTerm + "11";
+  // A sample aspect ratio written out (its zeros need emulation prevention), overscan, the signal
+  // type: BT.2020 primaries and matrix, PQ transfer, full range.
+  const std::string vui = fields("1 1 11111111 00000000 00000001 00000000 00000001 1 0") +
+                          fields("1 101 1 1 00001001 00010000 00001001");
+  const Data unit = sps({.rest = beforeVUI + vui});
+  const ColourDescription colour{9, 16, 9, true};
+  EXPECT_EQ(readColourDescription(unit), colour);
+  EXPECT_EQ(readStreamFormat(unit), (StreamFormat{1, 1, 8}));
+  const std::string afterLimits = beforeVUI.substr(limits(1, true).size()) + vui;
+  EXPECT_EQ(
+      readColourDescription(sps({.maxSubLayersMinus1 = 2, .rest = limits(3, true) + afterLimits})),
+      colour);
+  EXPECT_EQ(
+      readColourDescription(sps({.maxSubLayersMinus1 = 2, .rest = limits(3, false) + afterLimits})),
+      colour);
+  EXPECT_EQ(readColourDescription(std::span(unit).first(unit.size() / 2)), std::nullopt);
+  EXPECT_EQ(readColourDescription(std::span(unit).first(unit.size() - 3)), std::nullopt);
+
+  // No VUI, or one without a signal type: unspecified, limited range.
+  EXPECT_EQ(readColourDescription(sps({.rest = beforeVUI + "0"})), ColourDescription{});
+  EXPECT_EQ(readColourDescription(sps({.rest = beforeVUI + fields("1 0 0 0")})),
+            ColourDescription{});
+  // Counts beyond what any stream may have: 65 short-term sets (empty ones), 17-bit POC LSBs.
+  std::string tooManySets = ue(65) + "11";
+  for (int i = 1; i < 65; ++i) tooManySets += "011";
+  EXPECT_EQ(readColourDescription(sps(
+                {.rest = limits(1, true) + scaling + tools + tooManySets + longTerm + "11" + vui})),
+            std::nullopt);
+  EXPECT_EQ(readColourDescription(sps({.rest = ue(13) + (beforeVUI + vui).substr(ue(4).size())})),
+            std::nullopt);
+}
+
 // libx265 through libavcodec, as the host's software encoder runs it.
 struct AVFree {
   void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
@@ -154,13 +235,17 @@ bool libx265Takes(AVPixelFormat format) {
   return false;
 }
 
-// The packet of one black square picture: the parameter sets and an IDR, in Annex B. Empty if
-// anything fails.
+// The packet of one black square picture, its colour said to be BT.2020 PQ in full range: the
+// parameter sets and an IDR, in Annex B. Empty if anything fails.
 Data encodeOnePicture(AVPixelFormat format, int side) {
   std::unique_ptr<AVCodecContext, AVFree> context(avcodec_alloc_context3(libx265()));
   context->width = context->height = side;
   context->time_base = {1, 30};
   context->pix_fmt = format;
+  context->color_primaries = AVCOL_PRI_BT2020;
+  context->color_trc = AVCOL_TRC_SMPTE2084;
+  context->colorspace = AVCOL_SPC_BT2020_NCL;
+  context->color_range = AVCOL_RANGE_JPEG;
   av_opt_set(context->priv_data, "preset", "ultrafast", 0);
   av_opt_set(context->priv_data, "x265-params", "log-level=none", 0);
   if (avcodec_open2(context.get(), libx265(), nullptr) < 0) return {};
@@ -205,8 +290,12 @@ void expectEncoderOutputReadsAs(AVPixelFormat format, int side, StreamFormat exp
   }));
 
   EXPECT_EQ(readStreamFormat(sps), expected);
-  for (const NALUnit other : {vps, pps, units.back()})
+  const ColourDescription colour{9, 16, 9, true};
+  EXPECT_EQ(readColourDescription(sps), colour);
+  for (const NALUnit other : {vps, pps, units.back()}) {
     EXPECT_EQ(readStreamFormat(other), std::nullopt);
+    EXPECT_EQ(readColourDescription(other), std::nullopt);
+  }
   // Every prefix of the SPS is cut short before the bit depth, or still reads the same.
   for (std::size_t size = 0; size < sps.size(); ++size) {
     const auto read = readStreamFormat(sps.first(size));
@@ -215,11 +304,16 @@ void expectEncoderOutputReadsAs(AVPixelFormat format, int side, StreamFormat exp
     } else if (read) {
       EXPECT_EQ(*read, expected) << size << " bytes";
     }
+    const auto readColour = readColourDescription(sps.first(size));
+    if (readColour) {
+      EXPECT_EQ(*readColour, colour) << size << " bytes";
+    }
   }
   // Another layer's SPS is laid out otherwise.
   Data otherLayer(sps.begin(), sps.end());
   otherLayer[1] |= 0x08;
   EXPECT_EQ(readStreamFormat(otherLayer), std::nullopt);
+  EXPECT_EQ(readColourDescription(otherLayer), std::nullopt);
 
   EXPECT_EQ(owned(splitLengthPrefixed(lengthPrefixed(units)).value()), owned(units));
 }
