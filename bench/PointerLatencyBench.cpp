@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
-#include <atomic>
 #include <cstdio>
 #include <iostream>
 #include <map>

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "kit/security/ClientHandshake.hpp"
 #include "kit/crypto/SecretStore.hpp"
+#include "kit/security/ClientHandshake.hpp"
 #include "kit/security/Stores.hpp"
 #include "kit/transport/Connection.hpp"
 #include "kit/wire/Message.hpp"

@@ -7,9 +7,9 @@
 #include <ostream>
 
 #include "client/Flow.hpp"
+#include "kit/async/Task.hpp"
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
-#include "kit/async/Task.hpp"
 
 namespace kelvaron::client {
 

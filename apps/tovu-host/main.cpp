@@ -143,6 +143,9 @@ std::optional<std::string> dialableAddress(std::uint16_t port) {
 // What the terminal has been told.
 struct Shown {
   std::optional<ListenerState> listener;
+  // Where the host can be dialled: looked up when the listener changes, which it does when the
+  // network does.
+  std::optional<std::string> address;
   // How many devices were paired, and where the host was, when the link was shown.
   std::optional<std::pair<std::size_t, std::optional<std::string>>> link;
   bool discoveryOff = false;
@@ -178,7 +181,10 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
     const auto* supervisor = model->supervisor();
     const bool listening =
         supervisor && supervisor->state().kind == ListenerState::Kind::advertising;
-    if (listening && supervisor->state() != shown.listener) showListening(*supervisor);
+    if (listening && supervisor->state() != shown.listener) {
+      showListening(*supervisor);
+      shown.address = dialableAddress(supervisor->state().port);
+    }
     if (supervisor) shown.listener = supervisor->state();
     if (listening && supervisor->discoveryProblem() && !shown.discoveryOff) {
       std::cout << "tovu-host: Discovery on the local network is off: "
@@ -188,8 +194,7 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
     // One link at a time, and a fresh one once it has served or the host has moved.
     if (pair && listening) {
       const auto& service = model->security()->service;
-      const auto current =
-          std::pair(service->store()->all().size(), dialableAddress(supervisor->state().port));
+      const auto current = std::pair(service->store()->all().size(), shown.address);
       if (shown.link != current) {
         showPairingLink(*service, current.second);
         shown.link = current;

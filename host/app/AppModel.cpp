@@ -97,7 +97,7 @@ void AppModel::startHost() {
     if (const auto self = weak.lock()) self->accept(std::move(connection), true);
   };
   supervisor_ = ListenerSupervisor::make(main_, std::move(factory), std::move(onConnection),
-                                         sleepFor, BackoffPolicy{1, 2, 30}, deps_.port);
+                                         sleepFor, BackoffPolicy{}, deps_.port);
   supervisor_->restart();
   watchNetwork();
   changed();

@@ -10,9 +10,9 @@
 
 #include <asio/post.hpp>
 #include <chrono>
-#include <future>
 #include <cmath>
 #include <cstdlib>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -87,6 +87,8 @@ struct XTestInjector::Server {
   xkb_layout_index_t layoutGroup = 0;
   // Spare keys given a character, least recently typed first.
   std::vector<std::pair<char32_t, std::uint32_t>> spareInUse;
+  // The last owner to type on them; its end gives them back.
+  std::optional<InputOwner> spareOwner;
 
   ~Server() {
     layout.reset();
@@ -159,8 +161,12 @@ struct XTestInjector::Modifiers {
     const std::uint8_t f = flags.rawValue;
     const bool option = (f & 0x04) != 0;
     // The function key (0x10) has no counterpart on X11.
-    return {(f & 0x01) != 0, (f & 0x02) != 0, option, (f & 0x08) != 0,
-            option ? std::nullopt : std::optional(false), (f & 0x20) != 0};
+    return {(f & 0x01) != 0,
+            (f & 0x02) != 0,
+            option,
+            (f & 0x08) != 0,
+            option ? std::nullopt : std::optional(false),
+            (f & 0x20) != 0};
   }
 };
 
@@ -177,7 +183,8 @@ XTestInjector::~XTestInjector() {
 
 // The caller goes on at once; the work runs on the injector's thread after all asked before it,
 // so that X round trips never hold up a session's strand.
-void XTestInjector::post(InputOwner owner, std::function<void()> work) {
+template <class Work>
+void XTestInjector::post(InputOwner owner, Work work) {
   asio::post(context_, [this, owner, work = std::move(work)] {
     owner_ = owner;
     work();
@@ -198,8 +205,9 @@ void XTestInjector::injectPointer(InputOwner owner, const PointerEvent& event,
 }
 
 void XTestInjector::release(InputOwner owner) {
-  asio::post(context_,
-             [this, owner] { releaseHeld([owner](InputOwner holder) { return holder == owner; }); });
+  asio::post(context_, [this, owner] {
+    releaseHeld([owner](InputOwner holder) { return holder == owner; });
+  });
 }
 
 // A round trip to the injector's thread and to the server: everything asked before it has been
@@ -240,8 +248,11 @@ const KeyboardLayout* XTestInjector::currentLayout() {
   if (sameRules && state.group == server_->layoutGroup) return server_->layout.get();
   // Another group of the same keymap: the spare keys still carry their characters, and a key the
   // new layout reads differently must not keep one. A new keymap has none of them.
-  if (sameRules) restoreSpareKeys();
-  server_->spareInUse.clear();
+  if (sameRules) {
+    restoreSpareKeys();
+  } else {
+    server_->spareInUse.clear();
+  }
   xkb_keymap* keymap = xkb_x11_keymap_new_from_device(server_->xkb, server_->c, server_->keyboard,
                                                       XKB_KEYMAP_COMPILE_NO_FLAGS);
   if (!keymap) {
@@ -297,7 +308,7 @@ void XTestInjector::applyModifiers(const KeyboardLayout& layout, const Modifiers
        layout.modifierMask(XKB_MOD_NAME_CTRL),
        layout.keycode("LCTL"),
        {layout.keycode("LCTL"), layout.keycode("RCTL")}},
-      {wanted.alt && level3Down && !wanted.level3 ? std::nullopt : std::optional(wanted.alt),
+      {wanted.alt && level3Down ? std::nullopt : std::optional(wanted.alt),
        layout.modifierMask(XKB_MOD_NAME_ALT),
        layout.keycode("LALT"),
        {layout.keycode("LALT"), layout.keycode("RALT")}},
@@ -396,7 +407,7 @@ void XTestInjector::typeOnSpareKey(const KeyboardLayout& layout, char32_t charac
     xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, symbols);
   }
   inUse.emplace_back(character, key);
-  spareKeysOwner_ = owner_;
+  server_->spareOwner = owner_;
   applyModifiers(layout, Modifiers{});
   tapKey(key);
 }
@@ -407,7 +418,7 @@ void XTestInjector::restoreSpareKeys() {
     xcb_change_keyboard_mapping(server_->c, 1, xcb_keycode_t(key), 2, none);
   }
   server_->spareInUse.clear();
-  spareKeysOwner_.reset();
+  server_->spareOwner.reset();
 }
 
 // ---- The pointer ----
@@ -529,7 +540,7 @@ void XTestInjector::releaseHeld(Owned owned) {
   for (const auto& [number, holder] : std::map(heldButtons_)) {
     if (owned(holder)) sendButton(number, false);
   }
-  if (spareKeysOwner_ && owned(*spareKeysOwner_)) restoreSpareKeys();
+  if (server_->spareOwner && owned(*server_->spareOwner)) restoreSpareKeys();
   xcb_flush(server_->c);
 }
 

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -43,7 +42,8 @@ class XTestInjector : public InputInjector {
   struct Modifiers;
 
   // On the injector's thread, as all below.
-  void post(InputOwner owner, std::function<void()> work);
+  template <class Work>
+  void post(InputOwner owner, Work work);
   void key(const KeyEvent& event);
   void type(const std::string& text);
   void pointer(const PointerEvent& event, const std::optional<DisplayInfo>& display);
@@ -79,8 +79,6 @@ class XTestInjector : public InputInjector {
   InputOwner owner_ = 0;
   std::map<std::uint32_t, InputOwner> heldKeys_;
   std::map<std::uint8_t, InputOwner> heldButtons_;  // X button numbers
-  // The last owner to type on the spare keys; its end gives them back.
-  std::optional<InputOwner> spareKeysOwner_;
   HostScroll::Remainder scrollRemainder_;
   Logger log_{"io.dovka.tovu.host", "input"};
   Logger sessionLog_{"io.dovka.tovu.host", "session"};

@@ -111,8 +111,8 @@ struct RootPlacement {
 };
 
 // Nothing when no monitor has `displayID`, which the display list made, clashes and all.
-std::optional<RootPlacement> placeOnRoot(X11Connection& connection, std::uint32_t displayID) {
-  MonitorNames names;
+std::optional<RootPlacement> placeOnRoot(X11Connection& connection, MonitorNames& names,
+                                         std::uint32_t displayID) {
   const std::vector<RandrMonitor> monitors =
       queryNamedMonitors(connection.get(), connection.root(), names);
   const std::vector<DisplayInfo> displays = displayListFromMonitors(monitors);
@@ -142,9 +142,9 @@ Rect onRoot(Rect source, const RootPlacement& place, const CaptureScope& scope) 
 
 // Every scope shows all windows here: an `app` scope captures everything within its base
 // rectangle, not yet only its application's windows (that comes with focus mode).
-GrabPlan planGrab(X11Connection& connection, const DisplayInfo& display, const Viewport& viewport,
-                  const CaptureScope& scope) {
-  const auto place = placeOnRoot(connection, display.id);
+GrabPlan planGrab(X11Connection& connection, MonitorNames& names, const DisplayInfo& display,
+                  const Viewport& viewport, const CaptureScope& scope) {
+  const auto place = placeOnRoot(connection, names, display.id);
   if (!place) throw CaptureError::displayNotFound(display.id);
   const SourceGeometry geometry = sourceGeometry(display, viewport, scope);
   const PixelRect wanted = wholePixels(onRoot(geometry.source, *place, scope));
@@ -334,6 +334,7 @@ struct X11CaptureSource::Stream {
   }
 
   std::shared_ptr<X11Connection> connection;  // first, so that it outlives what uses it
+  MonitorNames monitorNames;                  // of `connection`'s server
   std::uint64_t generation = 0;
   std::uint32_t displayID = 0;
   xcb_damage_damage_t damage = XCB_NONE;
@@ -409,7 +410,7 @@ void X11CaptureSource::startOnStrand(const DisplayInfo& display, const Viewport&
   stream->generation = ++generation_;
   stream->displayID = display.id;
   stream->sourceRect = normalizedRect(viewport.sourceRect);
-  stream->plan = planGrab(*connection, display, viewport, requestedScope());
+  stream->plan = planGrab(*connection, stream->monitorNames, display, viewport, requestedScope());
   stream->image.reserve(stream->plan.bytes());
   stream->damageNotify = xcb_get_extension_data(c, &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
   const xcb_damage_damage_t damage = xcb_generate_id(c);
@@ -444,7 +445,8 @@ void X11CaptureSource::updateOnStrand(const DisplayInfo& display, const Viewport
   stream.sourceRect = rect;
   try {
     // The next grab on this strand takes the new plan: nothing can be captured in between.
-    GrabPlan plan = planGrab(*stream.connection, display, viewport, requestedScope());
+    GrabPlan plan =
+        planGrab(*stream.connection, stream.monitorNames, display, viewport, requestedScope());
     stream.image.reserve(plan.bytes());
     stream.plan = plan;
   } catch (...) {

@@ -30,8 +30,8 @@ std::vector<RandrMonitor> queryMonitors(xcb_connection_t* c, xcb_window_t root,
 // without end.
 class MonitorNames {
  public:
-  // Asks the server in one round trip for the names not known yet. A monitor without a name is
-  // "Display <atom>", so that it has an ID all the same.
+  // Asks the server in one round trip for the names not known yet. A monitor without a readable
+  // name is "Display " and its place in the list, from 1, so that it has an ID all the same.
   std::vector<std::string> of(xcb_connection_t* c, const std::vector<xcb_atom_t>& atoms);
 
  private:

@@ -119,13 +119,14 @@ ngtcp2_connection_close_error applicationClose(std::uint64_t code, const std::st
 // trust the certificate it was shown says "Bad certificate"), else the code.
 std::string describeCloseError(const ngtcp2_connection_close_error& error) {
   const bool transport = error.type == NGTCP2_CONNECTION_CLOSE_ERROR_CODE_TYPE_TRANSPORT;
-  if (transport && error.error_code >= NGTCP2_CRYPTO_ERROR && error.error_code <= 0x1ff) {
-    const auto alert = static_cast<gnutls_alert_description_t>(error.error_code & 0xff);
-    const char* name = gnutls_alert_get_name(alert);
-    return std::string("TLS alert ") + (name ? name : std::to_string(int(alert)).c_str());
+  if (!transport) return "application error " + std::to_string(error.error_code);
+  // The crypto errors are 0x100 plus the TLS alert.
+  if ((error.error_code & ~std::uint64_t{0xff}) != NGTCP2_CRYPTO_ERROR) {
+    return "transport error " + std::to_string(error.error_code);
   }
-  return (transport ? "transport error " : "application error ") +
-         std::to_string(error.error_code);
+  const auto alert = static_cast<gnutls_alert_description_t>(error.error_code & 0xff);
+  if (const char* name = gnutls_alert_get_name(alert)) return std::string("TLS alert ") + name;
+  return "TLS alert " + std::to_string(int(alert));
 }
 
 }  // namespace
@@ -462,9 +463,7 @@ QUICConnection::Stream& QUICConnection::streamFor(std::int64_t id) {
     if (handshakeLimited_) {
       stream->decoder.setMaxFrameLength(kHandshakeMaxFrameLength);
     } else if (role_ == Role::host) {
-      // Opened after the limits were lifted, with the small window the peer was first told of.
-      ngtcp2_conn_extend_max_stream_offset(connection_.get(), id,
-                                           kQUICStreamWindow - kHandshakeStreamWindow);
+      trustStream(*stream);  // opened after the limits were lifted
     }
   }
   return *stream;
@@ -479,21 +478,25 @@ void QUICConnection::liftHandshakeLimits() {
 void QUICConnection::applyLiftedLimits() {
   if (!handshakeLimited_ || transportClosed_) return;
   handshakeLimited_ = false;
-  for (auto& [id, stream] : streams_) {
-    stream->decoder.setMaxFrameLength(kMaxFrameLength);
-    ngtcp2_conn_extend_max_stream_offset(connection_.get(), id,
-                                         kQUICStreamWindow - kHandshakeStreamWindow);
-  }
+  for (auto& [id, stream] : streams_) trustStream(*stream);
   ngtcp2_conn_extend_max_offset(connection_.get(),
                                 kQUICConnectionWindow - kHandshakeConnectionWindow);
   writePackets();
 }
 
+// A host's stream starts with the small window the peer was first told of; a trusted peer gets
+// the whole window and frames of any length.
+void QUICConnection::trustStream(Stream& stream) {
+  stream.decoder.setMaxFrameLength(kMaxFrameLength);
+  ngtcp2_conn_extend_max_stream_offset(connection_.get(), stream.id,
+                                       kQUICStreamWindow - kHandshakeStreamWindow);
+}
+
 // Before the peer proved its key only the handshake's messages are taken, and only a few that
 // the session has not read yet.
 void QUICConnection::deliverMessage(Message message) {
-  if (handshakeLimited_ && (!isAuthentication(message) ||
-                            messages_.count() >= kHandshakeMaxPendingMessages)) {
+  if (handshakeLimited_ &&
+      (!isAuthentication(message) || messages_.count() >= kHandshakeMaxPendingMessages)) {
     log_.debug("dropped a message before authentication (type %u)", unsigned(typeCode(message)));
     return;
   }

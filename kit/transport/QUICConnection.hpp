@@ -113,6 +113,7 @@ class QUICConnection final : public Connection,
   void receiveStreamData(Stream& stream, std::span<const std::uint8_t> data, bool fin);
   void deliverMessage(Message message);
   void applyLiftedLimits();
+  void trustStream(Stream& stream);
   bool readPreamble(Stream& stream, std::span<const std::uint8_t>& data, bool fin);
   template <class Next, class Deliver>
   void drainFrames(Stream& stream, Next next, Deliver deliver);

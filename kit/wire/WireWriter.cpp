@@ -37,10 +37,15 @@ void WireWriter::u64(std::uint64_t v) {
 void WireWriter::f32(float v) { u32(std::bit_cast<std::uint32_t>(v)); }
 
 void WireWriter::string(std::string_view text) {
-  const std::string valid = validUTF8(text);
-  const std::string_view cut = std::string_view(valid).substr(0, utf8PrefixLength(valid, kMaxStringBytes));
-  u16(static_cast<std::uint16_t>(cut.size()));
-  raw({reinterpret_cast<const std::uint8_t*>(cut.data()), cut.size()});
+  // Nearly all text is well-formed and goes out as it is; only ill-formed text costs a copy.
+  std::string repaired;
+  if (!isValidUTF8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) {
+    repaired = validUTF8(text);
+    text = repaired;
+  }
+  text = text.substr(0, utf8PrefixLength(text, kMaxStringBytes));
+  u16(static_cast<std::uint16_t>(text.size()));
+  raw({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 }
 
 void WireWriter::data(std::span<const std::uint8_t> bytes) {

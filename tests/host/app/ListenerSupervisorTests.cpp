@@ -72,6 +72,17 @@ struct Rig {
 
 asio::awaitable<void> settle() { co_await sleepFor(10ms); }
 
+// The two tries a port is given after a failure, one and two seconds apart.
+asio::awaitable<void> retryTwice(Rig& rig) {
+  co_await settle();
+  EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(1, 1));
+  rig.clock.advance(1s);
+  co_await settle();
+  EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(2, 2));
+  rig.clock.advance(2s);
+  co_await settle();
+}
+
 TEST(ListenerSupervisor, BacksOffFrom1To30Seconds) {
   const BackoffPolicy policy;
   const std::vector<double> expected = {1, 2, 4, 8, 16, 30, 30, 30};
@@ -91,13 +102,7 @@ TEST(ListenerSupervisor, KeepsItsPortTwiceThenTakesAny) {
 
     rig.factory.works = [](Port p) { return !p; };  // port 5000 is gone
     rig.factory.made.back()->die();
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(1, 1));
-    rig.clock.advance(1s);
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(2, 2));
-    rig.clock.advance(2s);
-    co_await settle();
+    co_await retryTwice(rig);
     EXPECT_EQ(rig.supervisor->state(), ListenerState::advertising(5000));
     // The death was the first failure on 5000, the retry on it the second: then any port.
     EXPECT_EQ(rig.supervisor->requestedPorts(),
@@ -111,13 +116,7 @@ TEST(ListenerSupervisor, APortAskedForIsKeptLikeOneThatWorked) {
     Rig rig(io, 4433);
     rig.factory.works = [](Port p) { return p != 4433; };  // somebody else has it
     rig.supervisor->restart();
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(1, 1));
-    rig.clock.advance(1s);
-    co_await settle();
-    EXPECT_EQ(rig.supervisor->state(), ListenerState::retrying(2, 2));
-    rig.clock.advance(2s);
-    co_await settle();
+    co_await retryTwice(rig);
     EXPECT_EQ(rig.supervisor->state(), ListenerState::advertising(5000));
     EXPECT_EQ(rig.supervisor->requestedPorts(), (std::vector<Port>{4433, 4433, std::nullopt}));
     // Each listener that failed was stopped, once.
