@@ -11,7 +11,7 @@
 #include "client/ClientDevice.hpp"
 #include "client/HostDirectory.hpp"
 #include "client/VideoDecoder.hpp"
-#include "client/VideoStatistics.hpp"
+#include "client/ViewerStatistics.hpp"
 #include "kit/transport/Connection.hpp"
 
 namespace kelvaron::client {

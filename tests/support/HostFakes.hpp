@@ -33,7 +33,7 @@ class FakeDisplays : public DisplayProviding {
   }
   void signal() {
     for (auto& weak : subscribers_) {
-      if (auto s = weak.lock()) s->push({});
+      if (auto stream = weak.lock()) stream->push({});
     }
   }
   std::size_t liveSubscribers() const {
@@ -48,7 +48,7 @@ class FakeDisplays : public DisplayProviding {
 class FakeEncoder : public VideoEncoder {
  public:
   explicit FakeEncoder(EncoderOutputHandler handler) : output(std::move(handler)) {}
-  void encode(const CapturedFrame&, bool, bool) override { ++encoded; }
+  void encode(const CapturedFrame&, bool, bool) override {}
   void requestKeyframe() override { ++keyframeRequests; }
   void setBitrate(std::int64_t value) override { bitrates.push_back(value); }
   void stop() override {
@@ -57,7 +57,6 @@ class FakeEncoder : public VideoEncoder {
   }
 
   EncoderOutputHandler output;
-  std::atomic<int> encoded = 0;
   std::atomic<int> keyframeRequests = 0;
   std::vector<std::int64_t> bitrates;
   bool stopped = false;

@@ -1,9 +1,8 @@
 #pragma once
 
-// A network namespace of the test's own: the calling thread (which runs the test's io_context) is
-// moved into a fresh one for the life of the object, and back after. Programs started from the
-// thread meanwhile run in it too, so a test sees no interface but those it makes, and tests run in
-// parallel do not meet.
+// A network namespace of the test's own: the calling thread (which runs the test's io_context),
+// and the programs it starts, are in a fresh one for the life of the object, so that a test sees
+// no interface but those it makes and tests run in parallel do not meet.
 
 #include <fcntl.h>
 #include <linux/if_tun.h>
@@ -57,10 +56,9 @@ class NetworkNamespace {
   const std::string& problem() const { return problem_; }
 
   // Runs `ip` with these arguments; throws with its output when it fails.
-  static void ip(const std::vector<std::string>& arguments) {
-    std::vector<std::string> command{"ip"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    const auto result = runCommand(command);
+  static void ip(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "ip");
+    const auto result = runCommand(arguments);
     if (!result.succeeded()) throw std::runtime_error("ip failed: " + result.output);
   }
 
@@ -83,22 +81,20 @@ class NetworkNamespace {
   std::string problem_;
 };
 
-// A layer-3 tunnel (an interface of neither Ethernet nor Wi-Fi), with a carrier for as long as
-// the object holds it open; it goes with the object.
+// A layer-3 tunnel (neither Ethernet nor Wi-Fi), with a carrier while the object holds it open.
 class TunInterface {
  public:
   static bool available() { return ::access("/dev/net/tun", R_OK | W_OK) == 0; }
 
   explicit TunInterface(const std::string& name) {
-    fd_ = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC);
-    if (fd_ < 0)
-      throw std::runtime_error("cannot open /dev/net/tun: " + std::string(strerror(errno)));
     ifreq request{};
     request.ifr_flags = IFF_TUN | IFF_NO_PI;
     name.copy(request.ifr_name, IFNAMSIZ - 1);
-    if (::ioctl(fd_, TUNSETIFF, &request) != 0) {
-      ::close(fd_);
-      throw std::runtime_error("cannot make " + name + ": " + std::string(strerror(errno)));
+    fd_ = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    if (fd_ < 0 || ::ioctl(fd_, TUNSETIFF, &request) != 0) {
+      const std::string reason = std::strerror(errno);
+      if (fd_ >= 0) ::close(fd_);
+      throw std::runtime_error("cannot make " + name + ": " + reason);
     }
   }
   ~TunInterface() { ::close(fd_); }

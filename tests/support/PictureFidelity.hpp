@@ -15,28 +15,17 @@
 
 namespace kelvaron::test {
 
-// The luma of BGRA pixels, as the host's conversion makes it.
-inline std::vector<std::uint8_t> lumaOf(const std::uint8_t* bgra, int stride, int width,
-                                        int height) {
-  std::vector<std::uint8_t> luma(std::size_t(width) * std::size_t(height));
-  libyuv::ARGBToI400(bgra, stride, luma.data(), width, width, height);
-  return luma;
-}
-
-// The peak signal-to-noise ratio in dB of the luma of `shown` against `captured`: infinite when
-// they are equal, 0 when their sizes differ.
+// The peak signal-to-noise ratio in dB of the luma of `shown` against `captured`, each made as the
+// host's conversion makes it: infinite when they are equal, 0 when their sizes differ.
 inline double psnr(const client::Picture& shown, const host::PixelBuffer& captured) {
   const int width = shown.width, height = shown.height;
   if (width != captured.width || height != captured.height) return 0;
-  std::vector<std::uint8_t> bgra(shown.rgba.size());
+  std::vector<std::uint8_t> bgra(shown.rgba.size()), a(std::size_t(width) * height), b(a.size());
   libyuv::ABGRToARGB(shown.rgba.data(), width * 4, bgra.data(), width * 4, width, height);
-  const auto a = lumaOf(bgra.data(), width * 4, width, height);
-  const auto b = lumaOf(captured.bytes.data(), captured.stride, width, height);
+  libyuv::ARGBToI400(bgra.data(), width * 4, a.data(), width, width, height);
+  libyuv::ARGBToI400(captured.bytes.data(), captured.stride, b.data(), width, width, height);
   double sum = 0;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    const double d = double(a[i]) - double(b[i]);
-    sum += d * d;
-  }
+  for (std::size_t i = 0; i < a.size(); ++i) sum += (double(a[i]) - b[i]) * (double(a[i]) - b[i]);
   if (sum == 0) return INFINITY;
   return 10 * std::log10(255.0 * 255.0 / (sum / double(a.size())));
 }

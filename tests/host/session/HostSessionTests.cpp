@@ -11,9 +11,6 @@
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 #include "host/video/X11CaptureSource.hpp"
-#include "kit/crypto/AuthCrypto.hpp"
-#include "kit/security/ClientHandshake.hpp"
-#include "kit/security/HostAuthGate.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/DesktopPicture.hpp"
@@ -28,15 +25,15 @@ namespace {
 
 using namespace test;
 
-// Accepts the device `deviceID` and keeps the messages it consumes from the session.
+// Lets messages through once `deviceID` has signed in with `publicKey`, as a gate does.
 class FakeGate : public AuthGate {
  public:
   std::optional<UUID> deviceID;
   std::optional<Data> publicKey;
   bool started = false, ended = false;
   asio::awaitable<void> start() override { co_return (void)(started = true); }
-  asio::awaitable<Verdict> handle(const Message& m) override {
-    co_return isAuthentication(m) ? Verdict::consumed : Verdict::proceed;
+  asio::awaitable<Verdict> handle(const Message&) override {
+    co_return deviceID ? Verdict::proceed : Verdict::consumed;
   }
   asio::awaitable<void> connectionEnded() override { co_return (void)(ended = true); }
   std::optional<UUID> authenticatedDeviceID() const override { return deviceID; }
@@ -81,19 +78,17 @@ struct Harness {
     if (const auto* found = std::get_if<Case>(&*m)) co_return *found;
     throw std::runtime_error("unexpected message of type " + std::to_string(typeCode(*m)));
   }
-  asio::awaitable<bool> silent() { co_return !co_await nextWithin(client->messages(), 300ms); }
+  asio::awaitable<void> expectSilence(const char* what) {
+    const auto m = co_await nextWithin(client->messages(), 300ms);
+    EXPECT_FALSE(m) << what << ": answered with a message of type " << (m ? typeCode(*m) : 0);
+  }
 
-  // Hello, and the session's helloAck, hostStatus and displayList; the list.
-  asio::awaitable<msg::displayList> greet() {
+  // Hello, and the session's opening to the streamInfo of the main display.
+  asio::awaitable<msg::streamInfo> open() {
     client->send(hello(clientProfiles));
     co_await expect<msg::helloAck>();
     co_await expect<msg::hostStatus>();
-    const auto list = co_await expect<msg::displayList>();
-    co_return list;
-  }
-  // Through the opening of a session, to the streamInfo of the main display.
-  asio::awaitable<msg::streamInfo> open() {
-    co_await greet();
+    co_await expect<msg::displayList>();
     const auto info = co_await expect<msg::streamInfo>();
     co_return info;
   }
@@ -125,9 +120,16 @@ struct Harness {
   std::shared_ptr<bool> ended = std::make_shared<bool>(false);
 };
 
-TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+// Runs `body` with a harness on an io_context of its own.
+void withHarness(const std::function<asio::awaitable<void>(Harness&)>& body) {
+  runAsync([&body](asio::io_context& io) -> asio::awaitable<void> {
     Harness h(io);
+    co_await body(h);
+  });
+}
+
+TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrderAndAReplacementEndsIt) {
+  withHarness([](Harness& h) -> asio::awaitable<void> {
     h.env.relayConfig = [](const std::optional<Data>& key) -> std::optional<RelayProvision> {
       EXPECT_EQ(key, Data{7});
       return RelayProvision{{{"relay.example", 443}}, {5}};
@@ -150,14 +152,17 @@ TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
     EXPECT_EQ(info, whole);
     EXPECT_EQ(h.power->held.size(), 1u);
     EXPECT_EQ(h.power->activityDeclared, 1);
-
     h.client->send(msg::ping{42});
     const auto pong = co_await h.expect<msg::pong>();
     EXPECT_EQ(pong, msg::pong{42});
-    h.client->send(hello());  // a second hello has no effect
-    const auto quiet = co_await h.silent();
-    EXPECT_TRUE(quiet);
-    h.client->close();
+    h.client->send(hello());
+    co_await h.expectSilence("a second hello");
+
+    co_await h.session->replaced("Bob's iPhone");
+    const auto replaced = co_await h.expect<msg::sessionReplaced>();
+    EXPECT_EQ(replaced, msg::sessionReplaced{"Bob's iPhone"});
+    const auto end = co_await h.client->messages().next();
+    EXPECT_EQ(end, std::nullopt);
     co_await h.waitForEnd();
     EXPECT_TRUE(h.power->held.empty());
     EXPECT_EQ(h.captures->log, (std::vector<std::string>{"start 1 1920x1080", "stop"}));
@@ -169,275 +174,145 @@ TEST(HostSession, HelloOpensTheSessionWithItsFirstMessagesInOrder) {
   });
 }
 
-TEST(HostSession, TheProfileIsTheBestBothSidesHave) {
-  struct Case {
-    std::vector<CodecProfile> client, encoder;
-    std::optional<CodecProfile> chosen;
-  };
+// The profile is the best both sides have; a hello without one in common or of another version
+// is refused, the connection closes without a helloAck and nothing queued behind is looked at.
+TEST(HostSession, HelloGetsTheBestCommonProfileOrIsRefused) {
   using enum CodecProfile;
-  const std::vector<Case> cases = {
-      {{hevcMain, hevcMain444}, {hevcMain, hevcMain444}, hevcMain444},
-      {{hevcMain, hevcMain444}, {hevcMain}, hevcMain},
-      {{hevcMain444}, {hevcMain, hevcMain444, hevcMain44410}, hevcMain444},
-      {{hevcMain10, hevcMain44410}, {hevcMain, hevcMain10, hevcMain444, hevcMain44410}, {}},
-      {{}, {hevcMain}, {}},
-  };
-  for (const Case& c : cases) {
-    runAsync([&c](asio::io_context& io) -> asio::awaitable<void> {
-      Harness h(io);
-      h.encoders->profiles = c.encoder;
+  const std::string noProfile = "No common video profile.";
+  const std::vector<std::tuple<std::uint16_t, std::vector<CodecProfile>, std::vector<CodecProfile>,
+                               std::variant<CodecProfile, std::string>>>
+      cases = {
+          {16, {hevcMain, hevcMain444}, {hevcMain, hevcMain444}, hevcMain444},
+          {16, {hevcMain, hevcMain444}, {hevcMain}, hevcMain},
+          {16, {hevcMain444}, {hevcMain, hevcMain444, hevcMain44410}, hevcMain444},
+          // The 10-bit profiles are never chosen.
+          {16,
+           {hevcMain10, hevcMain44410},
+           {hevcMain, hevcMain10, hevcMain444, hevcMain44410},
+           noProfile},
+          {16, {}, {hevcMain}, noProfile},
+          {15, {hevcMain}, {hevcMain}, "Unsupported protocol version 15; this host speaks 16."},
+      };
+  for (const auto& [version, client, encoder, outcome] : cases) {
+    withHarness([&](Harness& h) -> asio::awaitable<void> {
+      h.encoders->profiles = encoder;
       h.start();
-      h.client->send(hello(c.client));
-      if (c.chosen) {
+      h.client->send(hello(client, version));
+      h.client->send(hello());
+      if (const auto* profile = std::get_if<CodecProfile>(&outcome)) {
         const auto ack = co_await h.expect<msg::helloAck>();
-        EXPECT_EQ(ack.profile, *c.chosen);
-      } else {
-        const auto reject = co_await h.expect<msg::helloReject>();
-        EXPECT_EQ(reject.reason, "No common video profile.");
-        co_await h.waitForEnd();
+        EXPECT_EQ(ack.profile, *profile);
+        co_return;
       }
+      const auto& reason = std::get<std::string>(outcome);
+      const auto reject = co_await h.expect<msg::helloReject>();
+      EXPECT_EQ(reject.reason, reason);
+      const auto end = co_await h.client->messages().next();
+      EXPECT_EQ(end, std::nullopt);
+      co_await h.waitForEnd();
+      // Ended twice: once by the refusal, once by the teardown.
+      CO_ASSERT_TRUE(h.reports->size() == 2u);
+      EXPECT_EQ(h.reports->at(0).note, reason);
+      EXPECT_EQ(h.reports->at(0).phase, SessionStatus::Phase::ended);
+      EXPECT_TRUE(h.captures->log.empty() && h.power->held.empty());
     });
   }
 }
 
-TEST(HostSession, AWrongVersionIsRejectedAndTheConnectionCloses) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    h.start();
-    h.client->send(hello({CodecProfile::hevcMain}, 15));
-    h.client->send(hello());  // queued behind the rejection: never looked at
-    const auto reject = co_await h.expect<msg::helloReject>();
-    EXPECT_EQ(reject.reason, "Unsupported protocol version 15; this host speaks 16.");
-    const auto end = co_await h.client->messages().next();
-    EXPECT_EQ(end, std::nullopt);  // closed by the host, without a helloAck
-    co_await h.waitForEnd();
-    // Ended twice: once by the rejection, once by the teardown.
-    EXPECT_EQ(h.reports->size(), 2u);
-    EXPECT_TRUE(h.captures->log.empty());
-    EXPECT_EQ(h.reports->at(0).note, "Unsupported protocol version 15; this host speaks 16.");
-    EXPECT_EQ(h.reports->at(0).phase, SessionStatus::Phase::ended);
-    EXPECT_TRUE(h.power->held.empty());
-  });
-}
-
-TEST(HostSession, NothingBeforeHelloIsAnsweredButTheNoVideoChoiceIsKept) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
+// Before hello nothing is answered and only the choice of a session without video is kept; at
+// hello the keep-awake setting replaces what the application said before.
+TEST(HostSession, BeforeHelloOnlyTheNoVideoChoiceIsKept) {
+  withHarness([](Harness& h) -> asio::awaitable<void> {
     h.env.screenRecordingGranted = [] { return false; };
+    h.env.keepDisplayAwake = [] { return false; };
+    h.displays->list.clear();
     h.start();
+    h.session->setKeepAwake(true);
     h.client->send(msg::ping{1});
     h.client->send(msg::selectDisplay{1});
-    const auto quiet = co_await h.silent();
-    EXPECT_TRUE(quiet);
+    co_await h.expectSilence("messages before hello");
     h.client->send(msg::setVideoEnabled{false});
     h.client->send(hello());
     co_await h.expect<msg::helloAck>();
     // Without video the missing capture permission is no problem of this session.
     const auto status = co_await h.expect<msg::hostStatus>();
     EXPECT_EQ(status, (msg::hostStatus{HostState::ok, {}}));
-  });
-}
-
-TEST(HostSession, LifecycleWinsOverCaptureProblemsAndNothingIsSentTwice) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    h.env.screenRecordingGranted = [] { return false; };
-    h.captures->failure = "denied";  // without the permission, capture fails
-    h.start();
-    h.session->setLifecycleState(HostState::locked, "ignored before hello");
-    h.session->setLifecycleState(HostState::ok, std::nullopt);
-    h.client->send(hello());
-    co_await h.expect<msg::helloAck>();
-    const msg::hostStatus permission{HostState::permissionMissing,
-                                     "Screen Recording permission is not granted"};
-    const auto status = co_await h.expect<msg::hostStatus>();
-    EXPECT_EQ(status, permission);
-    co_await h.expect<msg::displayList>();
-
-    h.session->setLifecycleState(HostState::locked, "Mac is locked");
-    const auto locked = co_await h.expect<msg::hostStatus>();
-    EXPECT_EQ(locked, (msg::hostStatus{HostState::locked, "Mac is locked"}));
-    h.session->setLifecycleState(HostState::locked, "Mac is locked");
-    const auto quiet = co_await h.silent();
-    EXPECT_TRUE(quiet);
-    h.session->setLifecycleState(HostState::ok, std::nullopt);
-    const auto unlocked = co_await h.expect<msg::hostStatus>();
-    EXPECT_EQ(unlocked, permission);
-  });
-}
-
-TEST(HostSession, AGatedSessionSeesOnlyWhatTheGatePassesAndChecksTheDevice) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    for (const bool sameDevice : std::array{true, false}) {
-      Harness h(io);
-      auto gate = std::make_shared<FakeGate>();
-      gate->deviceID = sameDevice ? kDevice : UUID{{4, 4}};
-      gate->publicKey = Data{1};
-      h.env.relayConfig = [](const std::optional<Data>& key) -> std::optional<RelayProvision> {
-        EXPECT_EQ(key, Data{1});
-        return RelayProvision{{}, {}};  // no relay: nothing is sent
-      };
-      h.start(gate, Data{2});
-      h.client->send(msg::authResponse{kDevice, {1}, {2}});
-      if (sameDevice) {
-        co_await h.open();
-        h.client->close();
-      } else {
-        h.client->send(hello());
-        const auto reject = co_await h.expect<msg::helloReject>();
-        EXPECT_EQ(reject.reason, "Device ID does not match the authenticated device.");
-      }
-      co_await h.waitForEnd();
-      EXPECT_TRUE(gate->started);
-      EXPECT_TRUE(gate->ended);
-    }
-  });
-}
-
-TEST(HostSession, TheRealGateAdmitsAPairedDeviceAndItsHelloOnly) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    const Data fingerprint(32, 1);
-    auto store = std::make_shared<PairedDeviceStore>(std::nullopt);
-    auto service = std::make_shared<HostPairingService>(kHost, "studio", fingerprint, store,
-                                                        nullptr, [] { return WallClock::now(); });
-    const ClientIdentity device{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
-    std::optional<Data> relayKey;
-    h.env.relayConfig = [&relayKey](const std::optional<Data>& key) {
-      relayKey = key;
-      return std::optional<RelayProvision>();
-    };
-    h.start(HostAuthGate::make(io.get_executor(), h.host, service, AuthTimeouts{}, nullptr));
-    const msg::hello greeting = hello({CodecProfile::hevcMain}, 16, device.deviceID);
-    h.client->send(greeting);  // before the gate: dropped
-    const auto token = service->issueToken();
-    // Named arguments only: GCC 12 destroys temporaries that live across a suspension twice.
-    const auto purpose = ClientHandshake::Purpose::pairWithToken(token.value);
-    const std::string name = "Ann's iPad";
-    const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
-    const std::function<void(const std::string&)> noCode;
-    const auto event =
-        co_await ClientHandshake::run(h.client, device, purpose, name, pinned, 5s, noCode);
-    EXPECT_EQ(event, ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
-    const auto quiet = co_await h.silent();
-    EXPECT_TRUE(quiet);
-
-    h.client->send(greeting);
-    const auto ack = co_await h.expect<msg::helloAck>();
-    EXPECT_EQ(ack.profile, CodecProfile::hevcMain);
-    EXPECT_EQ(relayKey, device.privateKey.publicKey());
-    EXPECT_EQ(service->connectedDeviceIDs().count(device.deviceID), 1u);
-    h.client->close();
-    co_await h.waitForEnd();
-    EXPECT_TRUE(service->connectedDeviceIDs().empty());
-  });
-}
-
-TEST(HostSession, WithoutDisplaysTheSessionWaitsWithANote) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    h.displays->list.clear();
-    h.start();
-    const auto list = co_await h.greet();
+    // Without displays it waits, with a note.
+    const auto list = co_await h.expect<msg::displayList>();
     EXPECT_TRUE(list.displays.empty());
-    co_await sleepFor(50ms);
+    co_await h.roundTrip();
     EXPECT_EQ(h.lastReport().note, "No displays available");
     EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::negotiating);
-  });
-}
 
-TEST(HostSession, KeepAwakeFollowsTheSettingAndTheApplication) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    h.env.keepDisplayAwake = [] { return false; };
-    h.start();
-    h.session->setKeepAwake(true);  // before hello: stored, and replaced by the setting at hello
-    co_await h.open();
     EXPECT_TRUE(h.power->held.empty());
     h.session->setKeepAwake(true);
     h.session->setKeepAwake(true);
-    co_await sleepFor(20ms);
+    co_await h.roundTrip();
     EXPECT_EQ(h.power->held.size(), 1u);
     h.session->setKeepAwake(false);
-    co_await sleepFor(20ms);
+    co_await h.roundTrip();
     EXPECT_TRUE(h.power->held.empty());
     EXPECT_EQ(h.power->taken, 1);
   });
 }
 
-TEST(HostSession, AReplacedSessionSaysWhoTookOverAndEnds) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    h.start();
-    co_await h.open();
-    co_await h.session->replaced("Bob's iPhone");
-    const auto replaced = co_await h.expect<msg::sessionReplaced>();
-    EXPECT_EQ(replaced, msg::sessionReplaced{"Bob's iPhone"});
-    const auto end = co_await h.client->messages().next();
-    EXPECT_EQ(end, std::nullopt);
-    co_await h.waitForEnd();
-    EXPECT_TRUE(h.power->held.empty());
-  });
-}
-
-TEST(HostSession, DroppingEitherEndMidConversationLeavesNothingBehind) {
-  for (const bool clientHangsUp : {true, false}) {
-    runAsync([clientHangsUp](asio::io_context& io) -> asio::awaitable<void> {
-      Harness h(io);
-      h.start();
-      co_await h.open();  // the display-change loop is running now
-      std::weak_ptr<HostSession> session = h.session;
-      std::weak_ptr<Connection> hostEnd = h.host;
-      // The application lets go of the session while it runs: the run keeps it alive.
-      h.session.reset();
-      h.host.reset();
-      co_await sleepFor(20ms);
-      EXPECT_FALSE(session.expired());
-      if (clientHangsUp) {
-        h.client.reset();  // the client vanishes without a word
-      } else {
+// The gate sees the connection start and end; the session takes only what the gate passes,
+// offers relays (none here) to the key the device signed in with rather than its fixed one, and
+// refuses a hello from another device than the one that signed in.
+TEST(HostSession, AGatedSessionSeesOnlyWhatTheGatePassesAndChecksTheDevice) {
+  for (const bool sameDevice : {true, false}) {
+    withHarness([sameDevice](Harness& h) -> asio::awaitable<void> {
+      auto gate = std::make_shared<FakeGate>();
+      std::optional<Data> relayKey;
+      h.env.relayConfig = [&relayKey](const std::optional<Data>& key) {
+        relayKey = key;
+        return std::optional(RelayProvision{{}, {}});
+      };
+      h.start(gate, Data{2});
+      h.client->send(hello());
+      co_await h.expectSilence("a hello before the device signed in");
+      gate->deviceID = sameDevice ? kDevice : UUID{{4, 4}};
+      gate->publicKey = Data{1};
+      h.client->send(hello());
+      if (sameDevice) {
+        co_await h.expect<msg::helloAck>();
+        co_await h.expect<msg::hostStatus>();  // no relayConfig without relays
+        EXPECT_EQ(relayKey, Data{1});
         h.client->close();
+      } else {
+        const auto reject = co_await h.expect<msg::helloReject>();
+        EXPECT_EQ(reject.reason, "Device ID does not match the authenticated device.");
       }
       co_await h.waitForEnd();
-      co_await sleepFor(20ms);
-      EXPECT_TRUE(session.expired());
-      EXPECT_TRUE(hostEnd.expired());
-      EXPECT_EQ(h.displays->liveSubscribers(), 0u);
-      EXPECT_TRUE(h.power->held.empty());
+      EXPECT_TRUE(gate->started && gate->ended);
     });
   }
 }
 
 TEST(HostSession, TheSourceFollowsTheClientAndTheDisplays) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+  withHarness([](Harness& h) -> asio::awaitable<void> {
     using enum CodecProfile;
-    Harness h(io);
     h.displays->list.push_back({2, "HDMI-1", false, 2560, 1600, {1920, 0, 2560, 1600}});
     h.start();
     co_await h.open();
-    h.displays->signal();  // a change that changes nothing sends nothing
-    const auto unchanged = co_await h.silent();
-    EXPECT_TRUE(unchanged);
+    h.displays->signal();
+    co_await h.expectSilence("a change that changes nothing");
     // What the network sends is made usable: NaN, a rectangle sticking out, sides out of range.
     const msg::viewport zoom{{1, {NAN, 0.5f, 0.5f, 2}, 9000, 1001}};
     h.client->send(zoom);
     const auto zoomed = co_await h.expect<msg::streamInfo>();
     EXPECT_EQ(zoomed, (msg::streamInfo{1, {0, 0.5f, 0.5f, 0.5f}, 8192, 1000, hevcMain}));
-
-    h.client->send(msg::selectDisplay{7});  // unknown: dropped without an answer
-    const auto quiet = co_await h.silent();
-    EXPECT_TRUE(quiet);
+    h.client->send(msg::selectDisplay{7});
+    co_await h.expectSilence("an unknown display");
     h.client->send(msg::selectDisplay{2});
     const auto second = co_await h.expect<msg::streamInfo>();
     // Scaled to the client's 2048x1536 screen, keeping the display's shape.
     EXPECT_EQ(second, (msg::streamInfo{2, {0, 0, 1, 1}, 2048, 1280, hevcMain}));
 
-    // A new name alone changes only the list.
     h.displays->list[1].name = "HDMI-1 (TV)";
     h.displays->signal();
     co_await h.expect<msg::displayList>();
-    const auto renamed = co_await h.silent();
-    EXPECT_TRUE(renamed);
+    co_await h.expectSilence("a new name, after the list");
     // A new size throws the client's viewport away; a vanished display falls back to the main.
     h.displays->list[1] = {2, "HDMI-1", false, 1280, 720, {1920, 0, 1280, 720}};
     h.displays->signal();
@@ -460,27 +335,47 @@ TEST(HostSession, TheSourceFollowsTheClientAndTheDisplays) {
   });
 }
 
-TEST(HostSession, ACaptureThatFailsOrEndsIsReportedAndTheSessionGoesOn) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
+// What the computer's lifecycle says wins over capture problems, and each state is said once. A
+// capture that fails or ends is told, and the next selection tries again with a fresh source.
+TEST(HostSession, CaptureProblemsAreToldUnlessTheLifecycleHidesThemAndTheSessionGoesOn) {
+  withHarness([](Harness& h) -> asio::awaitable<void> {
+    bool granted = false;
+    h.env.screenRecordingGranted = [&granted] { return granted; };
+    h.captures->failure = "denied";  // without the permission, capture fails
+    h.start();
+    h.session->setLifecycleState(HostState::locked, "ignored before hello");
+    h.session->setLifecycleState(HostState::ok, std::nullopt);
+    h.client->send(hello());
+    co_await h.expect<msg::helloAck>();
+    const msg::hostStatus permission{HostState::permissionMissing,
+                                     "Screen Recording permission is not granted"};
+    const auto status = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(status, permission);
+    co_await h.expect<msg::displayList>();
+    h.session->setLifecycleState(HostState::locked, "Mac is locked");
+    const auto locked = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(locked, (msg::hostStatus{HostState::locked, "Mac is locked"}));
+    h.session->setLifecycleState(HostState::locked, "Mac is locked");
+    co_await h.expectSilence("the same state again");
+    h.session->setLifecycleState(HostState::ok, std::nullopt);
+    const auto unlocked = co_await h.expect<msg::hostStatus>();
+    EXPECT_EQ(unlocked, permission);
+
+    granted = true;
     const std::string unavailable = "Display 1 is not available for capture.";
     h.captures->failure = unavailable;
-    h.start();
-    co_await h.greet();
+    h.client->send(msg::selectDisplay{1});
     const auto blocked = co_await h.expect<msg::hostStatus>();
     EXPECT_EQ(blocked, (msg::hostStatus{HostState::captureBlocked, unavailable}));
     EXPECT_EQ(h.lastReport().captureError, unavailable);
     EXPECT_EQ(h.lastReport().phase, SessionStatus::Phase::negotiating);
-
-    // The next selection tries again, with a fresh source, and succeeds.
     h.captures->failure.reset();
     h.client->send(msg::selectDisplay{1});
     const auto ok = co_await h.expect<msg::hostStatus>();
     EXPECT_EQ(ok, (msg::hostStatus{HostState::ok, {}}));
     co_await h.expect<msg::streamInfo>();
     EXPECT_EQ(h.lastReport().captureError, std::nullopt);
-
-    // The X server goes away under the capture: said once, and a later selection starts anew.
+    // The X server goes away under the capture.
     h.captures->endLast("The X server went away.");
     const auto lost = co_await h.expect<msg::hostStatus>();
     EXPECT_EQ(lost, (msg::hostStatus{HostState::captureBlocked, "The X server went away."}));
@@ -493,18 +388,15 @@ TEST(HostSession, ACaptureThatFailsOrEndsIsReportedAndTheSessionGoesOn) {
 }
 
 TEST(HostSession, VideoOffAndCaptureHoldsStopCaptureButKeepTheSource) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
+  withHarness([](Harness& h) -> asio::awaitable<void> {
     h.displays->list.push_back({2, "HDMI-1", false, 1280, 720, {1920, 0, 1280, 720}});
     h.start();
     co_await h.open();
     h.client->send(msg::setVideoEnabled{false});
     h.client->send(msg::setVideoEnabled{false});
-    // While video is off a new source is only recorded.
     const msg::viewport half{{2, {0, 0, 0.5f, 0.5f}, 640, 360}};
     h.client->send(half);
-    const auto quiet = co_await h.silent();
-    EXPECT_TRUE(quiet);
+    co_await h.expectSilence("a new source while video is off");
     EXPECT_EQ(h.lastReport().note, "Remote mode (no video)");
     EXPECT_EQ(h.lastReport().width, 640);
     h.client->send(msg::setVideoEnabled{true});
@@ -516,8 +408,7 @@ TEST(HostSession, VideoOffAndCaptureHoldsStopCaptureButKeepTheSource) {
     co_await h.session->suspendCapture("Mac is locked");
     h.client->send(msg::setVideoEnabled{false});
     h.client->send(msg::setVideoEnabled{true});
-    const auto held = co_await h.silent();
-    EXPECT_TRUE(held);
+    co_await h.expectSilence("video on during a hold");
     EXPECT_EQ(h.lastReport().note, "Mac is locked");
     // The display vanished during the hold: the resume shows the main display, whole.
     h.displays->list.pop_back();
@@ -533,9 +424,8 @@ TEST(HostSession, VideoOffAndCaptureHoldsStopCaptureButKeepTheSource) {
 }
 
 TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+  withHarness([](Harness& h) -> asio::awaitable<void> {
     using enum CodecProfile;
-    Harness h(io);
     auto clock = std::make_shared<ManualClock>();
     h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
     h.clientProfiles = {hevcMain, hevcMain444};
@@ -552,7 +442,8 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
     EXPECT_EQ(h.lastReport().targetBitrateMbps, 11.2);
     EXPECT_EQ(encoder.keyframeRequests, 2);  // the first picture's and the client's
 
-    // Frames go straight from the encoder to the client, and the statistics count them.
+    // Frames go straight from the encoder to the client; the statistics tell of them at their
+    // next tick.
     VideoFrame frame;
     frame.displayID = 1;
     frame.isKeyframe = true;
@@ -560,7 +451,7 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
     encoder.output(encoderOutput::frame{frame, 12.5});
     const auto received = co_await nextWithin(h.client->videoFrames(), 5s);
     EXPECT_EQ(received, frame);
-    EXPECT_EQ(h.lastReport().framesSent, 0);  // told only at the next tick of the statistics
+    EXPECT_EQ(h.lastReport().framesSent, 0);
     clock->advance(1s);
     co_await h.roundTrip();
     EXPECT_EQ(h.lastReport().framesSent, 1);
@@ -577,9 +468,8 @@ TEST(HostSession, FeedbackSteersTheRateAndEncoderNewsReachesBothSides) {
   });
 }
 
-TEST(HostSession, InputReachesTheInjectorAndNothingStaysDownAfterTheEnd) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
+TEST(HostSession, InputReachesTheInjectorAndTheEndLeavesNothingBehindOrHeldDown) {
+  withHarness([](Harness& h) -> asio::awaitable<void> {
     bool asleep = false;
     std::vector<bool> wakeRequests;
     h.env.isDisplayAsleep = [&asleep] { return asleep; };
@@ -617,7 +507,7 @@ TEST(HostSession, InputReachesTheInjectorAndNothingStaysDownAfterTheEnd) {
 
     // A stranger who connects and drops before hello takes nothing and lets go of nothing; the
     // session lets go of its own keys.
-    Harness stranger(io);
+    Harness stranger(h.io);
     stranger.env.injector = h.injector;
     stranger.start(std::make_shared<FakeGate>());
     stranger.client->close();
@@ -627,19 +517,30 @@ TEST(HostSession, InputReachesTheInjectorAndNothingStaysDownAfterTheEnd) {
     EXPECT_EQ(stranger.reports->at(0).phase, SessionStatus::Phase::ended);
     EXPECT_EQ(stranger.power->taken, 0);
     EXPECT_EQ(stranger.displays->liveSubscribers(), 0u);
-    h.client->close();
+
+    // The application lets go of the session while it runs: the run keeps it alive until the
+    // client vanishes without a word; then nothing of it is left, and nothing stays down.
+    const std::weak_ptr<HostSession> session = h.session;
+    const std::weak_ptr<Connection> hostEnd = h.host;
+    h.session.reset();
+    h.host.reset();
+    co_await sleepFor(20ms);
+    EXPECT_FALSE(session.expired());
+    h.client.reset();
     co_await h.waitForEnd();
-    EXPECT_TRUE(h.injector->held.empty());
+    co_await sleepFor(20ms);
+    EXPECT_TRUE(session.expired() && hostEnd.expired());
+    EXPECT_EQ(h.displays->liveSubscribers(), 0u);
+    EXPECT_TRUE(h.power->held.empty() && h.injector->held.empty());
   });
 }
 
 TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
   VirtualDisplay x(1280, 720);
   SKIP_WITHOUT_DISPLAY(x);
-  runAsync([&x](asio::io_context& io) -> asio::awaitable<void> {
-    Harness h(io);
-    h.env.displays = std::make_shared<RandrDisplayManager>(io.get_executor(), x.name());
-    h.env.makeCapture = [executor = io.get_executor(), name = x.name()] {
+  withHarness([&x](Harness& h) -> asio::awaitable<void> {
+    h.env.displays = std::make_shared<RandrDisplayManager>(h.io.get_executor(), x.name());
+    h.env.makeCapture = [executor = h.io.get_executor(), name = x.name()] {
       return X11CaptureSource::make(executor, name);
     };
     h.env.encoders =
@@ -650,9 +551,7 @@ TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
     painter.show(*first);
     h.start();
     const auto info = co_await h.open();
-    EXPECT_EQ(info.width, 1280u);
-    EXPECT_EQ(info.height, 720u);
-
+    EXPECT_EQ(std::pair(info.width, info.height), std::pair(1280u, 720u));
     client::VideoDecoder decoder;
     const auto opening = co_await nextWithin(h.client->videoFrames(), 5s);
     CO_ASSERT_TRUE(opening && opening->isKeyframe);

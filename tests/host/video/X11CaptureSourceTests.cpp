@@ -1,11 +1,11 @@
-// X11CaptureSource against a real Xvfb, with pictures drawn on its root window.
+// X11CaptureSource against a real Xvfb of 1280x720 painted in quadrants: red, green above; blue,
+// white below.
 
 #include "host/video/X11CaptureSource.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <limits>
 
 #include "host/video/RandrDisplayManager.hpp"
@@ -38,282 +38,235 @@ Colours quadrantColours(const PixelBuffer& b) {
           pixelAt(b, 3 * w / 4, 3 * h / 4)};
 }
 
-// A capture source with its frames and stops in queues. Each call to the source is made in two
-// steps: GCC 12 mishandles temporaries in the full-expression of a co_await.
-struct Capture {
-  std::shared_ptr<X11CaptureSource> source;
-  std::shared_ptr<AsyncQueue<CapturedFrame>> frames = std::make_shared<AsyncQueue<CapturedFrame>>();
-  std::shared_ptr<AsyncQueue<std::string>> stops = std::make_shared<AsyncQueue<std::string>>();
+// The painted screen, its displays, and a capture source on it with its frames and stops in
+// queues. Each call to the source is made in two steps: GCC 12 mishandles temporaries in the
+// full-expression of a co_await.
+class X11CaptureSourceTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    SKIP_WITHOUT_DISPLAY(display);
+    painter = std::make_unique<ScreenPainter>(display.name());
+    painter->fill(kRed, 0, 0, 640, 360);
+    painter->fill(kGreen, 640, 0, 640, 360);
+    painter->fill(kBlue, 0, 360, 640, 360);
+    painter->fill(kWhite, 640, 360, 640, 360);
+  }
 
-  asio::awaitable<void> start(const DisplayInfo& display, std::uint32_t width,
-                              std::uint32_t height) {
-    const Viewport viewport{display.id, kWhole, width, height};
+  asio::awaitable<void> open(asio::io_context& io) {
+    RandrDisplayManager manager(io.get_executor(), display.name());
+    displays = co_await manager.displays();
+    CO_ASSERT_TRUE(!displays.empty());
+    source = X11CaptureSource::make(io.get_executor(), display.name());
+  }
+  asio::awaitable<void> start(const DisplayInfo& shown, std::uint32_t width, std::uint32_t height) {
+    const Viewport viewport{shown.id, kWhole, width, height};
     auto starting = source->start(
-        display, viewport, [q = frames](CapturedFrame frame) { q->push(std::move(frame)); },
+        shown, viewport, [q = frames](CapturedFrame frame) { q->push(std::move(frame)); },
         [q = stops](std::string reason) { q->push(std::move(reason)); });
     co_await std::move(starting);
   }
-  asio::awaitable<void> update(const DisplayInfo& display, NormalizedRect rect, std::uint32_t width,
+  asio::awaitable<void> update(const DisplayInfo& shown, NormalizedRect rect, std::uint32_t width,
                                std::uint32_t height) {
-    auto updating = source->update(display, {display.id, rect, width, height});
+    auto updating = source->update(shown, {shown.id, rect, width, height});
     co_await std::move(updating);
   }
   // What a start (without `rect`) or an update threw; empty when it did not.
-  asio::awaitable<std::string> refusal(const DisplayInfo& display,
+  asio::awaitable<std::string> refusal(const DisplayInfo& shown,
                                        std::optional<NormalizedRect> rect = {}) {
     try {
-      if (rect) co_await update(display, *rect, 320, 180);
-      if (!rect) co_await start(display, 640, 360);
+      if (rect) co_await update(shown, *rect, 320, 180);
+      if (!rect) co_await start(shown, 640, 360);
     } catch (const std::exception& error) {
       co_return error.what();
     }
     co_return "";
-  }
-  asio::awaitable<void> stop() {
-    auto stopping = source->stop();
-    co_await std::move(stopping);
   }
   asio::awaitable<CapturedFrame> next() {
     auto frame = co_await nextWithin(*frames, 5s);
     CO_ASSERT_TRUE(frame.has_value());
     co_return std::move(*frame);
   }
+
+  VirtualDisplay display{1280, 720};
+  std::unique_ptr<ScreenPainter> painter;
+  std::vector<DisplayInfo> displays;
+  std::shared_ptr<X11CaptureSource> source;
+  std::shared_ptr<AsyncQueue<CapturedFrame>> frames = std::make_shared<AsyncQueue<CapturedFrame>>();
+  std::shared_ptr<AsyncQueue<std::string>> stops = std::make_shared<AsyncQueue<std::string>>();
 };
 
-using Body = std::function<asio::awaitable<void>(asio::io_context&, ScreenPainter&,
-                                                 std::vector<DisplayInfo>, Capture&)>;
-
-// An Xvfb of 1280x720 in quadrants (red, green above; blue, white below), its displays, and a
-// capture source on it, for `body`; skipped with the reason when no Xvfb starts.
-#define ON_QUADRANTS(display, ...)   \
-  VirtualDisplay display(1280, 720); \
-  SKIP_WITHOUT_DISPLAY(display);     \
-  onQuadrants(display, __VA_ARGS__)
-
-void onQuadrants(VirtualDisplay& display, const Body& body,
-                 const std::function<void(ScreenPainter&)>& prepare = {}) {
-  ScreenPainter painter(display.name());
-  painter.fill(kRed, 0, 0, 640, 360);
-  painter.fill(kGreen, 640, 0, 640, 360);
-  painter.fill(kBlue, 0, 360, 640, 360);
-  painter.fill(kWhite, 640, 360, 640, 360);
-  if (prepare) prepare(painter);
+// Frames keep the rectangle they were taken with: the old one up to an update, the new one, at its
+// output size and with its pixels, from when it is in force. Geometry from the network that is no
+// rectangle is refused, and the capture goes on as it was; a nonsensical viewport is clamped.
+TEST_F(X11CaptureSourceTest, CapturesTheScreenScaledOrARegionEachFrameTaggedWithItsRectangle) {
   runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
-    RandrDisplayManager manager(io.get_executor(), display.name());
-    const auto displays = co_await manager.displays();
-    CO_ASSERT_TRUE(!displays.empty());
-    Capture capture{X11CaptureSource::make(io.get_executor(), display.name())};
-    co_await body(io, painter, displays, capture);
+    co_await open(io);
+    const DisplayInfo main = displays.front();
+    const std::uint64_t before = monotonicRawNs();
+    co_await start(main, 1280, 720);
+    const CapturedFrame same = co_await next();
+    CO_ASSERT_TRUE(same.displayID == main.id && same.sourceRect == kWhole);
+    CO_ASSERT_TRUE(before <= same.captureTimeNs && same.captureTimeNs <= monotonicRawNs());
+    CO_ASSERT_TRUE(same.pixelBuffer->width == 1280 && same.pixelBuffer->height == 720);
+    CO_ASSERT_TRUE(quadrantColours(*same.pixelBuffer) == kQuadrants);
+    CO_ASSERT_TRUE(pixelAt(*same.pixelBuffer, 639, 359) == kRed &&
+                   pixelAt(*same.pixelBuffer, 640, 360) == kWhite);
+
+    painter->fill(kWhite, 700, 400, 10, 10);  // a change on its way while the rectangle changes
+    const std::uint64_t requested = monotonicRawNs();
+    co_await update(main, kBottomRight, 320, 180);
+    const std::uint64_t confirmed = monotonicRawNs();
+    for (;;) {
+      const CapturedFrame frame = co_await next();
+      const PixelBuffer& pixels = *frame.pixelBuffer;
+      if (frame.sourceRect == kWhole) {
+        CO_ASSERT_TRUE(frame.captureTimeNs < confirmed && pixels.width == 1280);
+        continue;
+      }
+      CO_ASSERT_TRUE(frame.sourceRect == kBottomRight && frame.captureTimeNs > requested);
+      CO_ASSERT_TRUE(pixels.width == 320 && pixels.height == 180);
+      CO_ASSERT_TRUE(quadrantColours(pixels) == Colours(4, kWhite));
+      break;
+    }
+    co_await update(main, kWhole, 640, 360);
+    const CapturedFrame scaled = co_await next();
+    CO_ASSERT_TRUE(scaled.pixelBuffer->width == 640 && scaled.pixelBuffer->height == 360);
+    CO_ASSERT_TRUE(quadrantColours(*scaled.pixelBuffer) == kQuadrants);
+
+    // A region in desktop points: the green quadrant, never scaled up beyond its pixels.
+    source->setScope(scope::region{{640, 0, 640, 360}});
+    co_await update(main, kWhole, 1280, 720);
+    const CapturedFrame region = co_await next();
+    CO_ASSERT_TRUE(region.pixelBuffer->width == 640 && region.pixelBuffer->height == 360);
+    CO_ASSERT_TRUE(quadrantColours(*region.pixelBuffer) == Colours(4, kGreen));
+    CO_ASSERT_TRUE(pixelAt(*region.pixelBuffer, 0, 0) == kGreen &&
+                   pixelAt(*region.pixelBuffer, 639, 359) == kGreen);
+    // A region partly off the screen: the part on it keeps its place, the rest is black.
+    source->setScope(scope::region{{960, 540, 640, 360}});
+    co_await update(main, kWhole, 640, 360);
+    const CapturedFrame overhanging = co_await next();
+    const PixelBuffer& pixels = *overhanging.pixelBuffer;
+    CO_ASSERT_TRUE(pixels.width == 640 && pixels.height == 360);
+    CO_ASSERT_TRUE(pixelAt(pixels, 0, 0) == kWhite && pixelAt(pixels, 319, 179) == kWhite);
+    CO_ASSERT_TRUE(pixelAt(pixels, 320, 0) == 0 && pixelAt(pixels, 0, 180) == 0 &&
+                   pixelAt(pixels, 639, 359) == 0);
+
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    source->setScope(scope::region{{nan, 0, 1e300, -5}});
+    const auto refused = co_await refusal(main, kBottomRight);
+    CO_ASSERT_TRUE(refused == "The capture region is not a valid rectangle.");
+    painter->fill(kYellow, 0, 0, 1280, 720);
+    const CapturedFrame kept = co_await next();
+    CO_ASSERT_TRUE(kept.sourceRect == kWhole && kept.pixelBuffer->width == 640);
+    CO_ASSERT_TRUE(pixelAt(*kept.pixelBuffer, 0, 0) == kYellow);
+    source->setScope(scope::display{});
+    const float bad = std::numeric_limits<float>::quiet_NaN();
+    const NormalizedRect nonsense{bad, -3, 7, bad};
+    co_await update(main, nonsense, std::numeric_limits<std::uint32_t>::max(), 1);
+    const CapturedFrame clamped = co_await next();
+    CO_ASSERT_TRUE(clamped.sourceRect == normalizedRect(nonsense));
+    CO_ASSERT_TRUE(clamped.pixelBuffer->width == 8192 && clamped.pixelBuffer->height == 2);
+    co_await source->stop();
   });
 }
 
-TEST(X11CaptureSource, CapturesTheScreenCopiedScaledOrARegionAndRefusesOrClampsBadGeometry) {
-  ON_QUADRANTS(
-      display,
-      [](asio::io_context&, ScreenPainter& painter, std::vector<DisplayInfo> displays,
-         Capture& capture) -> asio::awaitable<void> {
-        const DisplayInfo main = displays.front();
-        const std::uint64_t before = monotonicRawNs();
-        co_await capture.start(main, 1280, 720);
-        const CapturedFrame same = co_await capture.next();
-        CO_ASSERT_TRUE(same.displayID == main.id && same.sourceRect == kWhole);
-        CO_ASSERT_TRUE(before <= same.captureTimeNs && same.captureTimeNs <= monotonicRawNs());
-        CO_ASSERT_TRUE(same.pixelBuffer->width == 1280 && same.pixelBuffer->height == 720);
-        CO_ASSERT_TRUE(quadrantColours(*same.pixelBuffer) == kQuadrants);
-        CO_ASSERT_TRUE(pixelAt(*same.pixelBuffer, 639, 359) == kRed &&
-                       pixelAt(*same.pixelBuffer, 640, 360) == kWhite);
-
-        co_await capture.update(main, kWhole, 640, 360);
-        const CapturedFrame scaled = co_await capture.next();
-        CO_ASSERT_TRUE(scaled.pixelBuffer->width == 640 && scaled.pixelBuffer->height == 360);
-        CO_ASSERT_TRUE(quadrantColours(*scaled.pixelBuffer) == kQuadrants);
-
-        // A region in desktop points: the green quadrant, never scaled up beyond its pixels.
-        capture.source->setScope(scope::region{{640, 0, 640, 360}});
-        co_await capture.update(main, kWhole, 1280, 720);
-        const CapturedFrame region = co_await capture.next();
-        CO_ASSERT_TRUE(region.pixelBuffer->width == 640 && region.pixelBuffer->height == 360);
-        CO_ASSERT_TRUE(quadrantColours(*region.pixelBuffer) == Colours(4, kGreen));
-        CO_ASSERT_TRUE(pixelAt(*region.pixelBuffer, 0, 0) == kGreen &&
-                       pixelAt(*region.pixelBuffer, 639, 359) == kGreen);
-
-        // A region partly off the screen: the part on it keeps its place, the rest is black.
-        capture.source->setScope(scope::region{{960, 540, 640, 360}});
-        co_await capture.update(main, kWhole, 640, 360);
-        const CapturedFrame overhanging = co_await capture.next();
-        const PixelBuffer& pixels = *overhanging.pixelBuffer;
-        CO_ASSERT_TRUE(pixels.width == 640 && pixels.height == 360);
-        CO_ASSERT_TRUE(pixelAt(pixels, 0, 0) == kWhite && pixelAt(pixels, 319, 179) == kWhite);
-        CO_ASSERT_TRUE(pixelAt(pixels, 320, 0) == 0 && pixelAt(pixels, 0, 180) == 0 &&
-                       pixelAt(pixels, 639, 359) == 0);
-
-        // A region from the network that is no rectangle is refused, and the capture goes on as it
-        // was; a nonsensical viewport is clamped into a usable one.
-        const double nan = std::numeric_limits<double>::quiet_NaN();
-        capture.source->setScope(scope::region{{nan, 0, 1e300, -5}});
-        const auto refused = co_await capture.refusal(main, kBottomRight);
-        CO_ASSERT_TRUE(refused == "The capture region is not a valid rectangle.");
-        painter.fill(kYellow, 0, 0, 1280, 720);
-        const CapturedFrame kept = co_await capture.next();
-        CO_ASSERT_TRUE(kept.sourceRect == kWhole && kept.pixelBuffer->width == 640);
-        CO_ASSERT_TRUE(pixelAt(*kept.pixelBuffer, 0, 0) == kYellow);
-
-        capture.source->setScope(scope::display{});
-        const float bad = std::numeric_limits<float>::quiet_NaN();
-        const NormalizedRect nonsense{bad, -3, 7, bad};
-        co_await capture.update(main, nonsense, std::numeric_limits<std::uint32_t>::max(), 1);
-        const CapturedFrame clamped = co_await capture.next();
-        CO_ASSERT_TRUE(clamped.sourceRect == normalizedRect(nonsense));
-        CO_ASSERT_TRUE(clamped.pixelBuffer->width == 8192 && clamped.pixelBuffer->height == 2);
-        co_await capture.stop();
-      });
-}
-
 // Nothing is captured while nothing changes; a change is captured into a buffer nobody holds;
-// nothing at all after a stop.
-TEST(X11CaptureSource, AStillScreenYieldsOneFrameEachChangeAnotherAndAStopNone) {
-  ON_QUADRANTS(
-      display,
-      [](asio::io_context&, ScreenPainter& painter, std::vector<DisplayInfo> displays,
-         Capture& capture) -> asio::awaitable<void> {
-        co_await capture.start(displays.front(), 640, 360);
-        auto first = co_await capture.next();
-        const auto still = co_await nextWithin(*capture.frames, 700ms);
-        CO_ASSERT_TRUE(!still.has_value());
+// nothing at all after a stop. A display that is not there is refused at the start; the server
+// going away stops the capture once, and an update then says why it cannot start again.
+TEST_F(X11CaptureSourceTest, CapturesChangesOnlyAndStopsOnceWhenTheServerGoes) {
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    co_await open(io);
+    const DisplayInfo main = displays.front();
+    co_await start(main, 640, 360);
+    auto first = co_await next();
+    const auto still = co_await nextWithin(*frames, 700ms);
+    CO_ASSERT_TRUE(!still.has_value());
 
-        // Held by us: the next picture goes elsewhere, and this one stays as it was.
-        painter.fill(kYellow, 0, 0, 640, 360);
-        auto second = co_await capture.next();
-        CO_ASSERT_TRUE(second.pixelBuffer != first.pixelBuffer);
-        CO_ASSERT_TRUE(pixelAt(*second.pixelBuffer, 100, 100) == kYellow);
-        CO_ASSERT_TRUE(pixelAt(*first.pixelBuffer, 100, 100) == kRed);
+    // Held by us: the next picture goes elsewhere, and this one stays as it was.
+    painter->fill(kYellow, 0, 0, 640, 360);
+    auto second = co_await next();
+    CO_ASSERT_TRUE(second.pixelBuffer != first.pixelBuffer);
+    CO_ASSERT_TRUE(pixelAt(*second.pixelBuffer, 100, 100) == kYellow);
+    CO_ASSERT_TRUE(pixelAt(*first.pixelBuffer, 100, 100) == kRed);
+    // Let go of: one of those buffers is written again, rather than a new one made.
+    const std::vector<const PixelBuffer*> released{first.pixelBuffer.get(),
+                                                   second.pixelBuffer.get()};
+    first = {};
+    second = {};
+    painter->fill(kBlue, 0, 0, 640, 360);
+    const CapturedFrame third = co_await next();
+    CO_ASSERT_TRUE(std::ranges::find(released, third.pixelBuffer.get()) != released.end());
+    CO_ASSERT_TRUE(pixelAt(*third.pixelBuffer, 100, 100) == kBlue);
 
-        // Let go of: one of those buffers is written again, rather than a new one made.
-        const std::vector<const PixelBuffer*> released{first.pixelBuffer.get(),
-                                                       second.pixelBuffer.get()};
-        first = {};
-        second = {};
-        painter.fill(kBlue, 0, 0, 640, 360);
-        const CapturedFrame third = co_await capture.next();
-        CO_ASSERT_TRUE(std::ranges::find(released, third.pixelBuffer.get()) != released.end());
-        CO_ASSERT_TRUE(pixelAt(*third.pixelBuffer, 100, 100) == kBlue);
+    // A change on its way when the capture stops never comes out; stopping again is no error.
+    painter->fill(kRed, 0, 0, 1280, 720);
+    co_await source->stop();
+    co_await source->stop();
+    const auto late = co_await nextWithin(*frames, 500ms);
+    const auto notStarted = co_await refusal(main, kWhole);
+    CO_ASSERT_TRUE(!late.has_value() && notStarted == "Capture has not been started.");
 
-        // A change on its way when the capture stops never comes out; stopping again is no error.
-        painter.fill(kRed, 0, 0, 1280, 720);
-        co_await capture.stop();
-        co_await capture.stop();
-        const auto late = co_await nextWithin(*capture.frames, 500ms);
-        CO_ASSERT_TRUE(!late.has_value());
-        const auto refused = co_await capture.refusal(displays.front(), kWhole);
-        CO_ASSERT_TRUE(refused == "Capture has not been started.");
-      });
-}
-
-// Frames keep the rectangle they were taken with: the old one up to the update, the new one, at
-// its output size and with its pixels, from when it is in force.
-TEST(X11CaptureSource, AViewportUpdateTagsFramesFromWhenItIsInForce) {
-  ON_QUADRANTS(
-      display,
-      [](asio::io_context&, ScreenPainter& painter, std::vector<DisplayInfo> displays,
-         Capture& capture) -> asio::awaitable<void> {
-        co_await capture.start(displays.front(), 640, 360);
-        co_await capture.next();
-        painter.fill(kWhite, 700, 400, 10, 10);  // a change on its way while the rectangle changes
-        const std::uint64_t requested = monotonicRawNs();
-        co_await capture.update(displays.front(), kBottomRight, 320, 180);
-        const std::uint64_t confirmed = monotonicRawNs();
-        for (;;) {
-          const CapturedFrame frame = co_await capture.next();
-          const PixelBuffer& pixels = *frame.pixelBuffer;
-          if (frame.sourceRect == kWhole) {
-            CO_ASSERT_TRUE(frame.captureTimeNs < confirmed && pixels.width == 640);
-            continue;
-          }
-          CO_ASSERT_TRUE(frame.sourceRect == kBottomRight && frame.captureTimeNs > requested);
-          CO_ASSERT_TRUE(pixels.width == 320 && pixels.height == 180);
-          CO_ASSERT_TRUE(quadrantColours(pixels) == Colours(4, kWhite));
-          break;
-        }
-        co_await capture.stop();
-      });
+    DisplayInfo unknown = main;
+    unknown.id = main.id ^ 0x5a5a5a5au;
+    source = X11CaptureSource::make(io.get_executor(), display.name());
+    const auto notFound = co_await refusal(unknown);
+    CO_ASSERT_TRUE(notFound ==
+                   "Display " + std::to_string(unknown.id) + " is not available for capture.");
+    source = X11CaptureSource::make(io.get_executor(), display.name());
+    co_await start(main, 640, 360);
+    co_await next();
+    display.stopServer();
+    const auto reason = co_await nextWithin(*stops, 5s);
+    const auto again = co_await nextWithin(*stops, 300ms);
+    CO_ASSERT_TRUE(reason.has_value() && !reason->empty() && !again.has_value());
+    const auto gone = co_await refusal(main, kWhole);
+    CO_ASSERT_TRUE(gone.find("Cannot connect to the X display") != std::string::npos);
+    co_await source->stop();
+  });
 }
 
 // Regions are in desktop points, measured from the main display's top left corner, wherever that
 // lies on the screen. Another display restarts the capture there; a display that went away fails
 // the update, and the capture stays where it was.
-TEST(X11CaptureSource, FollowsDisplaysAndRefusesOneThatVanished) {
-  VirtualDisplay display(1280, 720);
-  SKIP_WITHOUT_DISPLAY(display);
-  onQuadrants(
-      display,
-      [](asio::io_context&, ScreenPainter& painter, std::vector<DisplayInfo> displays,
-         Capture& capture) -> asio::awaitable<void> {
-        CO_ASSERT_TRUE(displays.size() == 2 && displays.front().name == "TOVU-RIGHT");
-        const DisplayInfo right = displays[0];
-        const DisplayInfo whole = displays[1];  // the screen's own monitor, left of the main one
-        CO_ASSERT_TRUE(whole.frame.x == -640);
+TEST_F(X11CaptureSourceTest, FollowsDisplaysAndRefusesOneThatVanished) {
+  ASSERT_TRUE(painter->setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true));
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    co_await open(io);
+    CO_ASSERT_TRUE(displays.size() == 2 && displays.front().name == "TOVU-RIGHT");
+    const DisplayInfo right = displays[0];
+    const DisplayInfo whole = displays[1];  // the screen's own monitor, left of the main one
+    CO_ASSERT_TRUE(whole.frame.x == -640);
 
-        co_await capture.start(whole, 640, 360);
-        const CapturedFrame all = co_await capture.next();
-        CO_ASSERT_TRUE(quadrantColours(*all.pixelBuffer) == kQuadrants);
-        capture.source->setScope(scope::region{{-640, 0, 640, 360}});
-        co_await capture.update(whole, kWhole, 320, 180);
-        const CapturedFrame topLeft = co_await capture.next();
-        CO_ASSERT_TRUE(quadrantColours(*topLeft.pixelBuffer) == Colours(4, kRed));
+    co_await start(whole, 640, 360);
+    const CapturedFrame all = co_await next();
+    CO_ASSERT_TRUE(quadrantColours(*all.pixelBuffer) == kQuadrants);
+    source->setScope(scope::region{{-640, 0, 640, 360}});
+    co_await update(whole, kWhole, 320, 180);
+    const CapturedFrame topLeft = co_await next();
+    CO_ASSERT_TRUE(quadrantColours(*topLeft.pixelBuffer) == Colours(4, kRed));
 
-        capture.source->setScope(scope::display{});
-        co_await capture.update(right, kWhole, 320, 360);
-        const CapturedFrame there = co_await capture.next();
-        CO_ASSERT_TRUE(there.displayID == right.id && there.pixelBuffer->width == 320);
-        CO_ASSERT_TRUE(quadrantColours(*there.pixelBuffer) ==
-                       (Colours{kGreen, kGreen, kWhite, kWhite}));
-        capture.source->setScope(scope::region{{0, 360, 640, 360}});
-        co_await capture.update(right, kWhole, 320, 180);
-        const CapturedFrame bottomRight = co_await capture.next();
-        CO_ASSERT_TRUE(quadrantColours(*bottomRight.pixelBuffer) == Colours(4, kWhite));
+    source->setScope(scope::display{});
+    co_await update(right, kWhole, 320, 360);
+    const CapturedFrame there = co_await next();
+    CO_ASSERT_TRUE(there.displayID == right.id && there.pixelBuffer->width == 320);
+    CO_ASSERT_TRUE(quadrantColours(*there.pixelBuffer) ==
+                   (Colours{kGreen, kGreen, kWhite, kWhite}));
+    source->setScope(scope::region{{0, 360, 640, 360}});
+    co_await update(right, kWhole, 320, 180);
+    const CapturedFrame bottomRight = co_await next();
+    CO_ASSERT_TRUE(quadrantColours(*bottomRight.pixelBuffer) == Colours(4, kWhite));
 
-        CO_ASSERT_TRUE(painter.deleteMonitor("TOVU-RIGHT"));
-        const auto refused = co_await capture.refusal(right, kBottomRight);
-        CO_ASSERT_TRUE(refused ==
-                       "Display " + std::to_string(right.id) + " is not available for capture.");
-        painter.fill(kYellow, 640, 360, 640, 360);
-        const CapturedFrame kept = co_await capture.next();
-        CO_ASSERT_TRUE(kept.displayID == right.id && kept.sourceRect == kWhole);
-        CO_ASSERT_TRUE(kept.pixelBuffer->width == 320 &&
-                       pixelAt(*kept.pixelBuffer, 160, 90) == kYellow);
-        co_await capture.stop();
-      },
-      [](ScreenPainter& painter) {
-        ASSERT_TRUE(painter.setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true));
-      });
-}
-
-// A display that is not there is refused at the start; the server going away stops the capture
-// once, and an update then says why it cannot start again.
-TEST(X11CaptureSource, RefusesAnUnknownDisplayAndStopsOnceWhenTheServerGoes) {
-  ON_QUADRANTS(
-      display,
-      [&display](asio::io_context& io, ScreenPainter&, std::vector<DisplayInfo> displays,
-                 Capture& capture) -> asio::awaitable<void> {
-        const DisplayInfo main = displays.front();
-        DisplayInfo unknown = main;
-        unknown.id = main.id ^ 0x5a5a5a5au;
-        Capture other{X11CaptureSource::make(io.get_executor(), display.name())};
-        const auto notFound = co_await other.refusal(unknown);
-        CO_ASSERT_TRUE(notFound ==
-                       "Display " + std::to_string(unknown.id) + " is not available for capture.");
-
-        co_await capture.start(main, 640, 360);
-        co_await capture.next();
-        display.stopServer();
-        const auto reason = co_await nextWithin(*capture.stops, 5s);
-        CO_ASSERT_TRUE(reason.has_value() && !reason->empty());
-        const auto again = co_await nextWithin(*capture.stops, 300ms);
-        CO_ASSERT_TRUE(!again.has_value());
-        const auto refused = co_await capture.refusal(main, kWhole);
-        CO_ASSERT_TRUE(refused.find("Cannot connect to the X display") != std::string::npos);
-        co_await capture.stop();
-      });
+    CO_ASSERT_TRUE(painter->deleteMonitor("TOVU-RIGHT"));
+    const auto refused = co_await refusal(right, kBottomRight);
+    CO_ASSERT_TRUE(refused ==
+                   "Display " + std::to_string(right.id) + " is not available for capture.");
+    painter->fill(kYellow, 640, 360, 640, 360);
+    const CapturedFrame kept = co_await next();
+    CO_ASSERT_TRUE(kept.displayID == right.id && kept.sourceRect == kWhole);
+    CO_ASSERT_TRUE(kept.pixelBuffer->width == 320 &&
+                   pixelAt(*kept.pixelBuffer, 160, 90) == kYellow);
+    co_await source->stop();
+  });
 }
 
 }  // namespace

@@ -22,36 +22,35 @@ namespace {
 
 using namespace test;
 using Hosts = std::vector<DiscoveredHost>;
+using Names = std::vector<std::string>;
 
 const UUID kHostID = *UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
 const DiscoveredHost kTestHost{"Test Host._tovu._udp.local", "Test Host", kHostID, false};
-
-std::vector<std::string> names(const Hosts& hosts) {
-  std::vector<std::string> result;
-  for (const auto& host : hosts) result.push_back(host.name);
-  return result;
-}
+const Names kTestHostOnly{"Test Host"}, kNobody;
 
 // Reads lists until one names the hosts `expected`; nothing if the lists end or none does in time.
-asio::awaitable<std::optional<Hosts>> listWith(HostBrowser& browser,
-                                               const std::vector<std::string>& expected) {
+asio::awaitable<std::optional<Hosts>> listWith(HostBrowser& browser, const Names& expected) {
   const auto deadline = std::chrono::steady_clock::now() + 15s;
   while (std::chrono::steady_clock::now() < deadline) {
-    const auto wait = deadline - std::chrono::steady_clock::now();
-    auto hosts = co_await nextWithin(browser.hosts(), wait);
+    auto hosts = co_await nextWithin(browser.hosts(), deadline - std::chrono::steady_clock::now());
     if (!hosts) break;
-    if (names(*hosts) == expected) co_return hosts;
+    Names names;
+    for (const auto& host : *hosts) names.push_back(host.name);
+    if (names == expected) co_return hosts;
   }
   co_return std::nullopt;
 }
 
-#define START_DISCOVERY_NETWORK(network) \
-  DiscoveryNetwork network;              \
-  if (!network.problem().empty()) GTEST_SKIP() << network.problem()
+std::unique_ptr<DNSSDAdvertiser> advertise(asio::io_context& io, const std::string& name,
+                                           std::uint16_t port, std::optional<UUID> hostID) {
+  return std::make_unique<DNSSDAdvertiser>(makeStrand(io.get_executor()), name, port, hostID);
+}
 
-// Seen over IPv4 and IPv6 alike, the listener is listed once with its host ID; it is gone from
-// the list when it stops advertising, while its connection goes on.
-TEST(QUICHostBrowser, FindsTheListenerThatAdvertisesConnectsToItAndSeesItGo) {
+// The listener is listed once with its host ID, whether seen over IPv4 or IPv6, among the others
+// by name, and a second service of its name under the name it gave way to; it is gone from the
+// list when it stops advertising, while its connection goes on. A host not listed cannot be
+// connected to, and stop ends the lists.
+TEST(QUICHostBrowser, ListsEveryHostByNameConnectsOnlyToThoseAndSeesTheListenerGo) {
   START_DISCOVERY_NETWORK(network);
   runAsync(
       [](asio::io_context& io) -> asio::awaitable<void> {
@@ -60,10 +59,18 @@ TEST(QUICHostBrowser, FindsTheListenerThatAdvertisesConnectsToItAndSeesItGo) {
             io.get_executor(), identity,
             {.hostName = "Test Host", .hostID = kHostID, .port = 0, .advertise = true});
         const auto browser = QUICHostBrowser::start(io.get_executor());
-        const std::vector<std::string> testHost{"Test Host"}, nobody;
-        const auto found = co_await listWith(*browser, testHost);
+        const auto found = co_await listWith(*browser, kTestHostOnly);
         CO_ASSERT_TRUE(found);
         EXPECT_EQ(*found, Hosts{kTestHost});
+        const auto zeta = advertise(io, "Zeta", 4433, std::nullopt);
+        const auto alpha = advertise(io, "Alpha", 4433, std::nullopt);
+        const auto second = advertise(io, "Test Host", 4434, std::nullopt);
+        const Names four{"Alpha", "Test Host", "Test Host #2", "Zeta"};
+        const auto all = co_await listWith(*browser, four);
+        CO_ASSERT_TRUE(all);
+        EXPECT_EQ((*all)[1], kTestHost);
+        EXPECT_EQ((*all)[2].id, "Test Host #2._tovu._udp.local");
+        EXPECT_EQ((*all)[2].hostID, std::nullopt);
 
         const auto client =
             co_await browser->connect(kTestHost.id, ServerTrust::pinned(identity.fingerprint()));
@@ -71,40 +78,25 @@ TEST(QUICHostBrowser, FindsTheListenerThatAdvertisesConnectsToItAndSeesItGo) {
         CO_ASSERT_TRUE(host);
         (*host)->liftHandshakeLimits();  // as its gate would
         listener->stop();
-        const auto gone = co_await listWith(*browser, nobody);
+        const Names without{"Alpha", "Test Host #2", "Zeta"};
+        const auto gone = co_await listWith(*browser, without);
         EXPECT_TRUE(gone);
         client->send(msg::ping{4});
         const auto after = co_await nextWithin((*host)->messages(), 5s);
         EXPECT_EQ(after, Message(msg::ping{4}));
         client->close();
-        browser->stop();
-      },
-      30s);
-}
 
-TEST(QUICHostBrowser, ListsEveryHostByNameIncludingOneThatGaveWayToAnother) {
-  START_DISCOVERY_NETWORK(network);
-  runAsync(
-      [](asio::io_context& io) -> asio::awaitable<void> {
-        const auto browser = QUICHostBrowser::start(io.get_executor());
-        std::vector<std::unique_ptr<DNSSDAdvertiser>> advertisers;
-        const std::vector<std::string> unsorted{"Zeta", "Test Host", "Alpha"};
-        for (const auto& name : unsorted) {
-          advertisers.push_back(std::make_unique<DNSSDAdvertiser>(makeStrand(io.get_executor()),
-                                                                  name, 4433, std::nullopt));
+        try {
+          auto dialing = browser->connect("Nobody._tovu._udp.local", ServerTrust::unpinned());
+          [[maybe_unused]] const auto connection = co_await std::move(dialing);
+          ADD_FAILURE() << "connected to a host that was never listed";
+        } catch (const QUICError& error) {
+          EXPECT_EQ(error.kind(), QUICError::Kind::failed);
+          EXPECT_STREQ(error.what(), "unknown host Nobody._tovu._udp.local");
         }
-        const std::vector<std::string> threeNames{"Alpha", "Test Host", "Zeta"};
-        const auto three = co_await listWith(*browser, threeNames);
-        EXPECT_TRUE(three);
-        advertisers.push_back(std::make_unique<DNSSDAdvertiser>(makeStrand(io.get_executor()),
-                                                                "Test Host", 4434, kHostID));
-        const std::vector<std::string> fourNames{"Alpha", "Test Host", "Test Host #2", "Zeta"};
-        const auto four = co_await listWith(*browser, fourNames);
-        CO_ASSERT_TRUE(four);
-        EXPECT_EQ((*four)[2].id, "Test Host #2._tovu._udp.local");
-        EXPECT_EQ((*four)[2].hostID, kHostID);
-        EXPECT_EQ((*four)[1].hostID, std::nullopt);
         browser->stop();
+        const auto ended = co_await nextWithin(browser->hosts(), 10s);
+        EXPECT_EQ(ended, std::nullopt);
       },
       30s);
 }
@@ -115,19 +107,17 @@ TEST(QUICHostBrowser, ANewKindOfInterfaceEmptiesTheListAtOnceAndItFillsAgain) {
   runAsync(
       [](asio::io_context& io) -> asio::awaitable<void> {
         const auto browser = QUICHostBrowser::start(io.get_executor());
-        DNSSDAdvertiser advertiser(makeStrand(io.get_executor()), "Test Host", 4433, kHostID);
-        const std::vector<std::string> testHost{"Test Host"};
-        const auto found = co_await listWith(*browser, testHost);
+        const auto advertiser = advertise(io, "Test Host", 4433, kHostID);
+        const auto found = co_await listWith(*browser, kTestHostOnly);
         CO_ASSERT_TRUE(found);
         // Another wired interface is no new kind; a tunnel is, and its quick removal right after
         // belongs to the same burst of changes.
         NetworkNamespace::addEthernet("tovu2", "tovu3", "10.79.0.1/24");
-        std::optional<TunInterface> tunnel;
-        tunnel.emplace("tovutun0");
-        NetworkNamespace::ip({"address", "add", "10.78.0.1/24", "dev", "tovutun0"});
-        NetworkNamespace::ip({"link", "set", "tovutun0", "up"});
-        tunnel.reset();
-
+        {
+          TunInterface tunnel("tovutun0");
+          NetworkNamespace::ip({"address", "add", "10.78.0.1/24", "dev", "tovutun0"});
+          NetworkNamespace::ip({"link", "set", "tovutun0", "up"});
+        }
         const auto emptied = co_await nextWithin(browser->hosts(), 10s);
         EXPECT_EQ(emptied, Hosts{});
         const auto refilled = co_await nextWithin(browser->hosts(), 10s);
@@ -137,43 +127,30 @@ TEST(QUICHostBrowser, ANewKindOfInterfaceEmptiesTheListAtOnceAndItFillsAgain) {
       30s);
 }
 
-TEST(QUICHostBrowser, ARestartedDaemonEmptiesTheListAndItFillsAgain) {
-  START_DISCOVERY_NETWORK(network);
+// Browser and advertiser alike wait for a daemon that is not there yet, and find it again when
+// it restarts.
+TEST(QUICHostBrowser, ADaemonThatComesLaterOrRestartsFillsTheListAgain) {
+  START_DISCOVERY_NETWORK(network, DiscoveryNetwork::Avahi::later);
   runAsync(
       [&network](asio::io_context& io) -> asio::awaitable<void> {
         const auto browser = QUICHostBrowser::start(io.get_executor());
-        DNSSDAdvertiser advertiser(makeStrand(io.get_executor()), "Test Host", 4433, kHostID);
-        const std::vector<std::string> testHost{"Test Host"}, nobody;
-        const auto found = co_await listWith(*browser, testHost);
-        CO_ASSERT_TRUE(found);
+        const auto advertiser = advertise(io, "Test Host", 4433, kHostID);
+        co_await sleepFor(100ms);  // both are waiting for a daemon by now
+        network.startAvahi();
+        CO_ASSERT_TRUE(network.problem().empty());
+        const auto found = co_await listWith(*browser, kTestHostOnly);
+        EXPECT_TRUE(found);
         network.stopAvahi();
-        const auto gone = co_await listWith(*browser, nobody);
+        const auto gone = co_await listWith(*browser, kNobody);
         EXPECT_TRUE(gone);
         network.startAvahi();
         CO_ASSERT_TRUE(network.problem().empty());
-        const auto again = co_await listWith(*browser, testHost);
+        const auto again = co_await listWith(*browser, kTestHostOnly);
         CO_ASSERT_TRUE(again);
         EXPECT_EQ(*again, Hosts{kTestHost});
         browser->stop();
       },
       60s);
-}
-
-TEST(QUICHostBrowser, ConnectingToAHostNotListedFailsWithItsIDAndStopEndsTheList) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    const auto browser = QUICHostBrowser::start(io.get_executor());
-    try {
-      auto dialing = browser->connect("Nobody._tovu._udp.local", ServerTrust::unpinned());
-      [[maybe_unused]] const auto connection = co_await std::move(dialing);
-      ADD_FAILURE() << "connected to a host that was never listed";
-    } catch (const QUICError& error) {
-      EXPECT_EQ(error.kind(), QUICError::Kind::failed);
-      EXPECT_STREQ(error.what(), "unknown host Nobody._tovu._udp.local");
-    }
-    browser->stop();
-    const auto after = co_await nextWithin(browser->hosts(), 10s);
-    EXPECT_EQ(after, std::nullopt);
-  });
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ Data concatenated(const std::vector<std::span<const std::uint8_t>>& views) {
   return out;
 }
 
-TEST(StreamSendQueue, AnItemCountsAsSentWithItsLastByteAndIsKeptUntilAcknowledged) {
+TEST(StreamSendQueue, AnItemCountsAsSentWithItsLastByteIsKeptUntilAckedAndTheEndFollowsIt) {
   StreamSendQueue queue;
   queue.push({9}, false);  // an opening: sent, but nobody's to account for
   queue.push({1, 2, 3});
@@ -33,19 +33,13 @@ TEST(StreamSendQueue, AnItemCountsAsSentWithItsLastByteAndIsKeptUntilAcknowledge
   EXPECT_EQ(queue.heldItems(), 0u);
   EXPECT_EQ(queue.ackedOffset(), 6u);
 
-  queue.push({6});
-  EXPECT_EQ(concatenated(queue.unsent(8)), Data{6});
-  EXPECT_EQ(queue.markSent(1), Sizes{1});
-}
-
-TEST(StreamSendQueue, TheEndOfTheStreamFollowsWhatIsQueued) {
-  StreamSendQueue queue;
   EXPECT_FALSE(queue.finQueued());
-  queue.push({1, 2});
+  queue.push({6, 7});
   queue.finish();
   EXPECT_TRUE(queue.finQueued());
+  EXPECT_EQ(concatenated(queue.unsent(8)), (Data{6, 7}));
   EXPECT_EQ(queue.unsentBytes(), 2u);
-  queue.markSent(2, true);
+  EXPECT_EQ(queue.markSent(2, true), Sizes{2});
   EXPECT_FALSE(queue.finQueued());
   EXPECT_TRUE(queue.markSent(0).empty());
 }

@@ -1,4 +1,4 @@
-#include "client/VideoStatistics.hpp"
+#include "client/ViewerStatistics.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "client/VideoStatistics.hpp"
+#include "client/ViewerStatistics.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -16,12 +16,17 @@ std::string formatted(const char* format, Values... values) {
 
 }  // namespace
 
-std::string statusLine(int second, const SecondOfVideo& figures) {
+std::string statusLine(int second, const SecondOfVideo& figures,
+                       const std::optional<SecondOfAudio>& audio) {
   const double decodeMs = figures.decoded ? figures.decodeMs / figures.decoded : 0;
   std::string line = formatted("[%3ds] %5.1f fps  %6.2f Mbit/s  decode %5.1f ms", second,
                                double(figures.frames), double(figures.bytes) * 8 / 1e6, decodeMs);
   if (figures.captureToPictureMs) {
     line += formatted("  capture to picture %5.1f ms", *figures.captureToPictureMs);
+  }
+  if (audio) {
+    line += formatted("  audio %3u packets  %u errors", audio->packets, audio->decodeErrors);
+    if (audio->captureToPlayMs) line += formatted("  capture to play %5.1f ms", *audio->captureToPlayMs);
   }
   return line;
 }
@@ -53,6 +58,24 @@ SecondOfVideo VideoStatistics::endSecond() { return std::exchange(second_, {}); 
 std::string VideoStatistics::summary() const {
   return "Received " + std::to_string(totalFrames_) + " frames, " + std::to_string(totalDecoded_) +
          " decoded, " + std::to_string(gaps_) + " gaps";
+}
+
+void AudioStatistics::played(double sinceCaptureMs) {
+  if (sinceCaptureMs < 0 || sinceCaptureMs >= 10000) return;
+  latencySumMs_ += sinceCaptureMs;
+  ++latencies_;
+  second_.captureToPlayMs = latencySumMs_ / latencies_;
+}
+
+SecondOfAudio AudioStatistics::endSecond() {
+  latencySumMs_ = 0;
+  latencies_ = 0;
+  return std::exchange(second_, {});
+}
+
+std::string AudioStatistics::summary() const {
+  return "Received " + std::to_string(totalPackets_) + " audio packets, " +
+         std::to_string(totalErrors_) + " decode errors";
 }
 
 }  // namespace kelvaron::client

@@ -1,0 +1,396 @@
+// The application's model with stand-ins for the computer and the network, and the real pairing
+// and gate: which session is live, and what its devices hear. The listener's supervision: its
+// restarts with backoff, the port it keeps, and the network changes that restart it.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "host/app/AppModel.hpp"
+#include "host/app/ListenerSupervisor.hpp"
+#include "host/app/NetworkPathWatch.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
+#include "kit/security/ClientHandshake.hpp"
+#include "kit/transport/InMemoryConnection.hpp"
+#include "tests/support/AsyncTest.hpp"
+#include "tests/support/HostFakes.hpp"
+#include "tests/support/ManualClock.hpp"
+#include "tests/support/NetworkNamespace.hpp"
+#include "tests/support/TempDirectory.hpp"
+
+namespace kelvaron::host {
+namespace {
+
+using namespace test;
+using Port = std::optional<std::uint16_t>;
+
+class FakeListener : public HostListener {
+ public:
+  AsyncQueue<std::shared_ptr<Connection>>& connections() override { return connections_; }
+  void stop() override {
+    ++stops;
+    connections_.finish();
+  }
+  void die() { connections_.finish(); }  // ends the stream while its owner still wants it
+  int stops = 0;
+
+ private:
+  AsyncQueue<std::shared_ptr<Connection>> connections_;
+};
+
+// An application on port 7000 whose listeners are queues the test fills.
+struct App {
+  explicit App(asio::io_context& io) {
+    deps.listenerFactory = [this](const HostSecurity&, Port port) {
+      requestedPorts.push_back(port);
+      listener = std::make_shared<FakeListener>();  // a listener is used once
+      return ListenerStart{listener, []() -> asio::awaitable<std::uint16_t> { co_return 7000; }};
+    };
+    deps.loadSecurity = [this](const UUID& hostID, const std::string& name) {
+      if (securityFailure) throw std::runtime_error(*securityFailure);
+      const auto identity =
+          std::make_shared<SelfSignedIdentity>(SelfSignedIdentity::temporary("Tovu Host"));
+      service = std::make_shared<HostPairingService>(
+          hostID, name, identity->fingerprint(), std::make_shared<PairedDeviceStore>(std::nullopt),
+          nullptr, [] { return WallClock::now(); });
+      return HostSecurity{identity, service};
+    };
+    deps.probeEncoders = [this] {
+      ++probes;
+      return std::shared_ptr<EncoderFactory>(encoders);
+    };
+    deps.environment = [](std::shared_ptr<EncoderFactory> factory) {
+      HostEnvironment env;
+      env.displays = std::make_shared<FakeDisplays>();
+      env.encoders = std::move(factory);
+      env.makeCapture = [all = std::make_shared<FakeCaptures>()] {
+        return std::make_shared<FakeCapture>(all);
+      };
+      env.injector = std::make_shared<FakeInjector>();
+      return env;
+    };
+    deps.readPermissions = [] { return Permissions{true, true}; };
+    deps.power = std::make_shared<FakePower>();
+    deps.settings = std::make_shared<Settings>(directory.path() / "settings.json");
+    deps.hostName = "studio";
+    deps.port = 7000;
+    model = AppModel::make(io.get_executor(), deps);
+  }
+  ~App() { model->stop(); }
+
+  // Until the model is listening, or the test's time is up.
+  asio::awaitable<void> started() {
+    model->start();
+    model->start();
+    for (int i = 0; i < 500 && !(model->supervisor() || model->securityError()); ++i) {
+      co_await sleepFor(10ms);
+    }
+  }
+
+  // A device that pairs with a fresh token on a new connection, or signs in as paired, then says
+  // hello; its end of the connection.
+  asio::awaitable<std::shared_ptr<InMemoryConnection>> connect(const ClientIdentity& device,
+                                                               std::string name, bool pair) {
+    auto [client, host] = InMemoryConnection::makePair();
+    listener->connections().push(host);
+    const auto purpose = pair ? ClientHandshake::Purpose::pairWithToken(service->issueToken().value)
+                              : ClientHandshake::Purpose::authenticate();
+    const Data fingerprint = model->security()->identity->fingerprint();
+    const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
+    const std::function<void(const std::string&)> noCode;
+    const auto event =
+        co_await ClientHandshake::run(client, device, purpose, name, pinned, 5s, noCode);
+    EXPECT_EQ(event, ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
+    const msg::hello hello{
+        16, device.deviceID, name, {{CodecProfile::hevcMain}, 1920, 1080, 2, "x", false}};
+    client->send(hello);
+    co_return client;
+  }
+
+  // Skips a device's messages up to one of type `Case`; nothing if the connection ends first.
+  template <class Case>
+  static asio::awaitable<std::optional<Case>> until(std::shared_ptr<InMemoryConnection> client) {
+    while (const auto m = co_await nextWithin(client->messages(), 5s)) {
+      if (const auto* found = std::get_if<Case>(&*m)) co_return *found;
+    }
+    co_return std::nullopt;
+  }
+
+  TempDirectory directory;
+  AppModel::Dependencies deps;
+  std::shared_ptr<FakeListener> listener = std::make_shared<FakeListener>();
+  std::shared_ptr<HostPairingService> service;
+  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
+  std::optional<std::string> securityFailure;
+  std::vector<Port> requestedPorts;
+  int probes = 0;
+  std::shared_ptr<AppModel> model;
+};
+
+TEST(AppModel, ListensOnceTheEncodersAreKnownOrSaysWhyItCannot) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    App app(io);
+    co_await app.started();
+    EXPECT_EQ(app.probes, 1);
+    EXPECT_TRUE(app.model->encoderReady());
+    EXPECT_EQ(app.model->supportedProfiles(), app.encoders->profiles);
+    CO_ASSERT_TRUE(app.model->supervisor() != nullptr);
+    EXPECT_EQ(app.requestedPorts, std::vector<Port>{7000});
+    // The host's ID is made once and kept in the settings.
+    const UUID id = app.model->security()->service->hostID();
+    EXPECT_EQ(Settings(app.directory.path() / "settings.json").hostID(), id);
+
+    App broken(io);
+    broken.securityFailure = "the key store is locked";
+    co_await broken.started();
+    EXPECT_EQ(broken.model->securityError(),
+              "Could not load the host identity: the key store is locked");
+    EXPECT_EQ(broken.model->supervisor(), nullptr);
+  });
+}
+
+// The host's own network: a second interface gets an address and loses it again; each time the
+// listener starts anew (and with it its advertisement), on the port it had.
+TEST(AppModel, RestartsTheListenerWhenTheNetworkChanges) {
+  NetworkNamespace network;
+  if (!network.problem().empty()) GTEST_SKIP() << network.problem();
+  NetworkNamespace::addEthernet("tovu0", "tovu1", "10.77.0.1/24");
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    App app(io);
+    co_await app.started();
+    co_await sleepFor(200ms);  // the watch has read the interfaces as they were
+    for (const char* change : {"add", "del"}) {
+      const auto before = app.requestedPorts.size();
+      NetworkNamespace::ip({"address", change, "10.78.0.1/24", "dev", "tovu1"});
+      for (int i = 0; i < 500 && app.requestedPorts.size() == before; ++i) co_await sleepFor(10ms);
+    }
+    EXPECT_EQ(app.requestedPorts, (std::vector<Port>{7000, 7000, 7000}));
+  });
+}
+
+TEST(AppModel, TheLastDeviceToSignInIsLiveAndTheOneBeforeHearsWhoTookOver) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    App app(io);
+    co_await app.started();
+    const ClientIdentity ann{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    const ClientIdentity bob{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    const std::string annName = "Ann's iPad", bobName = "Bob's iPhone";
+    const auto shown = [&](const std::string& name) {
+      return app.model->status() && app.model->status()->deviceName == name;
+    };
+
+    const auto first = co_await app.connect(ann, annName, true);
+    const auto ack = co_await App::until<msg::helloAck>(first);
+    CO_ASSERT_TRUE(ack.has_value());
+    for (int i = 0; i < 100 && !shown(annName); ++i) co_await sleepFor(10ms);
+    EXPECT_TRUE(shown(annName));
+
+    // A connection that never signs in stays a candidate and never shows.
+    auto [silent, silentHost] = InMemoryConnection::makePair();
+    app.listener->connections().push(silentHost);
+
+    // Ann again, by signature alone: the old session ends without a word.
+    const auto again = co_await app.connect(ann, annName, false);
+    const auto replacedSelf = co_await App::until<msg::sessionReplaced>(first);
+    EXPECT_EQ(replacedSelf, std::nullopt);
+    co_await App::until<msg::helloAck>(again);
+
+    // Bob takes over: Ann hears his name.
+    const auto third = co_await app.connect(bob, bobName, true);
+    const auto replaced = co_await App::until<msg::sessionReplaced>(again);
+    CO_ASSERT_TRUE(replaced.has_value());
+    EXPECT_EQ(replaced->byDeviceName, bobName);
+    co_await App::until<msg::helloAck>(third);
+    co_await sleepFor(300ms);
+    EXPECT_TRUE(app.model->hasLiveSession() && shown(bobName));
+    EXPECT_EQ(app.model->status()->phase, SessionStatus::Phase::streaming);
+    EXPECT_EQ(app.model->candidateCount(), 2u);  // Bob's, and the silent one
+
+    // The live session ending by itself shows as ended, and leaves no live session.
+    third->close();
+    for (int i = 0; i < 100 && app.model->hasLiveSession(); ++i) co_await sleepFor(10ms);
+    EXPECT_FALSE(app.model->hasLiveSession());
+    EXPECT_EQ(app.model->status()->phase, SessionStatus::Phase::ended);
+
+    // Stopping ends the sessions that are left; the model says when their teardowns are over.
+    app.model->stop();
+    co_await app.model->sessionsEnded();
+    EXPECT_EQ(app.model->candidateCount(), 0u);
+  });
+}
+
+// Values that last; a host ID that is no UUID is made anew and a value of the wrong type counts as
+// absent; a damaged file counts as nothing and is kept aside, not overwritten.
+TEST(Settings, KeepsItsValuesAndItsHostIDAndADamagedFileAside) {
+  TempDirectory directory;
+  const auto file = directory.path() / "tovu-host" / "settings.json";
+  const std::string flag = "keepDisplayAwakeWhileConnected";
+  UUID id;
+  {
+    Settings settings(file);
+    EXPECT_EQ(settings.flag(flag), std::nullopt);
+    settings.setFlag(flag, false);
+    id = settings.hostID();
+    EXPECT_EQ(settings.hostID(), id);
+  }
+  Settings again(file);
+  EXPECT_EQ(again.flag(flag), false);
+  EXPECT_EQ(again.hostID(), id);
+  std::ofstream(file) << R"({"hostID": "not a uuid", "keepDisplayAwakeWhileConnected": "yes"})";
+  Settings odd(file);
+  EXPECT_EQ(odd.flag(flag), std::nullopt);
+  EXPECT_NE(odd.hostID(), id);
+
+  for (const std::string damaged : {"{\"hostID\": ", "[1, 2]", "\xff\xfe"}) {
+    std::ofstream(file) << damaged;
+    Settings settings(file);
+    EXPECT_EQ(settings.flag(flag), std::nullopt);
+    settings.setFlag(flag, true);
+    std::ifstream aside(std::filesystem::path(file).concat(".bad"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), damaged);
+    EXPECT_EQ(Settings(file).flag(flag), true);
+    std::filesystem::remove(file);
+  }
+}
+
+// A supervisor whose listeners work on the ports `works` says, on the port asked or 5000, with
+// the time of its backoff moved by the test.
+struct Supervision {
+  explicit Supervision(asio::io_context& io, Port firstPort = std::nullopt)
+      : supervisor(ListenerSupervisor::make(
+            io.get_executor(),
+            [this](Port port) -> ListenerStart {
+              made.push_back(std::make_shared<FakeListener>());
+              const bool up = works(port);
+              const std::uint16_t bound = port.value_or(5000);
+              return {made.back(), [up, bound]() -> asio::awaitable<std::uint16_t> {
+                        if (!up) throw std::runtime_error("address in use");
+                        co_return bound;
+                      }};
+            },
+            [this](std::shared_ptr<Connection> c) { accepted.push_back(std::move(c)); },
+            [this](std::chrono::duration<double> d) { return clock.sleep(d); }, {}, firstPort)) {
+    supervisor->setOnPortChange([this](Port p) { ports.push_back(p); });
+  }
+  ~Supervision() {
+    if (supervisor) supervisor->stop();
+    clock.advance(std::chrono::hours(1));
+  }
+
+  // The two tries a port is given after a failure, one and two seconds apart.
+  asio::awaitable<void> retryTwice() {
+    co_await sleepFor(10ms);
+    EXPECT_EQ(supervisor->state(), ListenerState::retrying(1, 1));
+    clock.advance(1s);
+    co_await sleepFor(10ms);
+    EXPECT_EQ(supervisor->state(), ListenerState::retrying(2, 2));
+    clock.advance(2s);
+    co_await sleepFor(10ms);
+  }
+
+  ManualClock clock;
+  std::function<bool(Port)> works = [](Port) { return true; };
+  std::vector<std::shared_ptr<FakeListener>> made;
+  std::vector<std::shared_ptr<Connection>> accepted;
+  std::vector<Port> ports;
+  std::shared_ptr<ListenerSupervisor> supervisor;
+};
+
+TEST(ListenerSupervisor, BacksOffFrom1To30Seconds) {
+  const BackoffPolicy policy;
+  const std::vector<double> expected = {1, 2, 4, 8, 16, 30, 30, 30};
+  for (int n = 0; n < 8; ++n) EXPECT_EQ(policy.delay(n), expected[n]) << n;
+}
+
+TEST(ListenerSupervisor, KeepsItsPortTwiceThenTakesAny) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Supervision s(io);
+    s.supervisor->restart();
+    co_await sleepFor(10ms);
+    EXPECT_EQ(s.supervisor->state(), ListenerState::advertising(5000));
+    auto [client, host] = InMemoryConnection::makePair();
+    s.made.back()->connections().push(host);
+    co_await sleepFor(10ms);
+    EXPECT_EQ(s.accepted.size(), 1u);
+
+    s.works = [](Port p) { return !p; };  // port 5000 is gone
+    s.made.back()->die();
+    co_await s.retryTwice();
+    EXPECT_EQ(s.supervisor->state(), ListenerState::advertising(5000));
+    // The death was the first failure on 5000, the retry on it the second: then any port.
+    EXPECT_EQ(s.supervisor->requestedPorts(),
+              (std::vector<Port>{std::nullopt, 5000, std::nullopt}));
+    EXPECT_EQ(s.ports, (std::vector<Port>{std::nullopt, 5000, std::nullopt, std::nullopt, 5000}));
+  });
+}
+
+TEST(ListenerSupervisor, APortAskedForIsKeptLikeOneThatWorked) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Supervision s(io, 4433);
+    s.works = [](Port p) { return p != 4433; };  // somebody else has it
+    s.supervisor->restart();
+    co_await s.retryTwice();
+    EXPECT_EQ(s.supervisor->state(), ListenerState::advertising(5000));
+    EXPECT_EQ(s.supervisor->requestedPorts(), (std::vector<Port>{4433, 4433, std::nullopt}));
+    // Each listener that failed was stopped, once.
+    EXPECT_EQ(s.made[0]->stops + s.made[1]->stops, 2);
+    CO_ASSERT_TRUE(s.supervisor->abandonedPort().has_value());
+    EXPECT_EQ(s.supervisor->abandonedPort()->port, 4433);
+    EXPECT_EQ(s.supervisor->abandonedPort()->reason, "address in use");
+  });
+}
+
+// A restart cancels the loop in its backoff, and the loop ends with the supervisor's last owner.
+TEST(ListenerSupervisor, ARestartLeavesTheOldLoopBehindAndTheLastOwnerEndsIt) {
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    Supervision s(io);
+    s.works = [](Port) { return false; };
+    s.supervisor->restart();
+    co_await sleepFor(10ms);
+    s.works = [](Port) { return true; };
+    s.supervisor->restart();
+    co_await sleepFor(10ms);
+    EXPECT_EQ(s.supervisor->state(), ListenerState::advertising(5000));
+    s.clock.advance(1s);  // the old sleep would have ended now
+    co_await sleepFor(10ms);
+    EXPECT_EQ(s.supervisor->requestedPorts().size(), 2u);
+    EXPECT_EQ(s.made.size(), 2u);
+
+    const std::weak_ptr<ListenerSupervisor> weak = s.supervisor;
+    s.supervisor.reset();
+    co_await sleepFor(10ms);
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(s.made.back()->stops, 1);
+  });
+}
+
+// The path is judged by the sorted names of its interfaces: coming online or another set of
+// interfaces restarts the listener; going offline or the same set in another order does not.
+TEST(NetworkPathWatch, RestartsTheListenerWhenTheNetworkComesBackOrItsInterfacesChange) {
+  const NetworkInterface wired{"eth0", "wiredEthernet"}, wifi{"wlan0", "wifi"};
+  const NetworkInterface secondWired{"eth1", "wiredEthernet"};
+  const std::vector<std::pair<NetworkPath, int>> pathsAndRestarts = {
+      {{true, {wired, wifi}}, 0},  // the first path only sets the scene
+      {{true, {wifi, wired}}, 0},        {{false, {}}, 0}, {{true, {wired}}, 1},
+      {{true, {wired, secondWired}}, 2},  // another interface, even of a kind already there
+      {{true, {secondWired}}, 3},
+  };
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    auto paths = std::make_shared<AsyncQueue<NetworkPath>>();
+    int restarts = 0;
+    NetworkPathWatch watch(io.get_executor(), paths, [&] { ++restarts; });
+    for (const auto& [path, restartsAfter] : pathsAndRestarts) {
+      paths->push(path);
+      co_await sleepFor(10ms);
+      EXPECT_EQ(restarts, restartsAfter);
+    }
+    watch.stop();
+    paths->push({false, {}});
+    paths->push({true, {wifi}});
+    co_await sleepFor(10ms);
+    EXPECT_EQ(restarts, 3);
+  });
+}
+
+}  // namespace
+}  // namespace kelvaron::host
