@@ -25,8 +25,8 @@ std::string privateSinkArguments(const PulseSink& speakers) {
   pa_channel_map_snprint(channelMap, sizeof channelMap, &speakers.channelMap);
   return std::string("sink_name=") + kSinkName +
          " sink_properties=\"device.description='Tovu Host audio'\" format=float32" +
-         " rate=" + std::to_string(speakers.spec.rate) +
-         " channels=" + std::to_string(speakers.spec.channels) + " channel_map=" + channelMap;
+         " rate=" + std::to_string(speakers.samples.rate) +
+         " channels=" + std::to_string(speakers.samples.channels) + " channel_map=" + channelMap;
 }
 
 bool usable(const std::vector<PulseSink>& sinks, const std::string& name) {

@@ -91,11 +91,11 @@ MonitorRecording::MonitorRecording(PulseConnection& pulse, const std::string& so
                                    const AudioFormat& format, PCMRing& ring, EndedCallback onEnded)
     : pulse_(pulse), ring_(ring), onEnded_(std::move(onEnded)) {
   const auto locked = pulse_.lock();
-  const pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, static_cast<std::uint32_t>(format.sampleRate),
-                            static_cast<std::uint8_t>(format.channels)};
+  const pa_sample_spec samples{PA_SAMPLE_FLOAT32NE, static_cast<std::uint32_t>(format.sampleRate),
+                               static_cast<std::uint8_t>(format.channels)};
   pa_channel_map channelMap;
-  pa_channel_map_init_auto(&channelMap, spec.channels, PA_CHANNEL_MAP_DEFAULT);
-  stream_ = pa_stream_new(pulse_.context(), "Computer sound for the phone", &spec, &channelMap);
+  pa_channel_map_init_auto(&channelMap, samples.channels, PA_CHANNEL_MAP_DEFAULT);
+  stream_ = pa_stream_new(pulse_.context(), "Computer sound for the phone", &samples, &channelMap);
   if (!stream_) throw pulse_.failure("recording the output");
   pa_stream_set_state_callback(stream_, &MonitorRecording::stateChanged, this);
   pa_stream_set_read_callback(stream_, &MonitorRecording::readable, this);
@@ -104,7 +104,7 @@ MonitorRecording::MonitorRecording(PulseConnection& pulse, const std::string& so
       .tlength = UINT32_MAX,
       .prebuf = UINT32_MAX,
       .minreq = UINT32_MAX,
-      .fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(kFragmentMicros, &spec))};
+      .fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(kFragmentMicros, &samples))};
   // Should the output go away, the server must not move this stream elsewhere, which might be a
   // microphone: the capture ends instead.
   const auto flags =
@@ -195,7 +195,7 @@ PulseAudioCapture::Session::Session(const PulseAudioCaptureOptions& options, boo
   restoreLeftoversOn(pulse_, options.routingFile);
   if (mute) routing_.emplace(pulse_, AudioRoutingFile(options.routingFile));
   const PulseSink sink = routing_ ? routing_->sink() : defaultOutput(pulse_);
-  format_ = {static_cast<double>(sink.spec.rate), std::min<int>(sink.spec.channels, 2)};
+  format_ = {static_cast<double>(sink.samples.rate), std::min<int>(sink.samples.channels, 2)};
   ring_.emplace(format_.channels, format_.sampleRate);
   recording_.emplace(pulse_, sink.monitorSource, format_, *ring_,
                      [this](const std::string& text) { fail(text); });

@@ -21,7 +21,7 @@ struct PulseSink {
   std::string name;
   std::string monitorSource;
   std::uint32_t ownerModule = PA_INVALID_INDEX;
-  pa_sample_spec spec{};
+  pa_sample_spec samples{};  // format, rate and channels
   pa_channel_map channelMap{};
 };
 
