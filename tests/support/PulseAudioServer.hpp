@@ -1,0 +1,136 @@
+#pragma once
+
+// A private PulseAudio server for tests, on a socket of its own, with two null outputs: "test_out",
+// the default, whose rate and channels a test chooses, and "test_other". Skipped with the reason
+// when it cannot start.
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/ChildProcess.hpp"
+#include "tests/support/TempDirectory.hpp"
+
+namespace kelvaron::test {
+
+// Polls `condition` every 20 ms until it holds or `seconds` pass; whether it held.
+inline bool eventually(const std::function<bool()>& condition, double seconds = 5) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+class PulseAudioServer {
+ public:
+  explicit PulseAudioServer(int rate = 48000, int channels = 2) {
+    std::ofstream(directory_ / "pa.pa")
+        << "load-module module-native-protocol-unix socket=" << socket() << " auth-anonymous=1\n"
+        << "load-module module-null-sink sink_name=test_out rate=" << rate
+        << " channels=" << channels << "\n"
+        << "load-module module-null-sink sink_name=test_other\n"
+        << "set-default-sink test_out\n";
+    startServer();
+  }
+
+  // Starts the server anew, on the same socket, as when the user's sound server comes back.
+  void startServer() {
+    server_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"env", home(), "XDG_RUNTIME_DIR=" + directory_.path().string(),
+                                 "pulseaudio", "-n", "-F", (directory_ / "pa.pa").string(),
+                                 "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes"},
+        directory_ / "pulseaudio.log");
+    reason_.clear();
+    if (!eventually([&] { return !server_->running() || pactl({"info"}).succeeded(); })) {
+      reason_ = "PulseAudio did not answer within 5 s";
+    } else if (!server_->running()) {
+      std::ifstream log(directory_ / "pulseaudio.log");
+      reason_ =
+          "PulseAudio could not start: " + std::string(std::istreambuf_iterator<char>(log), {});
+    }
+    if (!reason_.empty()) server_.reset();
+  }
+
+  bool available() const { return server_ != nullptr; }
+  const std::string& skipReason() const { return reason_; }
+  // For PULSE_SERVER and the capture's options.
+  std::string address() const { return "unix:" + socket(); }
+  const std::filesystem::path& directory() const { return directory_.path(); }
+  // Kills the server, as when the user's sound server crashes.
+  void killServer() {
+    if (server_) ::kill(server_->pid(), SIGKILL);
+    server_.reset();
+  }
+
+  CommandResult pactl(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> command{"env", home(), "PULSE_SERVER=" + address(), "pactl"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return runCommand(command);
+  }
+
+  // Plays a file until it ends or the object goes; `device` empty: to the default output.
+  std::unique_ptr<ChildProcess> play(const std::filesystem::path& file,
+                                     const std::string& device = {}) const {
+    std::vector<std::string> command{"env", home(), "PULSE_SERVER=" + address(), "paplay"};
+    if (!device.empty()) command.push_back("--device=" + device);
+    command.push_back(file.string());
+    return std::make_unique<ChildProcess>(command, directory_ / ("paplay-" + device + ".log"));
+  }
+
+  std::string defaultSink() const {
+    std::string name = pactl({"get-default-sink"}).output;
+    while (!name.empty() && name.back() == '\n') name.pop_back();
+    return name;
+  }
+
+  // The outputs, by index.
+  std::map<std::uint32_t, std::string> sinks() const {
+    std::map<std::uint32_t, std::string> names;
+    for (const auto& sink : listed("sinks")) {
+      names[sink["index"].get<std::uint32_t>()] = sink["name"].get<std::string>();
+    }
+    return names;
+  }
+
+  // The output that the sound a process plays goes to, if it plays one.
+  std::optional<std::string> sinkOf(pid_t player) const {
+    const auto names = sinks();
+    for (const auto& stream : listed("sink-inputs")) {
+      const auto& properties = stream["properties"];
+      if (properties.value("application.process.id", "") != std::to_string(player)) continue;
+      const auto sink = names.find(stream["sink"].get<std::uint32_t>());
+      if (sink != names.end()) return sink->second;
+    }
+    return std::nullopt;
+  }
+
+ private:
+  std::string socket() const { return (directory_ / "sock").string(); }
+  // Clients keep their cookies and settings in the test's folder, not the user's.
+  std::string home() const { return "HOME=" + directory_.path().string(); }
+
+  nlohmann::json listed(const std::string& what) const {
+    auto list =
+        nlohmann::json::parse(pactl({"--format=json", "list", what}).output, nullptr, false);
+    return list.is_array() ? list : nlohmann::json::array();
+  }
+
+  TempDirectory directory_;
+  std::unique_ptr<ChildProcess> server_;
+  std::string reason_;
+};
+
+#define SKIP_WITHOUT_PULSEAUDIO(server) \
+  if (!(server).available()) GTEST_SKIP() << (server).skipReason()
+
+}  // namespace kelvaron::test
