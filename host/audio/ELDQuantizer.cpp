@@ -38,13 +38,4 @@ int quantizeBand(Spectrum spectrum, Spectrum companded, int band, int scalefacto
   return largest;
 }
 
-int escapeFloor(Spectrum companded, int band) {
-  const auto first = companded.begin() + kBandOffsets[band];
-  const float peak = *std::max_element(first, companded.begin() + kBandOffsets[band + 1]);
-  if (peak == 0) return 0;
-  const float limit = float(kLargestQuantized + 1) - kRounding;
-  const float floor = float(kUnityScalefactor) + std::ceil(16.0f / 3.0f * std::log2(peak / limit));
-  return int(std::clamp(floor, 0.0f, float(kLargestScalefactor)));
-}
-
 }  // namespace kelvaron::host::eld

@@ -16,10 +16,9 @@ using Quantized = std::span<int, kFrameLength>;
 void compand(Spectrum spectrum, std::span<float, kFrameLength> companded);
 
 // Band `band` quantised at `scalefactor` into the same lines of `out`, which the decoder restores
-// as sign(q) * |q|^(4/3) * 2^((scalefactor - 100) / 4). Returns the largest magnitude.
+// as sign(q) * |q|^(4/3) * 2^((scalefactor - 100) / 4). Returns the largest magnitude. A line
+// beyond kLargestQuantized is held at it; the steps 128 kbit/s affords are far too coarse for
+// any sound to get there.
 int quantizeBand(Spectrum spectrum, Spectrum companded, int band, int scalefactor, Quantized out);
-
-// The smallest scalefactor at which no line of `band` exceeds kLargestQuantized.
-int escapeFloor(Spectrum companded, int band);
 
 }  // namespace kelvaron::host::eld

@@ -47,24 +47,22 @@ const CodedFrame& RateLoop::code(const std::array<Spectrum, kChannels>& spectra,
   for (int channel = 0; channel < kChannels; ++channel)
     compand(spectra[channel], std::span(companded_[channel]));
   shapeNoise(spectra);
-  const int finest = finestGain();
-  if (quantizeAt(spectra, finest, budgetBits, fitting_)) return fitting_;
-  if (!quantizeAt(spectra, kLargestScalefactor, budgetBits, fitting_)) {
-    // Even the coarsest steps do not fit: the frame goes out silent rather than too large.
-    fitting_.bandCount = 0;
-    return fitting_;
-  }
-  // `finest` does not fit and `coarsest` does: halve the gap until they are neighbours.
-  int coarsest = kLargestScalefactor;
-  for (int tooFine = finest; coarsest - tooFine > 1;) {
-    const int gain = (tooFine + coarsest) / 2;
+  if (quantizeAt(spectra, kFinestScalefactor, budgetBits, fitting_)) return fitting_;
+  // Halve the gap between a gain too fine for the budget and one that fits. The gain past the
+  // largest stands for silence, which always fits.
+  constexpr int kSilence = kLargestScalefactor + 1;
+  int tooFine = kFinestScalefactor;
+  int fits = kSilence;
+  while (fits - tooFine > 1) {
+    const int gain = (tooFine + fits) / 2;
     if (quantizeAt(spectra, gain, budgetBits, trial_)) {
       std::swap(fitting_, trial_);
-      coarsest = gain;
+      fits = gain;
     } else {
       tooFine = gain;
     }
   }
+  if (fits == kSilence) fitting_.bandCount = 0;
   return fitting_;
 }
 
@@ -85,16 +83,6 @@ void RateLoop::shapeNoise(const std::array<Spectrum, kChannels>& spectra) {
       offsets_[channel][band] = int(std::max(offset, double(-kWidestOffset)));
     }
   }
-}
-
-// The finest gain at which every band's lines still fit the escape codebook.
-int RateLoop::finestGain() const {
-  int gain = kFinestScalefactor;
-  for (int channel = 0; channel < kChannels; ++channel) {
-    for (int band = 0; band < kBandCount; ++band)
-      gain = std::max(gain, escapeFloor(companded_[channel], band) - offsets_[channel][band]);
-  }
-  return std::min(gain, kLargestScalefactor);
 }
 
 bool RateLoop::quantizeAt(const std::array<Spectrum, kChannels>& spectra, int gain, int budgetBits,

@@ -41,7 +41,6 @@ class RateLoop {
 
  private:
   void shapeNoise(const std::array<Spectrum, kChannels>& spectra);
-  int finestGain() const;
   // The frame at `gain` into `frame`; whether it fits the budget.
   bool quantizeAt(const std::array<Spectrum, kChannels>& spectra, int gain, int budgetBits,
                   CodedFrame& frame);

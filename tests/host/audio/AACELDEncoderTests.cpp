@@ -141,7 +141,7 @@ struct ToneCase {
 TEST(AACELDEncoder, AToneComesBackAtItsFrequencyAndLevel) {
   const ToneCase cases[] = {
       {48000, 2, 1000, -12},  {48000, 2, 1000, -40},
-      {48000, 2, 1000, -0.5},  // the largest values the escape codebook must carry
+      {48000, 2, 1000, -0.5},  // lines in the thousands: long escape sequences
       {48000, 2, 18000, -50},  // above 31 empty bands, which take two length fields
       {44100, 1, 1000, -12},   // through the resampler
       {22050, 2, 1000, -6},
