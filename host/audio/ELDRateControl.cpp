@@ -16,7 +16,8 @@ constexpr int kFinestScalefactor = 124;
 // Scalefactors of coded bands may differ by at most 60 within a channel.
 constexpr int kWidestOffset = 60;
 // How much of a band's level its noise follows: 0 would make the noise white (the most SNR for
-// the bits), 1 would give every band the same SNR.
+// the bits), 1 would give every band the same SNR. Half keeps quiet high bands cleaner beside a
+// loud bass but costs tones in noise 9 dB of SNR at this rate; a quarter costs 3 dB.
 constexpr double kNoiseFollowsLevel = 0.25;
 // The share of the reservoir one frame may take.
 constexpr double kReservoirShare = 0.25;

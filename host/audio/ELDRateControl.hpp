@@ -32,9 +32,9 @@ struct CodedFrame {
 };
 
 // Finds, for a pair of spectra, the finest quantisation that fits a budget. Each band's
-// scalefactor is a global gain plus an offset that follows half the band's level in dB (louder
-// bands get proportionally more noise, but less than their level would allow), so one number
-// moves the whole frame between finer and coarser.
+// scalefactor is a global gain plus an offset that follows a quarter of the band's level in dB
+// (quiet bands get less noise than loud ones, but not in proportion), so one number moves the
+// whole frame between finer and coarser.
 class RateLoop {
  public:
   const CodedFrame& code(const std::array<Spectrum, kChannels>& spectra, int budgetBits);
