@@ -10,8 +10,8 @@
 
 namespace kelvaron::host {
 
-// 48 kHz stereo into ER AAC-ELD access units at about 128 kbit/s, one per 512 frames. Pure and
-// deterministic: the same samples give the same bytes.
+// 48 kHz stereo into ER AAC-ELD access units at about 128 kbit/s, one per 512 frames. No I/O,
+// and deterministic: the same samples give the same bytes.
 class ELDFrameEncoder {
  public:
   static constexpr int kSamplesPerAccessUnit = eld::kChannels * eld::kFrameLength;  // interleaved

@@ -67,6 +67,8 @@ const CodedFrame& RateLoop::code(const std::array<Spectrum, kChannels>& spectra,
   return fitting_;
 }
 
+// Each band's offset from the global gain, in scalefactor steps of 1.5 dB: a share of how far the
+// band lies below the loudest band of the pair. Bands with nothing in them get the widest.
 void RateLoop::shapeNoise(const std::array<Spectrum, kChannels>& spectra) {
   std::array<std::array<double, kBandCount>, kChannels> energies;
   double loudest = 0;
