@@ -24,6 +24,8 @@ asio::awaitable<void> Viewer::run() {
       executor, [self = shared_from_this()] { return self->readMessages(); }, asio::detached);
   asio::co_spawn(
       executor, [self = shared_from_this()] { return self->readVideo(); }, asio::detached);
+  asio::co_spawn(
+      executor, [self = shared_from_this()] { return self->readAudio(); }, asio::detached);
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
   int second = 0;
   while (Clock::now() < end && !ended_) {
@@ -39,6 +41,7 @@ asio::awaitable<void> Viewer::readMessages() {
     if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
       out_ << "Connected to " << ack->hostName << "; profile " << profileLabel(ack->profile)
            << std::endl;
+      if (options_.audio) connection_->send(msg::setAudio{*options_.audio});
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
       refusal_ = reject->reason;
       ended_ = true;
@@ -47,6 +50,10 @@ asio::awaitable<void> Viewer::readMessages() {
            << std::endl;
     } else if (const auto* status = std::get_if<msg::hostStatus>(&*message)) {
       if (status->detail) out_ << "Host status: " << *status->detail << std::endl;
+    } else if (const auto* config = std::get_if<msg::audioConfig>(&*message)) {
+      startAudio(*config);
+    } else if (const auto* audio = std::get_if<msg::audioStatus>(&*message)) {
+      showAudioStatus(*audio);
     } else if (const auto* replaced = std::get_if<msg::sessionReplaced>(&*message)) {
       out_ << "Replaced by " << replaced->byDeviceName << std::endl;
       ended_ = true;
@@ -68,6 +75,48 @@ asio::awaitable<void> Viewer::readVideo() {
   }
 }
 
+void Viewer::startAudio(const msg::audioConfig& config) {
+  try {
+    audioDecoder_.emplace(int(config.sampleRate), int(config.channels), config.magicCookie);
+    audioOutput_ = options_.audioOut.empty()
+                       ? openPulseAudioOutput(config.sampleRate, config.channels)
+                       : std::make_unique<WAVFileOutput>(options_.audioOut, config.sampleRate,
+                                                         config.channels);
+    out_ << "Audio: " << config.sampleRate << " Hz, " << int(config.channels) << " channels"
+         << std::endl;
+  } catch (const std::exception& e) {
+    audioDecoder_.reset();
+    audioProblem_ = e.what();
+    out_ << "Audio cannot be played: " << e.what() << std::endl;
+  }
+}
+
+void Viewer::showAudioStatus(const msg::audioStatus& status) {
+  static constexpr const char* kNames[] = {"off", "playing", "permission missing", "failed"};
+  out_ << "Audio " << kNames[std::size_t(status.status)];
+  if (status.detail) out_ << ": " << *status.detail;
+  out_ << std::endl;
+  if (status.status != AudioStatus::playing) {
+    audioProblem_ = status.detail.value_or(kNames[std::size_t(status.status)]);
+  }
+}
+
+asio::awaitable<void> Viewer::readAudio() {
+  while (const auto packet = co_await connection_->audioPackets().next()) {
+    audioStatistics_.received();
+    if (!audioDecoder_) continue;
+    const auto samples = audioDecoder_->decode(packet->data.span());
+    if (!samples) {
+      audioStatistics_.failedToDecode();
+      continue;
+    }
+    audioOutput_->play(*samples);
+    // Heard once what waits in the output before it has played.
+    const double nowMs = double(monotonicRawNs()) / 1e6 + audioOutput_->delayMs();
+    audioStatistics_.played(nowMs - double(packet->ptsMicros) / 1e3);
+  }
+}
+
 void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
   // Host and client on one machine share the clock of the capture time.
   const auto sinceCaptureNs = std::int64_t(monotonicRawNs() - frame.captureTimeNs);
@@ -86,7 +135,9 @@ void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
 
 void Viewer::endSecond(int second) {
   const SecondOfVideo figures = statistics_.endSecond();
-  out_ << statusLine(second, figures) << std::endl;
+  std::optional<SecondOfAudio> audio;
+  if (options_.audio) audio = audioStatistics_.endSecond();
+  out_ << statusLine(second, figures, audio) << std::endl;
   connection_->send(msg::feedback{{figures.frames, 0, 0, false}});
   if (second % 5 == 0) connection_->send(msg::ping{std::uint64_t(second)});
 }
@@ -99,8 +150,13 @@ void Viewer::leave() {
          << options_.saveFrame.string() << std::endl;
   }
   out_ << statistics_.summary() << std::endl;
+  audioOutput_.reset();  // a WAV file is complete from here
+  if (options_.audio) out_ << audioStatistics_.summary() << std::endl;
   if (refusal_) throw FlowError("refused: " + *refusal_);
   if (statistics_.totalFrames() == 0) throw FlowError("the host sent no picture");
+  if (options_.audio && audioStatistics_.totalPackets() == 0) {
+    throw FlowError("the host sent no sound" + (audioProblem_ ? ": " + *audioProblem_ : ""));
+  }
   if (wantsPicture && !saved) throw FlowError("no picture to save");
 }
 

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "client/AudioDecoder.hpp"
+#include "client/AudioOutput.hpp"
 #include "client/ClientDevice.hpp"
 #include "client/HostDirectory.hpp"
 #include "client/VideoDecoder.hpp"
@@ -20,10 +22,13 @@ struct ViewerOptions {
   std::chrono::duration<double> duration = std::chrono::seconds(10);  // how long to stay
   std::filesystem::path saveFrame;  // where the last picture goes, as PNG, when leaving
   std::string type;                 // typed on the host once the picture is there
+  std::optional<AudioMode> audio;   // asked for once connected
+  std::filesystem::path audioOut;   // the sound goes to this WAV file instead of the speakers
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
-// figures, decodes the pictures, sends the feedback, types, and saves the last picture.
+// figures, decodes the pictures, sends the feedback, types, saves the last picture, and plays or
+// records the sound when asked.
 class Viewer : public std::enable_shared_from_this<Viewer> {
  public:
   using Clock = std::chrono::steady_clock;
@@ -40,6 +45,9 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
  private:
   asio::awaitable<void> readMessages();
   asio::awaitable<void> readVideo();
+  asio::awaitable<void> readAudio();
+  void startAudio(const msg::audioConfig& config);
+  void showAudioStatus(const msg::audioStatus& status);
   void show(Picture picture, const VideoFrame& frame, double decodeMs);
   void endSecond(int second);
   void leave();
@@ -50,6 +58,10 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   const Clock::time_point since_;
   VideoDecoder decoder_;
   VideoStatistics statistics_;
+  std::optional<AudioDecoder> audioDecoder_;
+  std::unique_ptr<AudioOutput> audioOutput_;
+  AudioStatistics audioStatistics_;
+  std::optional<std::string> audioProblem_;
   std::optional<Picture> latest_;
   std::optional<std::string> refusal_;
   bool typed_ = false;

@@ -29,6 +29,9 @@ constexpr const char* kUsage = R"(Usage:
         --seconds N        stay connected for N seconds (default 10)
         --save-frame FILE  save the last picture as PNG when leaving
         --type TEXT        type TEXT on the host once the picture is there
+        --audio            hear the host's sound here, beside its own speakers
+        --phone-only       hear it here only: the host's speakers go quiet meanwhile
+        --audio-out FILE   write the sound to a WAV file instead of playing it
   tovu-client hosts
       list the paired hosts
 
@@ -46,6 +49,8 @@ struct Arguments {
   std::optional<double> seconds;
   std::string saveFrame;
   std::string type;
+  std::optional<AudioMode> audio;
+  std::string audioOut;
   bool compare = false;
 };
 
@@ -68,6 +73,13 @@ apps::CommandLine commandLine(Arguments& arguments) {
       .option("--save-frame", [&](const std::string& file) { arguments.saveFrame = file; })
       .option("--type", [&](const std::string& text) { arguments.type = text; })
       .flag("--compare", [&] { arguments.compare = true; })
+      .flag("--audio", [&] { arguments.audio = arguments.audio.value_or(AudioMode::both); })
+      .flag("--phone-only", [&] { arguments.audio = AudioMode::phoneOnly; })
+      .option("--audio-out",
+              [&](const std::string& file) {
+                arguments.audioOut = file;
+                arguments.audio = arguments.audio.value_or(AudioMode::both);
+              })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -100,7 +112,8 @@ int main(int argc, char** argv) {
 
   const client::HostDirectory directory(arguments.address);
   const client::ViewerOptions viewing{std::chrono::duration<double>(arguments.seconds.value_or(10)),
-                                      arguments.saveFrame, arguments.type};
+                                      arguments.saveFrame, arguments.type, arguments.audio,
+                                      arguments.audioOut};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

@@ -4,6 +4,7 @@
 #include <xcb/xtest.h>
 
 #include "host/app/TerminalPairingConfirmer.hpp"
+#include "host/audio/PulseAudioCapture.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
 #include "kit/crypto/SecretStore.hpp"
@@ -16,7 +17,10 @@ HostComposition::HostComposition(Executors executors, Options options)
       options_(std::move(options)),
       displays_(std::make_shared<RandrDisplayManager>(executors_.pool, options_.displayName)),
       injector_(std::make_shared<XTestInjector>(options_.displayName)),
-      power_(std::make_shared<X11PowerManager>(options_.displayName)) {}
+      power_(std::make_shared<X11PowerManager>(options_.displayName)) {
+  // A host that died in the phone-only mode left the user's sound on its private output.
+  PulseAudioCapture().restoreLeftovers();
+}
 
 Permissions HostComposition::readPermissions(const std::string& displayName) {
   xcb_connection_t* c = xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), nullptr);
@@ -40,6 +44,8 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.encoders = std::move(encoders);
   env.injector = injector_;
   env.power = power_;
+  env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
+  env.background = executors_.pool;
   env.screenRecordingGranted = [name = options_.displayName] {
     return readPermissions(name).screenRecording;
   };

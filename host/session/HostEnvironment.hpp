@@ -7,6 +7,9 @@
 #include <optional>
 #include <string>
 
+#include "host/audio/AudioCapturing.hpp"
+#include "host/audio/AudioEncoding.hpp"
+#include "host/audio/AudioTapArbiter.hpp"
 #include "host/input/ClickRecord.hpp"
 #include "host/input/InputInjector.hpp"
 #include "host/session/PowerManaging.hpp"
@@ -38,6 +41,17 @@ struct HostEnvironment {
   // clock, or a clock that a test moves.
   Sleeper sleep = sleepFor;
   std::shared_ptr<PowerManaging> power;
+  // A capture of the computer's sound for each audio run, the encoders, and the one tap that all
+  // sessions share.
+  std::function<std::shared_ptr<AudioCapturing>()> makeAudioCapture = [] {
+    return std::make_shared<UnavailableAudioCapture>();
+  };
+  std::shared_ptr<const AudioEncoderFactory> audioEncoders =
+      std::make_shared<AACELDEncoderFactory>();
+  std::shared_ptr<AudioTapArbiter> audioArbiter = std::make_shared<AudioTapArbiter>();
+  // Where a session's blocking work runs (connecting to the sound server); its own strand when
+  // empty.
+  Executor background;
 
   // Asked once after `hello`: whether to keep the display awake while connected.
   std::function<bool()> keepDisplayAwake = [] { return true; };

@@ -127,6 +127,8 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     env_.injector->injectText(inputOwner_, text->text);
   } else if (const auto* pointer = std::get_if<msg::pointer>(&message)) {
     co_await handlePointer(pointer->event, pointer->seq);
+  } else if (const auto* audio = std::get_if<msg::setAudio>(&message)) {
+    setAudio(audio->mode);
   }
 }
 
@@ -327,6 +329,8 @@ asio::awaitable<void> HostSession::teardown() {
   if (pipeline_) pipeline_->stop();
   pipeline_.reset();
   co_await stopCapture();
+  stopAudioPipeline();
+  env_.audioArbiter->release(audioOwnerID_);
   connection_->close();
   status_.phase = SessionStatus::Phase::ended;
   log_.info("session ended");

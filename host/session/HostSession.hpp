@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/audio/AudioPipeline.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "host/session/HostEnvironment.hpp"
 #include "host/session/SessionStatus.hpp"
 #include "host/video/BitrateController.hpp"
@@ -98,6 +100,14 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   void handleFeedback(const Feedback& feedback);
   void statsTick();
 
+  // Audio (HostSessionAudio.cpp): one pipeline per run, the newest session's claim on the tap wins.
+  void setAudio(AudioMode mode);
+  asio::awaitable<void> startAudio(AudioMode mode, std::int64_t generation);
+  std::shared_ptr<AudioPipeline> makeAudioPipeline(AudioMode mode, std::int64_t generation);
+  void audioFailed(const AudioCaptureError& failure);
+  void audioTakenOver();
+  void stopAudioPipeline();
+
   // Input (HostSessionInput.cpp).
   asio::awaitable<void> handlePointer(const PointerEvent& event, std::uint32_t seq);
   void report() const;
@@ -140,6 +150,10 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::optional<HostStatusValue> captureProblem_;
   std::optional<HostStatusValue> lastSentStatus_;
   CaptureScope scope_ = scope::display{};
+  AudioMode audioMode_ = AudioMode::off;
+  std::shared_ptr<AudioPipeline> audioPipeline_;
+  std::int64_t audioGeneration_ = 0;  // moved at every change: late completions see it
+  const UUID audioOwnerID_ = AuthCrypto::randomUUID();
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

@@ -20,6 +20,7 @@
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
 #include "tests/support/NetworkNamespace.hpp"
+#include "tests/support/PulseAudioServer.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/TempDirectory.hpp"
 
@@ -142,6 +143,8 @@ class Host {
     }
     return -1;
   }
+  // Ends the host as a crash would: nothing of its own clean-up runs.
+  void crash() const { ::kill(process_->pid(), SIGKILL); }
   // A line typed at the host's terminal.
   void answer(const std::string& line) const { std::ofstream(answers()) << line << std::endl; }
 
@@ -277,6 +280,68 @@ TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {
   ::kill(killed->pid(), SIGKILL);
   const auto next = ann.run(ann.connect(host.address(), "2"));
   EXPECT_TRUE(next.succeeded()) << next.output;
+}
+
+// The level of a sine wave in dBFS, from its mean power.
+double levelOf(std::span<const float> samples) {
+  double power = 0;
+  for (const float sample : samples) power += double(sample) * sample;
+  return 10 * std::log10(2 * power / double(std::max<std::size_t>(samples.size(), 1)));
+}
+
+// Zero crossings upwards per second: the frequency of a clean tone.
+double frequencyOf(std::span<const float> samples, int rate) {
+  int crossings = 0;
+  for (std::size_t i = 1; i < samples.size(); ++i) crossings += samples[i - 1] < 0 && samples[i] >= 0;
+  return crossings * double(rate) / double(samples.size());
+}
+
+TEST(EndToEnd, TheHostsSoundIsHeardOnTheDeviceAndAHostKilledInPhoneOnlyModeGivesItBack) {
+  const PulseAudioServer sound;
+  SKIP_WITHOUT_PULSEAUDIO(sound);
+  const TempDirectory state;
+  const std::vector<std::string> environment = {"PULSE_SERVER=" + sound.address(),
+                                                "XDG_STATE_HOME=" + state.path().string()};
+  Host host(false, {"--no-advertise"}, environment);
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  // A tone at -12 dBFS, playing all along.
+  const auto player = sound.play(writeToneWAV(state.path(), 60, 1000, 0.25));
+
+  const fs::path heard = ann.home.path() / "heard.wav";
+  auto command = ann.connect(host.address(), "4");
+  command.insert(command.end(), {"--audio-out", heard.string()});
+  const auto listened = ann.run(command);
+  ASSERT_TRUE(listened.succeeded()) << listened.output;
+  EXPECT_NE(listened.output.find("Audio playing"), std::string::npos) << listened.output;
+  EXPECT_NE(listened.output.find(" 0 decode errors"), std::string::npos) << listened.output;
+  const auto samples = readFirstChannelOfWAV(heard);
+  ASSERT_GT(samples.size(), 48000u * 2) << listened.output;
+  const std::span<const float> steady = std::span(samples).subspan(24000, 48000);
+  EXPECT_NEAR(frequencyOf(steady, 48000), 1000, 5);
+  EXPECT_NEAR(levelOf(steady), -12.04, 1);
+
+  // Phone-only: the computer's own output goes quiet while the device listens, and a host that
+  // dies then leaves it so until the next one starts.
+  const fs::path log = ann.home.path() / "phone-only.log";
+  auto listening = ann.start(
+      [&] {
+        auto phoneOnly = ann.connect(host.address(), "30");
+        phoneOnly.insert(phoneOnly.end(), {"--phone-only", "--audio-out", "/dev/null"});
+        return phoneOnly;
+      }(),
+      log);
+  ASSERT_TRUE(waitFor(log, "Audio playing", 1, 30s)) << readFile(log) << readFile(host.log());
+  EXPECT_EQ(sound.defaultSink(), "tovu_host_audio");
+  host.crash();
+  listening.reset();
+  EXPECT_EQ(sound.defaultSink(), "tovu_host_audio");
+  const Host next(false, {"--no-advertise"}, environment);
+  ASSERT_TRUE(next.up()) << next.why();
+  EXPECT_EQ(sound.defaultSink(), "test_out");
+  EXPECT_EQ(sound.pactl({"list", "short", "sinks"}).output.find("tovu_host_audio"),
+            std::string::npos);
 }
 
 TEST(EndToEnd, PairsByComparingCodesThatThePersonAtTheHostConfirms) {

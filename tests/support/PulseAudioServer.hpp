@@ -5,6 +5,10 @@
 // when it cannot start.
 
 #include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <numbers>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -29,6 +33,54 @@ inline bool eventually(const std::function<bool()>& condition, double seconds = 
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return true;
+}
+
+// A tone of `amplitude` (1 = full scale) in both channels, as a 16-bit stereo WAV file at 48 kHz.
+inline std::filesystem::path writeToneWAV(const std::filesystem::path& folder, double seconds,
+                                          double hz, double amplitude) {
+  constexpr std::uint32_t kRate = 48000;
+  std::vector<std::int16_t> samples;
+  for (std::uint32_t frame = 0; frame < seconds * kRate; ++frame) {
+    const double phase = 2 * std::numbers::pi * hz * frame / kRate;
+    const auto value = static_cast<std::int16_t>(std::lround(amplitude * 32767 * std::sin(phase)));
+    samples.insert(samples.end(), {value, value});
+  }
+  const auto path = folder / ("tone-" + std::to_string(int(hz)) + "-" +
+                              std::to_string(int(seconds * 1000)) + "ms.wav");
+  std::ofstream out(path, std::ios::binary);
+  const auto put = [&](auto value) {
+    out.write(reinterpret_cast<const char*>(&value), sizeof value);
+  };
+  const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(std::int16_t));
+  out << "RIFF";
+  put(36 + bytes);
+  out << "WAVEfmt ";
+  put(std::uint32_t{16});
+  put(std::uint16_t{1});  // PCM
+  put(std::uint16_t{2});
+  put(kRate);
+  put(kRate * 4);
+  put(std::uint16_t{4});
+  put(std::uint16_t{16});
+  out << "data";
+  put(bytes);
+  out.write(reinterpret_cast<const char*>(samples.data()), bytes);
+  return path;
+}
+
+// The first channel of a 16-bit PCM WAV file with the plain 44-byte header, 1 = full scale.
+inline std::vector<float> readFirstChannelOfWAV(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
+  std::vector<float> samples;
+  if (bytes.size() < 44) return samples;
+  const int channels = static_cast<unsigned char>(bytes[22]);
+  for (std::size_t at = 44; channels > 0 && at + 2 * channels <= bytes.size(); at += 2 * channels) {
+    std::int16_t value;
+    std::memcpy(&value, &bytes[at], 2);
+    samples.push_back(float(value) / 32768.0f);
+  }
+  return samples;
 }
 
 class PulseAudioServer {

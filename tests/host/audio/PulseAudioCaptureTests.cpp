@@ -28,38 +28,9 @@ std::uint64_t nowMicros() {
   return std::uint64_t(now.tv_sec) * 1'000'000u + std::uint64_t(now.tv_nsec) / 1000u;
 }
 
-// A tone at half of full scale, 16-bit stereo at 48 kHz.
 std::filesystem::path writeTone(const std::filesystem::path& folder, double seconds,
                                 double hz = kToneHz) {
-  constexpr std::uint32_t kRate = 48000;
-  std::vector<std::int16_t> samples;
-  for (std::uint32_t frame = 0; frame < seconds * kRate; ++frame) {
-    const double phase = 2 * std::numbers::pi * hz * frame / kRate;
-    const auto value =
-        static_cast<std::int16_t>(std::lround(kToneAmplitude * 32767 * std::sin(phase)));
-    samples.insert(samples.end(), {value, value});
-  }
-  const auto path =
-      folder / ("tone-" + std::to_string(hz) + "-" + std::to_string(seconds) + ".wav");
-  std::ofstream out(path, std::ios::binary);
-  const auto put = [&](auto value) {
-    out.write(reinterpret_cast<const char*>(&value), sizeof value);
-  };
-  const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(std::int16_t));
-  out << "RIFF";
-  put(36 + bytes);
-  out << "WAVEfmt ";
-  put(std::uint32_t{16});
-  put(std::uint16_t{1});  // PCM
-  put(std::uint16_t{2});
-  put(kRate);
-  put(kRate * 4);
-  put(std::uint16_t{4});
-  put(std::uint16_t{16});
-  out << "data";
-  put(bytes);
-  out.write(reinterpret_cast<const char*>(samples.data()), bytes);
-  return path;
+  return test::writeToneWAV(folder, seconds, hz, kToneAmplitude);
 }
 
 // What a capture delivered, from its drain thread.
