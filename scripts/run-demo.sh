@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job, on one machine: installs what is missing, builds, starts a virtual display with a
-# clock and a terminal on it, starts the host, pairs the reference client by token, streams for a
-# while typing into the terminal, and says what happened.
+# clock and a terminal on it and a sound server of its own playing quiet noise, starts the host,
+# pairs the reference client by token, streams picture and sound for a while typing into the
+# terminal, and says what happened.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,6 +22,22 @@ cleanup() {
   wait 2>/dev/null || true
 }
 trap cleanup EXIT
+
+echo "== starting a sound server of the demo's own, with something playing"
+# A private PulseAudio with a null output, so that the demo neither needs nor disturbs speakers.
+mkdir -p "$work/pulse"
+cat >"$work/pulse/pa.pa" <<EOF
+load-module module-native-protocol-unix socket=$work/pulse/sock auth-anonymous=1
+load-module module-null-sink sink_name=demo_out rate=48000 channels=2
+set-default-sink demo_out
+EOF
+HOME="$work/pulse" XDG_RUNTIME_DIR="$work/pulse" pulseaudio -n -F "$work/pulse/pa.pa" \
+  --daemonize=no --exit-idle-time=-1 --disable-shm=yes >"$work/pulse.log" 2>&1 &
+pids+=($!)
+export PULSE_SERVER="unix:$work/pulse/sock"
+for _ in $(seq 1 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+pacat --volume=6000 --rate=48000 --channels=2 --format=s16le /dev/urandom &
+pids+=($!)
 
 echo "== starting the host on a virtual display"
 build/release/apps/tovu-host --virtual-display 1280x720 --pair --no-advertise >"$work/host.log" 2>&1 &
@@ -50,12 +67,13 @@ echo "== pairing the client by token"
 echo "link: $link"
 build/release/apps/tovu-client pair "$link" --address "127.0.0.1:$port" --name "Tovu demo client"
 
-echo "== streaming for $SECONDS_TO_STREAM seconds"
+echo "== streaming picture and sound for $SECONDS_TO_STREAM seconds"
 host_id=$(build/release/apps/tovu-client hosts | head -1 | cut -d' ' -f1)
 build/release/apps/tovu-client connect "$host_id" --address "127.0.0.1:$port" \
   --seconds "$SECONDS_TO_STREAM" --save-frame "$work/last-frame.png" \
-  --type $'echo Hello from the Tovu client\n'
+  --type $'echo Hello from the Tovu client\n' --audio-out "$work/heard.wav"
 
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"
+echo "What the client heard: $work/heard.wav"
 echo "The host's log: $work/host.log"
