@@ -17,6 +17,7 @@
 
 #include "kit/transport/QUICConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
+#include "tests/support/AudioSignals.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
 #include "tests/support/NetworkNamespace.hpp"
@@ -282,20 +283,6 @@ TEST(EndToEnd, ASecondDeviceTakesOverAndAKilledClientLeavesTheHostReady) {
   EXPECT_TRUE(next.succeeded()) << next.output;
 }
 
-// The level of a sine wave in dBFS, from its mean power.
-double levelOf(std::span<const float> samples) {
-  double power = 0;
-  for (const float sample : samples) power += double(sample) * sample;
-  return 10 * std::log10(2 * power / double(std::max<std::size_t>(samples.size(), 1)));
-}
-
-// Zero crossings upwards per second: the frequency of a clean tone.
-double frequencyOf(std::span<const float> samples, int rate) {
-  int crossings = 0;
-  for (std::size_t i = 1; i < samples.size(); ++i) crossings += samples[i - 1] < 0 && samples[i] >= 0;
-  return crossings * double(rate) / double(samples.size());
-}
-
 TEST(EndToEnd, TheHostsSoundIsHeardOnTheDeviceAndAHostKilledInPhoneOnlyModeGivesItBack) {
   const PulseAudioServer sound;
   SKIP_WITHOUT_PULSEAUDIO(sound);
@@ -319,8 +306,8 @@ TEST(EndToEnd, TheHostsSoundIsHeardOnTheDeviceAndAHostKilledInPhoneOnlyModeGives
   const auto samples = readFirstChannelOfWAV(heard);
   ASSERT_GT(samples.size(), 48000u * 2) << listened.output;
   const std::span<const float> steady = std::span(samples).subspan(24000, 48000);
-  EXPECT_NEAR(frequencyOf(steady, 48000), 1000, 5);
-  EXPECT_NEAR(levelOf(steady), -12.04, 1);
+  EXPECT_NEAR(toneFrequency(steady), 1000, 5);
+  EXPECT_NEAR(toneLevel(steady), -12.04, 1);
 
   // Phone-only: the computer's own output goes quiet while the device listens, and a host that
   // dies then leaves it so until the next one starts.

@@ -32,9 +32,8 @@ class FakeDisplays : public DisplayProviding {
     return stream;
   }
   void signal() {
-    for (auto& weak : subscribers_) {
+    for (auto& weak : subscribers_)
       if (auto stream = weak.lock()) stream->push({});
-    }
   }
   std::size_t liveSubscribers() const {
     return std::ranges::count_if(subscribers_, [](auto& w) { return !w.expired(); });
@@ -44,11 +43,13 @@ class FakeDisplays : public DisplayProviding {
   std::vector<std::weak_ptr<AsyncQueue<ChangeSignal>>> subscribers_;
 };
 
-// Records what the session asks of its encoder; its output is driven by the test.
+// Records each frame's capture time and quality; the test drives its output.
 class FakeEncoder : public VideoEncoder {
  public:
   explicit FakeEncoder(EncoderOutputHandler handler) : output(std::move(handler)) {}
-  void encode(const CapturedFrame&, bool, bool) override {}
+  void encode(const CapturedFrame& frame, bool, bool highQuality) override {
+    encodes.emplace_back(frame.captureTimeNs, highQuality);
+  }
   void requestKeyframe() override { ++keyframeRequests; }
   void setBitrate(std::int64_t value) override { bitrates.push_back(value); }
   void stop() override {
@@ -57,6 +58,7 @@ class FakeEncoder : public VideoEncoder {
   }
 
   EncoderOutputHandler output;
+  std::vector<std::pair<std::uint64_t, bool>> encodes;
   std::atomic<int> keyframeRequests = 0;
   std::vector<std::int64_t> bitrates;
   bool stopped = false;
@@ -115,11 +117,8 @@ class FakeInjector : public InputInjector {
  public:
   void injectKey(InputOwner owner, const KeyEvent& event) override {
     keys.push_back(event);
-    if (event.isDown) {
-      held[event.usage.rawValue] = owner;
-    } else {
-      held.erase(event.usage.rawValue);
-    }
+    if (event.isDown) held[event.usage.rawValue] = owner;
+    if (!event.isDown) held.erase(event.usage.rawValue);
   }
   void injectPointer(InputOwner, const PointerEvent& event,
                      const std::optional<DisplayInfo>& display) override {

@@ -12,10 +12,12 @@
 #undef explicit
 #include <xkbcommon/xkbcommon-x11.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,7 +56,6 @@ class InputRecorder {
                       XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual,
                       XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
     xcb_map_window(c_, window_);
-    sync();
     xcb_set_input_focus(c_, XCB_INPUT_FOCUS_POINTER_ROOT, window_, XCB_CURRENT_TIME);
     sync();
     reader_ = std::thread([this] { read(); });
@@ -104,15 +105,11 @@ class InputRecorder {
         keymapConnection_, xcb_get_keyboard_mapping(keymapConnection_, setup->min_keycode, count),
         nullptr);
     if (!reply) return 0;
-    const xcb_keysym_t* symbols = xcb_get_keyboard_mapping_keysyms(reply);
+    const std::size_t levels = reply->keysyms_per_keycode;
+    const std::span symbols(xcb_get_keyboard_mapping_keysyms(reply), count * levels);
     std::size_t found = 0;
     for (std::size_t key = 0; key < count; ++key) {
-      for (std::size_t level = 0; level < reply->keysyms_per_keycode; ++level) {
-        if (symbols[key * reply->keysyms_per_keycode + level] == keysym) {
-          ++found;
-          break;
-        }
-      }
+      found += std::ranges::count(symbols.subspan(key * levels, levels), keysym) > 0;
     }
     std::free(reply);
     return found;

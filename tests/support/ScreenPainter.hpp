@@ -67,18 +67,11 @@ class ScreenPainter {
   // A RANDR monitor without outputs, as a user may define one for a part of a screen.
   bool setMonitor(const std::string& name, std::int16_t x, std::int16_t y, std::uint16_t width,
                   std::uint16_t height, bool primary) {
-    xcb_randr_monitor_info_t monitor{};
-    monitor.name = atom(name);
-    monitor.primary = primary;
-    monitor.x = x;
-    monitor.y = y;
-    monitor.width = width;
-    monitor.height = height;
-    monitor.width_in_millimeters = width / 4;
-    monitor.height_in_millimeters = height / 4;
+    // Not automatic, without outputs, 4 pixels to the millimetre.
+    const std::uint32_t mm[] = {width / 4u, height / 4u};
+    xcb_randr_monitor_info_t monitor{atom(name), primary, 0, 0, x, y, width, height, mm[0], mm[1]};
     // Sent by hand: Debian's libxcb-randr 1.15 sends its SetMonitor request with a wrong length.
-    xcb_randr_set_monitor_request_t request{};
-    request.window = root_;
+    xcb_randr_set_monitor_request_t request{.window = root_};
     iovec parts[4] = {{}, {}, {&request, sizeof request}, {&monitor, sizeof monitor}};
     xcb_protocol_request_t shape{2, &xcb_randr_id, XCB_RANDR_SET_MONITOR, 1};
     return succeeded({xcb_send_request(c_, XCB_REQUEST_CHECKED, &parts[2], &shape)});

@@ -1,6 +1,5 @@
-// The application's model with stand-ins for the computer and the network, and the real pairing
-// and gate: which session is live, and what its devices hear. The listener's supervision: its
-// restarts with backoff, the port it keeps, and the network changes that restart it.
+// The application's model with stand-ins for the computer and network but the real pairing and
+// gate; the listener's supervision: its backoff, its port, the network changes that restart it.
 
 #include <gtest/gtest.h>
 
@@ -82,9 +81,8 @@ struct App {
   asio::awaitable<void> started() {
     model->start();
     model->start();
-    for (int i = 0; i < 500 && !(model->supervisor() || model->securityError()); ++i) {
+    for (int i = 0; i < 500 && !(model->supervisor() || model->securityError()); ++i)
       co_await sleepFor(10ms);
-    }
   }
 
   // A device that pairs with a fresh token on a new connection, or signs in as paired, then says
@@ -127,28 +125,6 @@ struct App {
   std::shared_ptr<AppModel> model;
 };
 
-TEST(AppModel, ListensOnceTheEncodersAreKnownOrSaysWhyItCannot) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    App app(io);
-    co_await app.started();
-    EXPECT_EQ(app.probes, 1);
-    EXPECT_TRUE(app.model->encoderReady());
-    EXPECT_EQ(app.model->supportedProfiles(), app.encoders->profiles);
-    CO_ASSERT_TRUE(app.model->supervisor() != nullptr);
-    EXPECT_EQ(app.requestedPorts, std::vector<Port>{7000});
-    // The host's ID is made once and kept in the settings.
-    const UUID id = app.model->security()->service->hostID();
-    EXPECT_EQ(Settings(app.directory.path() / "settings.json").hostID(), id);
-
-    App broken(io);
-    broken.securityFailure = "the key store is locked";
-    co_await broken.started();
-    EXPECT_EQ(broken.model->securityError(),
-              "Could not load the host identity: the key store is locked");
-    EXPECT_EQ(broken.model->supervisor(), nullptr);
-  });
-}
-
 // The host's own network: a second interface gets an address and loses it again; each time the
 // listener starts anew (and with it its advertisement), on the port it had.
 TEST(AppModel, RestartsTheListenerWhenTheNetworkChanges) {
@@ -168,10 +144,25 @@ TEST(AppModel, RestartsTheListenerWhenTheNetworkChanges) {
   });
 }
 
-TEST(AppModel, TheLastDeviceToSignInIsLiveAndTheOneBeforeHearsWhoTookOver) {
+// The application listens once the encoders are known, or says why it cannot. The last device to
+// sign in is live, and the one before hears who took over.
+TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    App broken(io);
+    broken.securityFailure = "the key store is locked";
+    co_await broken.started();
+    EXPECT_EQ(broken.model->securityError(),
+              "Could not load the host identity: the key store is locked");
+    EXPECT_EQ(broken.model->supervisor(), nullptr);
+
     App app(io);
     co_await app.started();
+    EXPECT_TRUE(app.probes == 1 && app.model->encoderReady());
+    EXPECT_EQ(app.model->supportedProfiles(), app.encoders->profiles);
+    EXPECT_EQ(app.requestedPorts, std::vector<Port>{7000});
+    // The host's ID is made once and kept in the settings.
+    const UUID id = app.model->security()->service->hostID();
+    EXPECT_EQ(Settings(app.directory.path() / "settings.json").hostID(), id);
     const ClientIdentity ann{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
     const ClientIdentity bob{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
     const std::string annName = "Ann's iPad", bobName = "Bob's iPhone";
@@ -296,13 +287,11 @@ struct Supervision {
   std::shared_ptr<ListenerSupervisor> supervisor;
 };
 
-TEST(ListenerSupervisor, BacksOffFrom1To30Seconds) {
-  const BackoffPolicy policy;
-  const std::vector<double> expected = {1, 2, 4, 8, 16, 30, 30, 30};
-  for (int n = 0; n < 8; ++n) EXPECT_EQ(policy.delay(n), expected[n]) << n;
-}
-
-TEST(ListenerSupervisor, KeepsItsPortTwiceThenTakesAny) {
+// Retries back off from 1 to 30 seconds; a port that worked, or the one asked for, is tried twice
+// after a failure, then any port will do.
+TEST(ListenerSupervisor, BacksOffAndKeepsItsPortTwiceThenTakesAny) {
+  const std::vector<double> delays = {1, 2, 4, 8, 16, 30, 30, 30};
+  for (int n = 0; n < 8; ++n) EXPECT_EQ(BackoffPolicy().delay(n), delays[n]) << n;
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Supervision s(io);
     s.supervisor->restart();
@@ -321,22 +310,18 @@ TEST(ListenerSupervisor, KeepsItsPortTwiceThenTakesAny) {
     EXPECT_EQ(s.supervisor->requestedPorts(),
               (std::vector<Port>{std::nullopt, 5000, std::nullopt}));
     EXPECT_EQ(s.ports, (std::vector<Port>{std::nullopt, 5000, std::nullopt, std::nullopt, 5000}));
-  });
-}
 
-TEST(ListenerSupervisor, APortAskedForIsKeptLikeOneThatWorked) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Supervision s(io, 4433);
-    s.works = [](Port p) { return p != 4433; };  // somebody else has it
-    s.supervisor->restart();
-    co_await s.retryTwice();
-    EXPECT_EQ(s.supervisor->state(), ListenerState::advertising(5000));
-    EXPECT_EQ(s.supervisor->requestedPorts(), (std::vector<Port>{4433, 4433, std::nullopt}));
+    Supervision asked(io, 4433);
+    asked.works = [](Port p) { return p != 4433; };  // somebody else has it
+    asked.supervisor->restart();
+    co_await asked.retryTwice();
+    EXPECT_EQ(asked.supervisor->state(), ListenerState::advertising(5000));
+    EXPECT_EQ(asked.supervisor->requestedPorts(), (std::vector<Port>{4433, 4433, std::nullopt}));
     // Each listener that failed was stopped, once.
-    EXPECT_EQ(s.made[0]->stops + s.made[1]->stops, 2);
-    CO_ASSERT_TRUE(s.supervisor->abandonedPort().has_value());
-    EXPECT_EQ(s.supervisor->abandonedPort()->port, 4433);
-    EXPECT_EQ(s.supervisor->abandonedPort()->reason, "address in use");
+    EXPECT_EQ(asked.made[0]->stops + asked.made[1]->stops, 2);
+    CO_ASSERT_TRUE(asked.supervisor->abandonedPort().has_value());
+    EXPECT_EQ(asked.supervisor->abandonedPort()->port, 4433);
+    EXPECT_EQ(asked.supervisor->abandonedPort()->reason, "address in use");
   });
 }
 

@@ -9,10 +9,8 @@ using namespace AuthCrypto;
 
 Data hex(std::string_view text) {
   Data out;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    out.push_back(
-        static_cast<std::uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-  }
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2)
+    out.push_back(static_cast<std::uint8_t>(std::stoul(std::string(text.substr(i, 2)), 0, 16)));
   return out;
 }
 Data bytes(std::string_view text) { return Data(text.begin(), text.end()); }

@@ -17,7 +17,6 @@ namespace kelvaron {
 namespace {
 
 using namespace test;
-using namespace std::chrono_literals;
 using Event = ClientHandshake::Event;
 using Purpose = ClientHandshake::Purpose;
 

@@ -1,12 +1,20 @@
-// XTestInjector against a real Xvfb, with a window that records what arrives as an application
-// sees it.
+// The pure logic of input; what real layouts type, compiled by libxkbcommon from the system's XKB
+// data; and XTestInjector on a real Xvfb, with a window that records what an application sees.
 
 #include "host/input/XTestInjector.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <memory>
 
+#include "host/input/HIDKeyNames.hpp"
+#include "host/input/HostScroll.hpp"
+#include "host/input/KeyboardLayout.hpp"
+#include "host/input/PointerTracker.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
 #include "tests/support/ScreenPainter.hpp"
@@ -18,12 +26,112 @@ namespace {
 using namespace test;
 using Kind = InputRecorder::Event::Kind;
 
-constexpr std::uint16_t kShiftMask = 1, kControlMask = 4, kButton1Mask = 256;
-constexpr InputOwner kOwner = 1, kOtherOwner = 2;
+// The pointer's belief trusts its own recent moves and resyncs on any other reading; a point is
+// clamped to the nearest pixel of the nearest display.
+TEST(PointerTracker, TrustsItsOwnRecentMovesAndClampsToTheNearestDisplay) {
+  PointerTracker tracker;
+  EXPECT_FALSE(tracker.observe(std::nullopt, 0));
+  EXPECT_FALSE(tracker.observe(Point{10, 10}, 0));  // the first reading is no resync
+  EXPECT_EQ(tracker.position(), (Point{10, 10}));
 
-bool setLayout(const VirtualDisplay& x, const std::string& layout) {
-  return runCommand({"setxkbmap", "-display", x.name(), layout}).succeeded();
+  // The server lags behind a run of moves: readings near any of the last half second are old news.
+  for (int i = 1; i <= 10; ++i) tracker.record({10.0 + 10 * i, 10}, 1.0 + 0.01 * i);
+  EXPECT_FALSE(tracker.observe(Point{31.5, 11.5}, 1.2));  // 1.5 on each axis still counts as near
+  EXPECT_EQ(tracker.position(), (Point{110, 10}));
+  // A reading near a move older than half a second is somebody else's doing.
+  EXPECT_TRUE(tracker.observe(Point{20, 10}, 1.7));
+  EXPECT_EQ(tracker.position(), (Point{20, 10}));
+  EXPECT_TRUE(tracker.observe(Point{300, 200}, 1.8));
+  EXPECT_FALSE(tracker.observe(Point{301.5, 198.5}, 1.9));
+  EXPECT_EQ(tracker.position(), (Point{300, 200}));
+
+  // A main display and one to its right with a gap between them, and one with no area.
+  const std::vector<DisplayFrame> displays = {
+      {0, 0, 1920, 1080}, {2000, 0, 1280, 720}, {5000, 0, 0, 0}};
+  EXPECT_EQ(clampToDisplays({100.5, 200}, displays), (Point{100.5, 200}));
+  EXPECT_EQ(clampToDisplays({4000, 100}, displays), (Point{3279, 100}));    // past the right edge
+  EXPECT_EQ(clampToDisplays({1950, 100}, displays), (Point{1919, 100}));    // nearer the main
+  EXPECT_EQ(clampToDisplays({1959.5, 100}, displays), (Point{1919, 100}));  // a tie: the earlier
+  EXPECT_EQ(clampToDisplays({1960, 100}, displays), (Point{2000, 100}));
+  EXPECT_EQ(clampToDisplays({2500, 900}, displays), (Point{2500, 719}));
+  EXPECT_EQ(clampToDisplays({-50, -50}, displays), (Point{0, 0}));
+  EXPECT_EQ(clampToDisplays({-50, -50}, {}), (Point{-50, -50}));
+  EXPECT_EQ(clampToDisplays({-50, -50}, {{0, 0, 0, 10}}), (Point{-50, -50}));
 }
+
+// Points to pixels; the wheel clicks made of them are seen on a real server below.
+TEST(HostScroll, CarriesFractionsWithinAGestureAndDropsTheExcess) {
+  HostScroll::Remainder remainder;
+  EXPECT_EQ(HostScroll::toPixels(0.3f, 0.3f, remainder), (HostScroll::Pixels{0, 0}));
+  EXPECT_EQ(HostScroll::toPixels(0.3f, 0.3f, remainder), (HostScroll::Pixels{1, 1}));
+  EXPECT_NEAR(remainder.y, 0.2f, 1e-6);
+  EXPECT_EQ(HostScroll::toPixels(0, -20000, remainder), (HostScroll::Pixels{0, -30000}));
+  EXPECT_NEAR(remainder.y, -0.8f, 1e-3);  // only the fraction is kept; the excess is dropped
+  EXPECT_EQ(HostScroll::toPixels(0, std::numeric_limits<float>::max(), remainder),
+            (HostScroll::Pixels{0, 30000}));
+  EXPECT_EQ(HostScroll::toPixels(NAN, 1, remainder), std::nullopt);
+  EXPECT_EQ(HostScroll::toPixels(0, INFINITY, remainder), std::nullopt);
+}
+
+// The ends of the table's runs, the keys X11 lacks, and those that only modify.
+TEST(HIDKeyNames, NamesThePhysicalKeysOfTheTable) {
+  EXPECT_EQ(xkbKeyName({0x1D}), "AB01");  // Z
+  EXPECT_EQ(xkbKeyName({0x27}), "AE10");  // 0
+  EXPECT_EQ(xkbKeyName({0x64}), "LSGT");  // the ISO key
+  EXPECT_EQ(xkbKeyName({0x6F}), "FK20");
+  EXPECT_EQ(xkbKeyName({0xE3}), "LWIN");  // command
+  for (const int u : {0x32, 0x46, 0xFF03}) EXPECT_EQ(xkbKeyName({std::uint16_t(u)}), std::nullopt);
+  for (const int u : {0xE0, 0xE7, 0x39, 0xFF03}) EXPECT_TRUE(isModifierUsage({std::uint16_t(u)}));
+  EXPECT_FALSE(isModifierUsage({0x04}));
+}
+
+std::unique_ptr<KeyboardLayout> layoutOf(const char* name) {
+  xkb_context* context = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
+  const xkb_rule_names names{"evdev", "pc105", name, "", ""};
+  xkb_keymap* keymap = xkb_keymap_new_from_names(context, &names, XKB_KEYMAP_COMPILE_NO_FLAGS);
+  xkb_context_unref(context);
+  if (!keymap) return nullptr;
+  auto layout = std::make_unique<KeyboardLayout>(keymap, 0);
+  xkb_keymap_unref(keymap);
+  return layout;
+}
+
+// Each character on its simplest stroke; none for a control character or one without a key.
+// Typing through these strokes, shift and the third level is seen on a real server below.
+TEST(KeyboardLayout, FindsEachCharacterOnItsSimplestKeyStroke) {
+  struct Stroke {
+    const char* layout;
+    char32_t character;
+    const char* key;  // none without
+    int level;        // 1 plain, 2 with shift, 3 on the third level
+  };
+  // US 1 is on the main row, not the keypad. German swaps y and z and has @ and € on the third
+  // level; French digits need shift, é is unshifted, a and q are swapped.
+  const Stroke strokes[] = {
+      {"us", U'a', "AC01", 1},  {"us", U'A', "AC01", 2},     {"us", U'@', "AE02", 2},
+      {"us", U'1', "AE01", 1},  {"us", U' ', "SPCE", 1},     {"us", U'\n', "RTRN", 1},
+      {"us", U'\t', "TAB", 1},  {"us", U'\x7f', nullptr, 0}, {"us", U'\x1b', nullptr, 0},
+      {"us", U'é', nullptr, 0}, {"de", U'z', "AD06", 1},     {"de", U'@', "AD01", 3},
+      {"de", U'€', "AD03", 3},  {"de", U'ß', "AE11", 1},     {"fr", U'1', "AE01", 2},
+      {"fr", U'é', "AE02", 1},  {"fr", U'a', "AD01", 1}};
+  std::map<std::string, std::unique_ptr<KeyboardLayout>> layouts;
+  for (const auto& [name, character, key, level] : strokes) {
+    auto& layout = layouts[name];
+    if (!layout && !(layout = layoutOf(name)))
+      GTEST_SKIP() << "no XKB data for the layout " << name << " (xkb-data)";
+    const auto expected =
+        key ? std::optional(LayoutKeystroke{*layout->keycode(key), level == 2, level == 3})
+            : std::nullopt;
+    EXPECT_EQ(layout->keystroke(character), expected) << name << " " << std::uint32_t(character);
+  }
+  for (const auto& [name, layout] : layouts) {
+    EXPECT_FALSE(layout->spareKeycodes().empty()) << name;
+    EXPECT_EQ(std::ranges::count(layout->spareKeycodes(), *layout->keycode("AC01")), 0) << name;
+  }
+}
+
+constexpr std::uint16_t kShiftMask = 1, kControlMask = 4;
+constexpr InputOwner kOwner = 1, kOtherOwner = 2;
 
 std::vector<InputRecorder::Event> only(const std::vector<InputRecorder::Event>& events, Kind kind) {
   std::vector<InputRecorder::Event> kept;
@@ -47,7 +155,7 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderEachLayoutAndSpareKeysAreGivenBa
   const std::string text = "Grüße, Ça va? @€ 1 Zoë 日本\tok\n";
   for (const std::string layout : {"us", "de", "fr", "jp", "us,de"}) {
     SCOPED_TRACE(layout);
-    if (!setLayout(x, layout))
+    if (!runCommand({"setxkbmap", "-display", x.name(), layout}).succeeded())
       GTEST_SKIP() << "setxkbmap cannot set " << layout << " (x11-xkb-utils)";
     InputRecorder recorder(x.name());
     if (layout == "us,de") {
@@ -66,8 +174,7 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderEachLayoutAndSpareKeysAreGivenBa
                         "b");  // control characters are dropped
     EXPECT_EQ(InputRecorder::typed(recorder.take()), text + "ab");
 
-    // The key of the US Y is a Z on a German keyboard. The flags alone say which modifiers are
-    // down.
+    // The US Y is a Z on a German keyboard; the flags alone say which modifiers are down.
     injector.injectKey(kOwner, {{0x1C}, true, {0}});
     injector.injectKey(kOwner, {{0x1C}, false, {0}});
     injector.injectKey(kOwner, {{0x04}, true, {0x01}});  // shift

@@ -1,12 +1,15 @@
-#include "kit/security/Stores.hpp"
+// What pairing starts from and leaves behind: the pairing link, the stores of paired devices and
+// hosts, and the client's identity.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <fstream>
 #include <thread>
 
+#include "kit/crypto/AuthCrypto.hpp"
+#include "kit/security/PairingURL.hpp"
+#include "kit/security/Stores.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron {
@@ -14,6 +17,48 @@ namespace {
 
 using test::TempDirectory;
 using namespace std::chrono_literals;
+
+const std::string kHostID = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
+
+TEST(PairingURL, RoundTripsWhateverTheName) {
+  for (const char* name : {"studio", "Ann's Mac & \"more\" = 100%", "Café – 東京", "a+b c", ""}) {
+    const PairingURL url{*UUID::parse(kHostID), name, Data(32, 0xfb), Data(16, 0xff)};
+    const std::string text = url.url();
+    EXPECT_TRUE(text.starts_with("tovu://pair?v=1&h=" + kHostID + "&n=")) << text;
+    EXPECT_EQ(PairingURL::parse(text), url) << text;
+  }
+  // Where the host can be dialled goes last, where a reader that does not know it skips it.
+  const PairingURL addressed{*UUID::parse(kHostID), "studio", Data(32, 0xfb), Data(16, 0xff),
+                             "[fd77::1]:4433"};
+  const std::string text = addressed.url();
+  EXPECT_TRUE(text.ends_with("&a=%5Bfd77%3A%3A1%5D%3A4433")) << text;
+  EXPECT_EQ(PairingURL::parse(text), addressed);
+}
+
+TEST(PairingURL, ParsingAcceptsOnlyWholeURLs) {
+  const auto base64 = [](std::size_t size) { return AuthCrypto::base64URLEncode(Data(size, 7)); };
+  const std::string id = "h=" + kHostID, fp = "&fp=" + base64(32), token = "&t=" + base64(16);
+  const std::string good = "?v=1&" + id + "&n=studio" + fp + token;
+  const std::pair<std::string, bool> cases[] = {
+      {"tovu://pair" + good, true},
+      {"TOVU://pair" + good, true},  // the scheme in any case
+      {"kelvaron://pair" + good, true},
+      {"tovu://pair" + good + "&v=2&t=x", true},  // the first of a repeated item counts
+      {"tovu://p%61ir" + good, false},            // the host stays as typed
+      {"http://pair" + good, false},
+      {"not a url", false},
+      {"tovu://pair" + good + "%", false},
+      {"tovu://pair?v=2&" + id + "&n=studio" + fp + token, false},
+      {"tovu://pair?v=1&" + id + "&n=studio&fp=" + base64(31) + token, false},
+      {"tovu://pair?v=1&" + id + "&n=studio&fp=" + base64(33) + token, false},
+      {"tovu://pair?v=1&" + id + "&n=studio" + fp + "&t=" + base64(15), false},
+      {"tovu://pair?v=1&" + id + "&n=studio" + fp, false},
+      {"tovu://pair?v=1&" + id + "&n" + fp + token, false},  // a name without a value is absent
+      {"tovu://pair?v=1&" + id + fp + token + "&n=%FF%FE", false},  // so is one not UTF-8
+  };
+  for (const auto& [url, accepted] : cases)
+    EXPECT_EQ(PairingURL::parse(url).has_value(), accepted) << url;
+}
 
 const auto kDate = WallClock::from_time_t(1795000000);  // 2026-11-18T...
 
@@ -23,12 +68,11 @@ PairedDevice device(std::uint8_t n, std::string name = "iPad") {
 
 std::string fileText(const std::filesystem::path& path) {
   std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 unsigned permissions(const std::filesystem::path& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
+  return static_cast<unsigned>(std::filesystem::status(path).permissions());
 }
 
 TEST(PairedDeviceStore, KeepsDevicesAcrossRestartsInAnOwnerOnlyFile) {
@@ -54,7 +98,7 @@ TEST(PairedDeviceStore, KeepsDevicesAcrossRestartsInAnOwnerOnlyFile) {
   EXPECT_EQ(PairedDeviceStore(file).all(), std::vector{again});
 
   // A folder that was there keeps its mode; writers at the same time never write into one file.
-  ::chmod(dir.path().c_str(), 0755);
+  std::filesystem::permissions(dir.path(), std::filesystem::perms(0755));
   std::atomic<int> failures = 0;
   const auto write = [&](std::uint8_t n) {
     for (int i = 0; i < 50; ++i) {
