@@ -94,9 +94,13 @@ struct Device {
     const std::string listed = run({"hosts"}).output;
     return listed.substr(0, listed.find(' '));
   }
-  // Connects to that host at `address` for `seconds`.
-  std::vector<std::string> connect(const std::string& address, const std::string& seconds) const {
-    return {"connect", host(), "--address", address, "--seconds", seconds};
+  // Connects to that host at `address` for `seconds`, with `options` of the connect command.
+  std::vector<std::string> connect(const std::string& address, const std::string& seconds,
+                                   const std::vector<std::string>& options = {}) const {
+    std::vector<std::string> command = {"connect", host(), "--address", address, "--seconds",
+                                        seconds};
+    command.insert(command.end(), options.begin(), options.end());
+    return command;
   }
 };
 
@@ -185,9 +189,8 @@ TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   painter.fill(0x20b040, 400, 300, 400, 300);
   InputRecorder window(host.display());
   const fs::path frame = ann.home.path() / "frame.png";
-  auto command = ann.connect(host.address(), "3");
-  command.insert(command.end(), {"--save-frame", frame.string(), "--type", "hello, tovu"});
-  const auto streamed = ann.run(command);
+  const auto streamed = ann.run(
+      ann.connect(host.address(), "3", {"--save-frame", frame.string(), "--type", "hello, tovu"}));
   ASSERT_TRUE(streamed.succeeded()) << streamed.output;
   EXPECT_NE(streamed.output.find("profile HEVC"), std::string::npos) << streamed.output;
   const auto topLeft = colourAt(frame, 200, 150), bottomRight = colourAt(frame, 600, 450);
@@ -297,9 +300,7 @@ TEST(EndToEnd, TheHostsSoundIsHeardOnTheDeviceAndAHostKilledInPhoneOnlyModeGives
   const auto player = sound.play(writeToneWAV(state.path(), 60, 1000, 0.25));
 
   const fs::path heard = ann.home.path() / "heard.wav";
-  auto command = ann.connect(host.address(), "4");
-  command.insert(command.end(), {"--audio-out", heard.string()});
-  const auto listened = ann.run(command);
+  const auto listened = ann.run(ann.connect(host.address(), "4", {"--audio-out", heard.string()}));
   ASSERT_TRUE(listened.succeeded()) << listened.output;
   EXPECT_NE(listened.output.find("Audio playing"), std::string::npos) << listened.output;
   EXPECT_NE(listened.output.find(" 0 decode errors"), std::string::npos) << listened.output;
@@ -313,12 +314,7 @@ TEST(EndToEnd, TheHostsSoundIsHeardOnTheDeviceAndAHostKilledInPhoneOnlyModeGives
   // dies then leaves it so until the next one starts.
   const fs::path log = ann.home.path() / "phone-only.log";
   auto listening = ann.start(
-      [&] {
-        auto phoneOnly = ann.connect(host.address(), "30");
-        phoneOnly.insert(phoneOnly.end(), {"--phone-only", "--audio-out", "/dev/null"});
-        return phoneOnly;
-      }(),
-      log);
+      ann.connect(host.address(), "30", {"--phone-only", "--audio-out", "/dev/null"}), log);
   ASSERT_TRUE(waitFor(log, "Audio playing", 1, 30s)) << readFile(log) << readFile(host.log());
   EXPECT_EQ(sound.defaultSink(), "tovu_host_audio");
   host.crash();

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstddef>
 #include <numbers>
 #include <random>
@@ -85,10 +86,10 @@ inline std::vector<float> tonesInNoise(double seconds) {
   const double noiseAmplitude = amplitudeOf(-40) * std::sqrt(3.0);  // so that its RMS is -40 dBFS
   return synthesize(seconds, kStreamRate, 2, [&](double t, int channel) {
     const double shift = channel == 0 ? 1.0 : 1.25;
-    return amplitudeOf(-12) * std::sin(2 * std::numbers::pi * 440 * shift * t) +
-           amplitudeOf(-18) * std::sin(2 * std::numbers::pi * 1250 * shift * t) +
-           amplitudeOf(-24) * std::sin(2 * std::numbers::pi * 5200 * shift * t) +
-           noiseAmplitude * noise(random);
+    double sum = noiseAmplitude * noise(random);
+    for (const auto& [hz, dBFS] : {std::pair{440.0, -12.0}, {1250.0, -18.0}, {5200.0, -24.0}})
+      sum += amplitudeOf(dBFS) * std::sin(2 * std::numbers::pi * hz * shift * t);
+    return sum;
   });
 }
 
@@ -129,6 +130,14 @@ inline double toneLevel(std::span<const float> samples) {
   double sum = 0;
   for (const float sample : samples) sum += double(sample) * sample;
   return 20 * std::log10(std::sqrt(2 * sum / double(samples.size())));
+}
+
+// The level in dBFS of the part of `samples` at `frequency`, as `toneLevel` gives a lone tone's.
+inline double levelAt(std::span<const float> samples, double frequency, int rate = kStreamRate) {
+  std::complex<double> sum;
+  for (std::size_t i = 0; i < samples.size(); ++i)
+    sum += double(samples[i]) * std::polar(1.0, -2 * std::numbers::pi * frequency * double(i) / rate);
+  return 20 * std::log10(2 * std::abs(sum) / double(samples.size()));
 }
 
 // The frequency of a steady tone from its rising zero crossings, placed between samples.

@@ -8,13 +8,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <numbers>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <numbers>
 #include <optional>
 #include <string>
 #include <thread>
@@ -45,25 +44,23 @@ inline std::filesystem::path writeToneWAV(const std::filesystem::path& folder, d
     const auto value = static_cast<std::int16_t>(std::lround(amplitude * 32767 * std::sin(phase)));
     samples.insert(samples.end(), {value, value});
   }
+  const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(std::int16_t));
+  const struct {
+    char riff[4]{'R', 'I', 'F', 'F'};
+    std::uint32_t size;
+    char format[8]{'W', 'A', 'V', 'E', 'f', 'm', 't', ' '};
+    std::uint32_t formatSize = 16;
+    std::uint16_t pcm = 1, channels = 2;
+    std::uint32_t rate = kRate, bytesPerSecond = kRate * 4;
+    std::uint16_t bytesPerFrame = 4, bits = 16;
+    char data[4]{'d', 'a', 't', 'a'};
+    std::uint32_t dataSize;
+  } header{.size = 36 + bytes, .dataSize = bytes};
+  static_assert(sizeof header == 44);
   const auto path = folder / ("tone-" + std::to_string(int(hz)) + "-" +
                               std::to_string(int(seconds * 1000)) + "ms.wav");
   std::ofstream out(path, std::ios::binary);
-  const auto put = [&](auto value) {
-    out.write(reinterpret_cast<const char*>(&value), sizeof value);
-  };
-  const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(std::int16_t));
-  out << "RIFF";
-  put(36 + bytes);
-  out << "WAVEfmt ";
-  put(std::uint32_t{16});
-  put(std::uint16_t{1});  // PCM
-  put(std::uint16_t{2});
-  put(kRate);
-  put(kRate * 4);
-  put(std::uint16_t{4});
-  put(std::uint16_t{16});
-  out << "data";
-  put(bytes);
+  out.write(reinterpret_cast<const char*>(&header), sizeof header);
   out.write(reinterpret_cast<const char*>(samples.data()), bytes);
   return path;
 }
@@ -97,20 +94,26 @@ class PulseAudioServer {
 
   // Starts the server anew, on the same socket, as when the user's sound server comes back.
   void startServer() {
+    const auto log = directory_ / "pulseaudio.log";
     server_ = std::make_unique<ChildProcess>(
         std::vector<std::string>{"env", home(), "XDG_RUNTIME_DIR=" + directory_.path().string(),
                                  "pulseaudio", "-n", "-F", (directory_ / "pa.pa").string(),
                                  "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes"},
-        directory_ / "pulseaudio.log");
+        log);
     reason_.clear();
     if (!eventually([&] { return !server_->running() || pactl({"info"}).succeeded(); })) {
       reason_ = "PulseAudio did not answer within 5 s";
     } else if (!server_->running()) {
-      std::ifstream log(directory_ / "pulseaudio.log");
-      reason_ =
-          "PulseAudio could not start: " + std::string(std::istreambuf_iterator<char>(log), {});
+      std::ifstream in(log);
+      reason_ = "PulseAudio could not start: " + std::string(std::istreambuf_iterator<char>(in), {});
     }
     if (!reason_.empty()) server_.reset();
+  }
+
+  // Kills the server, as when the user's sound server crashes.
+  void killServer() {
+    if (server_) ::kill(server_->pid(), SIGKILL);
+    server_.reset();
   }
 
   bool available() const { return server_ != nullptr; }
@@ -118,25 +121,18 @@ class PulseAudioServer {
   // For PULSE_SERVER and the capture's options.
   std::string address() const { return "unix:" + socket(); }
   const std::filesystem::path& directory() const { return directory_.path(); }
-  // Kills the server, as when the user's sound server crashes.
-  void killServer() {
-    if (server_) ::kill(server_->pid(), SIGKILL);
-    server_.reset();
-  }
 
   CommandResult pactl(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> command{"env", home(), "PULSE_SERVER=" + address(), "pactl"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return runCommand(command);
+    return runCommand(client("pactl", arguments));
   }
 
   // Plays a file until it ends or the object goes; `device` empty: to the default output.
   std::unique_ptr<ChildProcess> play(const std::filesystem::path& file,
                                      const std::string& device = {}) const {
-    std::vector<std::string> command{"env", home(), "PULSE_SERVER=" + address(), "paplay"};
-    if (!device.empty()) command.push_back("--device=" + device);
-    command.push_back(file.string());
-    return std::make_unique<ChildProcess>(command, directory_ / ("paplay-" + device + ".log"));
+    std::vector<std::string> arguments{file.string()};
+    if (!device.empty()) arguments.insert(arguments.begin(), "--device=" + device);
+    return std::make_unique<ChildProcess>(client("paplay", arguments),
+                                          directory_ / ("paplay-" + device + ".log"));
   }
 
   std::string defaultSink() const {
@@ -145,23 +141,20 @@ class PulseAudioServer {
     return name;
   }
 
-  // The outputs, by index.
-  std::map<std::uint32_t, std::string> sinks() const {
-    std::map<std::uint32_t, std::string> names;
-    for (const auto& sink : listed("sinks")) {
-      names[sink["index"].get<std::uint32_t>()] = sink["name"].get<std::string>();
-    }
+  // The names of the outputs.
+  std::vector<std::string> sinks() const {
+    std::vector<std::string> names;
+    for (const auto& sink : listed("sinks")) names.push_back(sink["name"]);
     return names;
   }
 
   // The output that the sound a process plays goes to, if it plays one.
   std::optional<std::string> sinkOf(pid_t player) const {
-    const auto names = sinks();
     for (const auto& stream : listed("sink-inputs")) {
-      const auto& properties = stream["properties"];
-      if (properties.value("application.process.id", "") != std::to_string(player)) continue;
-      const auto sink = names.find(stream["sink"].get<std::uint32_t>());
-      if (sink != names.end()) return sink->second;
+      if (stream["properties"].value("application.process.id", "") != std::to_string(player))
+        continue;
+      for (const auto& sink : listed("sinks"))
+        if (sink["index"] == stream["sink"]) return sink["name"];
     }
     return std::nullopt;
   }
@@ -170,6 +163,13 @@ class PulseAudioServer {
   std::string socket() const { return (directory_ / "sock").string(); }
   // Clients keep their cookies and settings in the test's folder, not the user's.
   std::string home() const { return "HOME=" + directory_.path().string(); }
+
+  std::vector<std::string> client(const std::string& program,
+                                  const std::vector<std::string>& arguments) const {
+    std::vector<std::string> command{"env", home(), "PULSE_SERVER=" + address(), program};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+  }
 
   nlohmann::json listed(const std::string& what) const {
     auto list =
