@@ -44,7 +44,8 @@ class PulseAudioOutput : public AudioOutput {
       std::lock_guard guard(lock_);
       waiting_.insert(waiting_.end(), samples.begin(), samples.end());
       if (waiting_.size() > bound_) {
-        waiting_.erase(waiting_.begin(), waiting_.begin() + std::ptrdiff_t(waiting_.size() - bound_));
+        waiting_.erase(waiting_.begin(),
+                       waiting_.begin() + std::ptrdiff_t(waiting_.size() - bound_));
       }
     }
     wake_.notify_one();

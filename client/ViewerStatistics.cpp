@@ -26,7 +26,8 @@ std::string statusLine(int second, const SecondOfVideo& figures,
   }
   if (audio) {
     line += formatted("  audio %3u packets  %u errors", audio->packets, audio->decodeErrors);
-    if (audio->captureToPlayMs) line += formatted("  capture to play %5.1f ms", *audio->captureToPlayMs);
+    if (audio->captureToPlayMs)
+      line += formatted("  capture to play %5.1f ms", *audio->captureToPlayMs);
   }
   return line;
 }

@@ -55,8 +55,8 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
 AppModel::Dependencies HostComposition::dependencies() const {
   AppModel::Dependencies deps;
   deps.listenerFactory = [pool = executors_.pool, name = options_.hostName,
-                          advertise = options_.advertise](
-                             const HostSecurity& security, std::optional<std::uint16_t> port) {
+                          advertise = options_.advertise](const HostSecurity& security,
+                                                          std::optional<std::uint16_t> port) {
     QUICHostListener::Options listenerOptions;
     listenerOptions.hostName = name;
     listenerOptions.hostID = security.service->hostID();

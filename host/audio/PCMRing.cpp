@@ -37,8 +37,9 @@ void PCMRing::write(std::size_t frames, std::uint64_t hostTimeNs, SampleAt sampl
 
 void PCMRing::writeInterleaved(std::span<const float> samples, std::uint64_t hostTimeNs) {
   const auto channels = static_cast<std::size_t>(channels_);
-  write(samples.size() / channels, hostTimeNs,
-        [&](std::size_t frame, std::size_t channel) { return samples[frame * channels + channel]; });
+  write(samples.size() / channels, hostTimeNs, [&](std::size_t frame, std::size_t channel) {
+    return samples[frame * channels + channel];
+  });
 }
 
 void PCMRing::writePlanar(std::span<const float* const> planes, std::size_t frames,
@@ -59,10 +60,11 @@ std::optional<PCMRing::Batch> PCMRing::drain() {
   const auto begin = storage_.begin() + static_cast<std::ptrdiff_t>(head_ * channels);
   batch.samples.insert(batch.samples.end(), begin,
                        begin + static_cast<std::ptrdiff_t>(firstPiece * channels));
-  batch.samples.insert(batch.samples.end(), storage_.begin(),
-                       storage_.begin() + static_cast<std::ptrdiff_t>((count_ - firstPiece) * channels));
+  batch.samples.insert(
+      batch.samples.end(), storage_.begin(),
+      storage_.begin() + static_cast<std::ptrdiff_t>((count_ - firstPiece) * channels));
   batch.timeNs = *anchorNs_ + static_cast<std::uint64_t>(static_cast<double>(framesRead_) /
-                                                          sampleRate_ * 1'000'000'000.0);
+                                                         sampleRate_ * 1'000'000'000.0);
   framesRead_ += count_;
   head_ = (head_ + count_) % capacity;
   count_ = 0;

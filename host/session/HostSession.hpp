@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "host/audio/AudioPipeline.hpp"
-#include "kit/crypto/AuthCrypto.hpp"
 #include "host/session/HostEnvironment.hpp"
 #include "host/session/SessionStatus.hpp"
 #include "host/video/BitrateController.hpp"
 #include "host/video/VideoPipeline.hpp"
 #include "host/video/VideoSink.hpp"
 #include "kit/async/Task.hpp"
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/log/Logger.hpp"
 #include "kit/security/AuthGate.hpp"
 #include "kit/transport/Connection.hpp"

@@ -49,9 +49,8 @@ void HostSession::setAudio(AudioMode mode) {
   // Not one of the session's cancellable tasks: a start under way must always come back here to
   // be kept or stopped.
   asio::co_spawn(
-      strand_, [self = shared_from_this(), mode, generation] {
-        return self->startAudio(mode, generation);
-      },
+      strand_,
+      [self = shared_from_this(), mode, generation] { return self->startAudio(mode, generation); },
       asio::detached);
 }
 
@@ -86,16 +85,15 @@ std::shared_ptr<AudioPipeline> HostSession::makeAudioPipeline(AudioMode mode,
       }
     });
   };
-  AudioSink sink{
-      [onStrand](const AudioStreamConfig& config) {
-        onStrand([config](HostSession& self) {
-          self.connection_->send(msg::audioConfig{config.sampleRate, config.channels,
-                                                  config.codec, config.magicCookie});
-        });
-      },
-      [connection = connection_](const AudioPacket& packet) {
-        return connection->sendAudio(packet);
-      }};
+  AudioSink sink{[onStrand](const AudioStreamConfig& config) {
+                   onStrand([config](HostSession& self) {
+                     self.connection_->send(msg::audioConfig{config.sampleRate, config.channels,
+                                                             config.codec, config.magicCookie});
+                   });
+                 },
+                 [connection = connection_](const AudioPacket& packet) {
+                   return connection->sendAudio(packet);
+                 }};
   const auto onFailure = [onStrand](const std::string& text) {
     onStrand([text](HostSession& self) {
       if (self.audioPipeline_) self.audioFailed(AudioCaptureError::failed(text));

@@ -97,8 +97,8 @@ struct Device {
   // Connects to that host at `address` for `seconds`, with `options` of the connect command.
   std::vector<std::string> connect(const std::string& address, const std::string& seconds,
                                    const std::vector<std::string>& options = {}) const {
-    std::vector<std::string> command = {"connect", host(), "--address", address, "--seconds",
-                                        seconds};
+    std::vector<std::string> command = {"connect", host(),      "--address",
+                                        address,   "--seconds", seconds};
     command.insert(command.end(), options.begin(), options.end());
     return command;
   }

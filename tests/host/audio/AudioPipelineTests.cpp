@@ -38,9 +38,8 @@ TEST(AudioPipeline, StampsPacketsOnAGridFromTheFirstSampleAndARefusalLeavesAGap)
                          taken.push_back(packet.ptsMicros);
                          return true;
                        }};
-  const auto pipeline =
-      std::make_shared<AudioPipeline>(AudioMode::phoneOnly, capture,
-                                      std::make_shared<AACELDEncoderFactory>(), sink, nullptr);
+  const auto pipeline = std::make_shared<AudioPipeline>(
+      AudioMode::phoneOnly, capture, std::make_shared<AACELDEncoderFactory>(), sink, nullptr);
   pipeline->start();
   EXPECT_TRUE(capture->muted);
   ASSERT_TRUE(config);
