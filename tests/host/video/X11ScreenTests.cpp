@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <exception>
+#include <functional>
 #include <limits>
 
 #include "host/video/ChangeBroadcaster.hpp"
@@ -185,6 +187,20 @@ class X11CaptureSourceTest : public testing::Test {
     painter->fill(kWhite, 640, 360, 640, 360);
   }
 
+  // Runs `body` on an io_context of its own; the source goes before its io_context does.
+  void run(const std::function<asio::awaitable<void>(asio::io_context&)>& body) {
+    runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+      std::exception_ptr failure;
+      try {
+        co_await body(io);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+      source.reset();
+      if (failure) std::rethrow_exception(failure);
+    });
+  }
+
   asio::awaitable<void> open(asio::io_context& io) {
     RandrDisplayManager manager(io.get_executor(), display.name());
     displays = co_await manager.displays();
@@ -232,7 +248,7 @@ class X11CaptureSourceTest : public testing::Test {
 // output size and with its pixels, from when it is in force. Geometry from the network that is no
 // rectangle is refused, and the capture goes on as it was; a nonsensical viewport is clamped.
 TEST_F(X11CaptureSourceTest, CapturesTheScreenScaledOrARegionEachFrameTaggedWithItsRectangle) {
-  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+  run([&](asio::io_context& io) -> asio::awaitable<void> {
     co_await open(io);
     const DisplayInfo main = displays.front();
     const std::uint64_t before = monotonicRawNs();
@@ -306,7 +322,7 @@ TEST_F(X11CaptureSourceTest, CapturesTheScreenScaledOrARegionEachFrameTaggedWith
 // nothing at all after a stop. A display that is not there is refused at the start; the server
 // going away stops the capture once, and an update then says why it cannot start again.
 TEST_F(X11CaptureSourceTest, CapturesChangesOnlyAndStopsOnceWhenTheServerGoes) {
-  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+  run([&](asio::io_context& io) -> asio::awaitable<void> {
     co_await open(io);
     const DisplayInfo main = displays.front();
     co_await start(main, 640, 360);
@@ -362,7 +378,7 @@ TEST_F(X11CaptureSourceTest, CapturesChangesOnlyAndStopsOnceWhenTheServerGoes) {
 // the update, and the capture stays where it was.
 TEST_F(X11CaptureSourceTest, FollowsDisplaysAndRefusesOneThatVanished) {
   ASSERT_TRUE(painter->setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true));
-  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+  run([&](asio::io_context& io) -> asio::awaitable<void> {
     co_await open(io);
     CO_ASSERT_TRUE(displays.size() == 2 && displays.front().name == "TOVU-RIGHT");
     const DisplayInfo right = displays[0];
