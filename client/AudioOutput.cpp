@@ -93,14 +93,14 @@ void putLE(std::ofstream& out, std::uint32_t value, int bytes) {
 }  // namespace
 
 std::unique_ptr<AudioOutput> openPulseAudioOutput(std::uint32_t sampleRate, int channels) {
-  const pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, sampleRate, std::uint8_t(channels)};
+  const pa_sample_spec format{PA_SAMPLE_FLOAT32NE, sampleRate, std::uint8_t(channels)};
   // About 40 ms in the server: enough against the network's jitter, little added delay.
-  const std::uint32_t target = std::uint32_t(pa_usec_to_bytes(40'000, &spec));
+  const std::uint32_t target = std::uint32_t(pa_usec_to_bytes(40'000, &format));
   const std::uint32_t unset = std::numeric_limits<std::uint32_t>::max();
   const pa_buffer_attr attributes{unset, target, unset, unset, unset};
   int error = 0;
   pa_simple* stream = pa_simple_new(nullptr, "tovu-client", PA_STREAM_PLAYBACK, nullptr,
-                                    "sound of the host", &spec, nullptr, &attributes, &error);
+                                    "sound of the host", &format, nullptr, &attributes, &error);
   if (!stream) throw FlowError(std::string("cannot play sound: ") + pa_strerror(error));
   return std::make_unique<PulseAudioOutput>(stream, sampleRate, channels);
 }

@@ -12,10 +12,8 @@ constexpr const char* kTakenOver = "Another device is using the computer's audio
 constexpr const char* kPermissionMissing =
     "Allow Tovu Host to record the computer's sound on the sound server";
 
-// Starts `pipeline` where blocking is allowed; the failure, or nothing.
-asio::awaitable<std::optional<AudioCaptureError>> startOn(Executor executor,
-                                                          std::shared_ptr<AudioPipeline> pipeline) {
-  co_await asio::post(executor, asio::use_awaitable);
+// Starts `pipeline`, on whatever executor runs it; the failure, or nothing.
+asio::awaitable<std::optional<AudioCaptureError>> start(std::shared_ptr<AudioPipeline> pipeline) {
   try {
     pipeline->start();
   } catch (const AudioCaptureError& error) {
@@ -57,8 +55,7 @@ void HostSession::setAudio(AudioMode mode) {
 asio::awaitable<void> HostSession::startAudio(AudioMode mode, std::int64_t generation) {
   auto pipeline = makeAudioPipeline(mode, generation);
   const Executor background = env_.background ? env_.background : strand_;
-  const auto failure =
-      co_await asio::co_spawn(background, startOn(background, pipeline), asio::use_awaitable);
+  const auto failure = co_await asio::co_spawn(background, start(pipeline), asio::use_awaitable);
   if (generation != audioGeneration_ || status_.phase == SessionStatus::Phase::ended) {
     pipeline->stop();
     co_return;
