@@ -49,6 +49,27 @@ void PCMRing::writePlanar(std::span<const float* const> planes, std::size_t fram
         [&](std::size_t frame, std::size_t channel) { return planes[channel][frame]; });
 }
 
+void PCMRing::writeSilence(std::size_t frames, std::uint64_t hostTimeNs) {
+  write(frames, hostTimeNs, [](std::size_t, std::size_t) { return 0.0f; });
+}
+
+void PCMRing::fillGapBefore(std::uint64_t hostTimeNs, std::uint64_t toleranceNs) {
+  std::uint64_t endNs = 0;
+  {
+    std::lock_guard guard(lock_);
+    if (!anchorNs_) return;
+    endNs = timeOfFrameNs(framesRead_ + count_);
+  }
+  if (hostTimeNs <= endNs + toleranceNs) return;
+  const double gapFrames = static_cast<double>(hostTimeNs - endNs) / 1e9 * sampleRate_;
+  writeSilence(static_cast<std::size_t>(gapFrames + 0.5), endNs);
+}
+
+std::uint64_t PCMRing::timeOfFrameNs(std::uint64_t frame) const {
+  return *anchorNs_ +
+         static_cast<std::uint64_t>(static_cast<double>(frame) / sampleRate_ * 1'000'000'000.0);
+}
+
 std::optional<PCMRing::Batch> PCMRing::drain() {
   const auto capacity = static_cast<std::size_t>(capacity_);
   const auto channels = static_cast<std::size_t>(channels_);
@@ -63,8 +84,7 @@ std::optional<PCMRing::Batch> PCMRing::drain() {
   batch.samples.insert(
       batch.samples.end(), storage_.begin(),
       storage_.begin() + static_cast<std::ptrdiff_t>((count_ - firstPiece) * channels));
-  batch.timeNs = *anchorNs_ + static_cast<std::uint64_t>(static_cast<double>(framesRead_) /
-                                                         sampleRate_ * 1'000'000'000.0);
+  batch.timeNs = timeOfFrameNs(framesRead_);
   framesRead_ += count_;
   head_ = (head_ + count_) % capacity;
   count_ = 0;

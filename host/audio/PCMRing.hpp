@@ -30,12 +30,19 @@ class PCMRing {
   void writePlanar(std::span<const float* const> planes, std::size_t frames,
                    std::uint64_t hostTimeNs);
 
+  // Silence in place of `frames` that the source reports lost.
+  void writeSilence(std::size_t frames, std::uint64_t hostTimeNs);
+  // Silence up to `hostTimeNs` when the stream's position has fallen more than `toleranceNs`
+  // behind it: a source that delivered nothing for a while keeps its stream on the clock.
+  void fillGapBefore(std::uint64_t hostTimeNs, std::uint64_t toleranceNs);
+
   // Everything held, oldest first, or nothing when empty.
   std::optional<Batch> drain();
 
  private:
   template <typename SampleAt>
   void write(std::size_t frames, std::uint64_t hostTimeNs, SampleAt sampleAt);
+  std::uint64_t timeOfFrameNs(std::uint64_t frame) const;
 
   const int channels_;
   const int capacity_;

@@ -25,6 +25,10 @@ const Logger& log() {
 
 constexpr auto kDrainPeriod = std::chrono::milliseconds(10);
 constexpr pa_usec_t kFragmentMicros = 10'000;
+// An output that lowers its latency for the recording stops mixing for up to its old latency (a
+// null sink's is 2 s): nothing arrives, and that stretch is silence on the stream's clock. A late
+// wake of our own thread must stay well within this.
+constexpr std::uint64_t kLongestUnnoticedStallNs = 100'000'000;
 
 // The clock of the video frames' capture times (monotonic, never slewed), so that sound and
 // picture stamped on one host line up.
@@ -34,14 +38,15 @@ std::uint64_t nowNs() {
   return std::uint64_t(now.tv_sec) * 1'000'000'000u + std::uint64_t(now.tv_nsec);
 }
 
-// When the first frame now readable was recorded: the stream's latency ago. The latency is
-// interpolated from the last timing update, so asking costs no round trip.
-std::uint64_t recordedAtNs(pa_stream* stream) {
+// When the first frame of the fragment in hand was recorded. A monitor hands over each fragment
+// as soon as its output has mixed it, which is before anyone hears it: a fragment read on time was
+// recorded now, and one read late is older by what arrived after it. (The server's own latency
+// estimate goes stale exactly when it would matter, while the output stalls.)
+std::uint64_t recordedAtNs(pa_stream* stream, std::size_t fragmentBytes) {
   const std::uint64_t now = nowNs();
-  pa_usec_t latency = 0;
-  int negative = 0;
-  if (pa_stream_get_latency(stream, &latency, &negative) != 0 || negative) return now;
-  return now - std::min<std::uint64_t>(now, latency * 1000);
+  const std::size_t after = pa_stream_readable_size(stream) - fragmentBytes;
+  const pa_usec_t late = pa_bytes_to_usec(after, pa_stream_get_sample_spec(stream));
+  return now - std::min<std::uint64_t>(now, late * 1000);
 }
 
 PulseSink defaultOutput(PulseConnection& pulse) {
@@ -107,9 +112,7 @@ MonitorRecording::MonitorRecording(PulseConnection& pulse, const std::string& so
       .fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(kFragmentMicros, &samples))};
   // Should the output go away, the server must not move this stream elsewhere, which might be a
   // microphone: the capture ends instead.
-  const auto flags =
-      static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE |
-                                     PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
+  const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
   const bool connected =
       pa_stream_connect_record(stream_, source.c_str(), &buffer, flags) == 0 &&
       pulse_.waitUntil([this] { return pa_stream_get_state(stream_) != PA_STREAM_CREATING; });
@@ -134,10 +137,15 @@ void MonitorRecording::readable(pa_stream* stream, std::size_t, void* data) {
   const void* bytes = nullptr;
   std::size_t size = 0;
   while (pa_stream_peek(stream, &bytes, &size) == 0 && size > 0) {
-    // No bytes for a size is a hole in the stream, which is skipped.
+    const std::uint64_t recordedAt = recordedAtNs(stream, size);
+    self.ring_.fillGapBefore(recordedAt, kLongestUnnoticedStallNs);
+    // No bytes for a size is a hole in the stream.
     if (bytes) {
       self.ring_.writeInterleaved({static_cast<const float*>(bytes), size / sizeof(float)},
-                                  recordedAtNs(stream));
+                                  recordedAt);
+    } else {
+      self.ring_.writeSilence(size / sizeof(float) / std::size_t(self.ring_.channels()),
+                              recordedAt);
     }
     pa_stream_drop(stream);
   }

@@ -41,6 +41,18 @@ TEST(PCMRing, KeepsTheNewestSoundAndStampsItByItsPositionInTheStream) {
   ASSERT_TRUE(batch);
   EXPECT_EQ(batch->samples, stereoFrames(12, 4));
   EXPECT_EQ(batch->timeNs, kAnchor + (6 + 2) * kFrameNs);
+
+  // Twelve frames in, the stream stands at 3 s. A source that stalled half a second fills its gap
+  // with silence; a late wake within the tolerance does not.
+  const std::uint64_t end = kAnchor + 12 * kFrameNs;
+  ring.fillGapBefore(end + 2 * kFrameNs - 1, 2 * kFrameNs);
+  EXPECT_FALSE(ring.drain());
+  ring.fillGapBefore(end + 2 * kFrameNs, kFrameNs / 2);
+  ring.writeInterleaved(stereoFrames(20, 1), 0);
+  batch = ring.drain();
+  ASSERT_TRUE(batch);
+  EXPECT_EQ(batch->samples, (std::vector<float>{0, 0, 0, 0, 20, -20}));
+  EXPECT_EQ(batch->timeNs, end);
 }
 
 TEST(PCMRing, TheFirstDrainIsAtTheAnchorAndWrapsCopyBothPiecesInOrder) {
