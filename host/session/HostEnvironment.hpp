@@ -10,12 +10,15 @@
 #include "host/audio/AudioCapturing.hpp"
 #include "host/audio/AudioEncoding.hpp"
 #include "host/audio/AudioTapArbiter.hpp"
+#include "host/desktop/PasteboardProviding.hpp"
 #include "host/input/ClickRecord.hpp"
 #include "host/input/InputInjector.hpp"
 #include "host/session/PowerManaging.hpp"
 #include "host/video/CaptureSource.hpp"
+#include "host/video/CursorSource.hpp"
 #include "host/video/DisplayProviding.hpp"
 #include "host/video/EncoderFactory.hpp"
+#include "host/video/ThumbnailProviding.hpp"
 #include "kit/async/Task.hpp"
 #include "kit/relay/RelayProvision.hpp"
 #include "kit/wire/Bytes.hpp"
@@ -49,6 +52,18 @@ struct HostEnvironment {
   std::shared_ptr<const AudioEncoderFactory> audioEncoders =
       std::make_shared<AACELDEncoderFactory>();
   std::shared_ptr<AudioTapArbiter> audioArbiter = std::make_shared<AudioTapArbiter>();
+  // The pointer's image, looked at for its shape and, more often, for where the pointer is; and
+  // after each of the client's pointer events, at most this often.
+  std::shared_ptr<CursorSource> cursorSource;
+  std::chrono::duration<double> cursorShapePollInterval{1.0 / 30};
+  std::chrono::duration<double> cursorPollInterval{1.0 / 60};
+  std::chrono::duration<double> cursorInputInterval{1.0 / 120};
+  // The clipboard, one for the process; without it the session keeps no clipboard in step.
+  std::shared_ptr<PasteboardProviding> pasteboard;
+  std::chrono::duration<double> clipboardPollInterval{0.5};
+  // Pictures of the displays not streamed, for the device's picker; none without a provider.
+  std::shared_ptr<ThumbnailProviding> thumbnails;
+  std::chrono::duration<double> thumbnailInterval{1.0};
   // Where a session's blocking work runs (connecting to the sound server); its own strand when
   // empty.
   Executor background;

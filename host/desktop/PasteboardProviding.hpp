@@ -1,0 +1,26 @@
+#pragma once
+
+#include <asio/awaitable.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kelvaron::host {
+
+// The computer's clipboard as a session keeps it in step with the device. One for the process,
+// shared by every session: what a session wrote stays on the clipboard after it ends, until
+// somebody else copies something.
+class PasteboardProviding {
+ public:
+  virtual ~PasteboardProviding() = default;
+  // Moves on with every change of the clipboard's owner or content, ours included; a write has
+  // moved it by the time it returns. Cheap: no round trip.
+  virtual std::int64_t changeCount() = 0;
+  // The clipboard's text as UTF-8; nothing when it holds none, the owner does not answer in
+  // time, or what it gives is not text. Does its work off the caller's executor.
+  virtual asio::awaitable<std::optional<std::string>> string() = 0;
+  // Clears the clipboard and puts `text` on it, owned by this process.
+  virtual asio::awaitable<void> writeString(std::string text) = 0;
+};
+
+}  // namespace kelvaron::host
