@@ -2,11 +2,14 @@
 
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
+#include <asio/post.hpp>
 #include <cmath>
+#include <fstream>
 #include <functional>
 #include <ostream>
 
 #include "client/Flow.hpp"
+#include "client/LocalClipboard.hpp"
 #include "kit/async/Task.hpp"
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
@@ -18,6 +21,9 @@ Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, st
     : connection_(std::move(connection)), options_(std::move(options)), out_(out), since_(since) {}
 
 asio::awaitable<void> Viewer::run() {
+  for (const auto& folder : {options_.saveCursor, options_.saveThumbnails}) {
+    if (!folder.empty()) std::filesystem::create_directories(folder);
+  }
   const auto executor = co_await asio::this_coro::executor;
   // The readers keep the viewer alive: they may wake once more after it has closed.
   asio::co_spawn(
@@ -26,6 +32,10 @@ asio::awaitable<void> Viewer::run() {
       executor, [self = shared_from_this()] { return self->readVideo(); }, asio::detached);
   asio::co_spawn(
       executor, [self = shared_from_this()] { return self->readAudio(); }, asio::detached);
+  if (options_.clipboard) {
+    asio::co_spawn(
+        executor, [self = shared_from_this()] { return self->mirrorClipboard(); }, asio::detached);
+  }
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
   int second = 0;
   while (Clock::now() < end && !ended_) {
@@ -42,6 +52,7 @@ asio::awaitable<void> Viewer::readMessages() {
       out_ << "Connected to " << ack->hostName << "; profile " << profileLabel(ack->profile)
            << std::endl;
       if (options_.audio) connection_->send(msg::setAudio{*options_.audio});
+      if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
       refusal_ = reject->reason;
       ended_ = true;
@@ -54,6 +65,14 @@ asio::awaitable<void> Viewer::readMessages() {
       startAudio(*config);
     } else if (const auto* audio = std::get_if<msg::audioStatus>(&*message)) {
       showAudioStatus(*audio);
+    } else if (const auto* state = std::get_if<msg::cursorState>(&*message)) {
+      cursorState(*state);
+    } else if (const auto* shape = std::get_if<msg::cursorShape>(&*message)) {
+      cursorShape(*shape);
+    } else if (const auto* picture = std::get_if<msg::thumbnail>(&*message)) {
+      thumbnail(*picture);
+    } else if (const auto* clipboard = std::get_if<msg::clipboardText>(&*message)) {
+      clipboardFromHost(clipboard->text);
     } else if (const auto* replaced = std::get_if<msg::sessionReplaced>(&*message)) {
       out_ << "Replaced by " << replaced->byDeviceName << std::endl;
       ended_ = true;
@@ -117,6 +136,64 @@ asio::awaitable<void> Viewer::readAudio() {
   }
 }
 
+void Viewer::cursorState(const msg::cursorState& state) {
+  cursorStatistics_.position();
+  if (options_.saveCursor.empty()) return;
+  std::ofstream(options_.saveCursor / "cursor.log", std::ios::app)
+      << "state " << state.seq << " " << state.displayID << " " << state.x << " " << state.y << " "
+      << (state.visible ? "visible" : "hidden") << " " << state.shapeID << std::endl;
+}
+
+void Viewer::cursorShape(const msg::cursorShape& shape) {
+  cursorStatistics_.shape();
+  if (options_.saveCursor.empty()) return;
+  const auto file = options_.saveCursor / ("cursor-" + std::to_string(shape.shapeID) + ".png");
+  std::ofstream(file, std::ios::binary)
+      .write(reinterpret_cast<const char*>(shape.png.data()), std::streamsize(shape.png.size()));
+  std::ofstream(options_.saveCursor / "cursor.log", std::ios::app)
+      << "shape " << shape.shapeID << " " << shape.hotspotX << " " << shape.hotspotY << " "
+      << shape.pointSize << std::endl;
+}
+
+void Viewer::thumbnail(const msg::thumbnail& picture) {
+  ++thumbnails_;
+  if (options_.saveThumbnails.empty()) return;
+  const auto file = options_.saveThumbnails / ("display-" + std::to_string(picture.displayID) +
+                                               "-" + std::to_string(thumbnails_) + ".jpg");
+  std::ofstream(file, std::ios::binary)
+      .write(reinterpret_cast<const char*>(picture.jpeg.data()),
+             std::streamsize(picture.jpeg.size()));
+}
+
+void Viewer::clipboardFromHost(const std::string& text) {
+  out_ << "Clipboard from the host: " << text.size() << " bytes" << std::endl;
+  if (!options_.clipboard) return;
+  // On the clipboard thread, in order with its reads: what is written here is never sent back.
+  asio::post(clipboardThread_, [self = shared_from_this(), text] {
+    if (LocalClipboard::write(text)) self->lastLocalClipboard_ = text;
+  });
+}
+
+asio::awaitable<void> Viewer::mirrorClipboard() {
+  const auto worker = clipboardThread_.get_executor();
+  // What was on this desktop's clipboard before connecting is never sent.
+  co_await runOn(worker, [this] { return localClipboardChange(); });
+  while (!ended_) {
+    co_await sleepFor(std::chrono::milliseconds(500));
+    const auto text = co_await runOn(worker, [this] { return localClipboardChange(); });
+    if (!text || ended_) continue;
+    out_ << "Clipboard to the host: " << text->size() << " bytes" << std::endl;
+    connection_->send(msg::clipboardText{*text});
+  }
+}
+
+std::optional<std::string> Viewer::localClipboardChange() {
+  auto text = LocalClipboard::read();
+  if (!text || text == lastLocalClipboard_) return std::nullopt;
+  lastLocalClipboard_ = text;
+  return text;
+}
+
 void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
   // Host and client on one machine share the clock of the capture time.
   const auto sinceCaptureNs = std::int64_t(monotonicRawNs() - frame.captureTimeNs);
@@ -137,7 +214,7 @@ void Viewer::endSecond(int second) {
   const SecondOfVideo figures = statistics_.endSecond();
   std::optional<SecondOfAudio> audio;
   if (options_.audio) audio = audioStatistics_.endSecond();
-  out_ << statusLine(second, figures, audio) << std::endl;
+  out_ << statusLine(second, figures, audio, cursorStatistics_.endSecond()) << std::endl;
   connection_->send(msg::feedback{{figures.frames, 0, 0, false}});
   if (second % 5 == 0) connection_->send(msg::ping{std::uint64_t(second)});
 }
@@ -152,6 +229,8 @@ void Viewer::leave() {
   out_ << statistics_.summary() << std::endl;
   audioOutput_.reset();  // a WAV file is complete from here
   if (options_.audio) out_ << audioStatistics_.summary() << std::endl;
+  out_ << cursorStatistics_.summary() << std::endl;
+  if (thumbnails_ > 0) out_ << "Received " << thumbnails_ << " thumbnails" << std::endl;
   if (refusal_) throw FlowError("refused: " + *refusal_);
   if (statistics_.totalFrames() == 0) throw FlowError("the host sent no picture");
   if (options_.audio && audioStatistics_.totalPackets() == 0) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <asio/awaitable.hpp>
+#include <asio/thread_pool.hpp>
 #include <chrono>
 #include <filesystem>
 #include <iosfwd>
@@ -20,15 +21,18 @@ namespace kelvaron::client {
 
 struct ViewerOptions {
   std::chrono::duration<double> duration = std::chrono::seconds(10);  // how long to stay
-  std::filesystem::path saveFrame;  // where the last picture goes, as PNG, when leaving
-  std::string type;                 // typed on the host once the picture is there
-  std::optional<AudioMode> audio;   // asked for once connected
-  std::filesystem::path audioOut;   // the sound goes to this WAV file instead of the speakers
+  std::filesystem::path saveFrame;       // where the last picture goes, as PNG, when leaving
+  std::string type;                      // typed on the host once the picture is there
+  std::optional<AudioMode> audio;        // asked for once connected
+  std::filesystem::path audioOut;        // the sound goes to this WAV file instead of the speakers
+  bool clipboard = false;                // keeps this desktop's clipboard in step with the host's
+  std::filesystem::path saveCursor;      // each pointer image as PNG, and a log of its states
+  std::filesystem::path saveThumbnails;  // asks for the other displays' pictures, saved as JPEG
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
-// figures, decodes the pictures, sends the feedback, types, saves the last picture, and plays or
-// records the sound when asked.
+// figures, decodes the pictures, sends the feedback, types, saves the last picture, plays or
+// records the sound, and mirrors the clipboard and saves the cursor and thumbnails when asked.
 class Viewer : public std::enable_shared_from_this<Viewer> {
  public:
   using Clock = std::chrono::steady_clock;
@@ -48,6 +52,14 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   asio::awaitable<void> readAudio();
   void startAudio(const msg::audioConfig& config);
   void showAudioStatus(const msg::audioStatus& status);
+  void cursorState(const msg::cursorState& state);
+  void cursorShape(const msg::cursorShape& shape);
+  void thumbnail(const msg::thumbnail& picture);
+  void clipboardFromHost(const std::string& text);
+  asio::awaitable<void> mirrorClipboard();
+  // On the clipboard thread: this desktop's clipboard text when it changed since it was last
+  // read or written here.
+  std::optional<std::string> localClipboardChange();
   void show(Picture picture, const VideoFrame& frame, double decodeMs);
   void endSecond(int second);
   void leave();
@@ -61,6 +73,10 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   std::optional<AudioDecoder> audioDecoder_;
   std::unique_ptr<AudioOutput> audioOutput_;
   AudioStatistics audioStatistics_;
+  CursorStatistics cursorStatistics_;
+  std::uint32_t thumbnails_ = 0;
+  asio::thread_pool clipboardThread_{1};
+  std::optional<std::string> lastLocalClipboard_;  // touched on the clipboard thread only
   std::optional<std::string> audioProblem_;
   std::optional<Picture> latest_;
   std::optional<std::string> refusal_;

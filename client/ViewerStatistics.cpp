@@ -17,7 +17,7 @@ std::string formatted(const char* format, Values... values) {
 }  // namespace
 
 std::string statusLine(int second, const SecondOfVideo& figures,
-                       const std::optional<SecondOfAudio>& audio) {
+                       const std::optional<SecondOfAudio>& audio, const SecondOfCursor& cursor) {
   const double decodeMs = figures.decoded ? figures.decodeMs / figures.decoded : 0;
   std::string line = formatted("[%3ds] %5.1f fps  %6.2f Mbit/s  decode %5.1f ms", second,
                                double(figures.frames), double(figures.bytes) * 8 / 1e6, decodeMs);
@@ -28,6 +28,9 @@ std::string statusLine(int second, const SecondOfVideo& figures,
     line += formatted("  audio %3u packets  %u errors", audio->packets, audio->decodeErrors);
     if (audio->captureToPlayMs)
       line += formatted("  capture to play %5.1f ms", *audio->captureToPlayMs);
+  }
+  if (cursor.positions + cursor.shapes > 0) {
+    line += formatted("  cursor %3u positions  %u shapes", cursor.positions, cursor.shapes);
   }
   return line;
 }
@@ -77,6 +80,11 @@ SecondOfAudio AudioStatistics::endSecond() {
 std::string AudioStatistics::summary() const {
   return "Received " + std::to_string(totalPackets_) + " audio packets, " +
          std::to_string(totalErrors_) + " decode errors";
+}
+
+std::string CursorStatistics::summary() const {
+  return "Received " + std::to_string(totalPositions_) + " cursor positions and " +
+         std::to_string(totalShapes_) + " shapes";
 }
 
 }  // namespace kelvaron::client

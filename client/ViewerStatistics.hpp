@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "kit/wire/WireTypes.hpp"
 
@@ -25,11 +26,18 @@ struct SecondOfVideo {
   std::optional<double> captureToPictureMs;  // the least of the second
 };
 
+// The pointer's messages of one second.
+struct SecondOfCursor {
+  std::uint32_t positions = 0;
+  std::uint32_t shapes = 0;
+};
+
 // "[  3s]  24.0 fps    1.52 Mbit/s  decode   4.1 ms  capture to picture  38.2 ms"; the decode time
 // is the mean over the frames decoded. With sound, "  audio  94 packets  0 errors  capture to
-// play  52.0 ms" follows.
+// play  52.0 ms" follows, and "  cursor  12 positions  1 shapes" when the pointer was heard of.
 std::string statusLine(int second, const SecondOfVideo& video,
-                       const std::optional<SecondOfAudio>& audio = std::nullopt);
+                       const std::optional<SecondOfAudio>& audio = std::nullopt,
+                       const SecondOfCursor& cursor = {});
 
 // The video as this client counts it: the running second and the totals. A jump in frame numbers
 // is a gap, which only a key frame mends.
@@ -76,6 +84,21 @@ class AudioStatistics {
   std::uint32_t latencies_ = 0;
   std::uint64_t totalPackets_ = 0;
   std::uint64_t totalErrors_ = 0;
+};
+
+// The pointer's positions and images as this client received them.
+class CursorStatistics {
+ public:
+  void position() { ++second_.positions, ++totalPositions_; }
+  void shape() { ++second_.shapes, ++totalShapes_; }
+  SecondOfCursor endSecond() { return std::exchange(second_, {}); }
+  // "Received 340 cursor positions and 2 shapes".
+  std::string summary() const;
+
+ private:
+  SecondOfCursor second_;
+  std::uint64_t totalPositions_ = 0;
+  std::uint64_t totalShapes_ = 0;
 };
 
 }  // namespace kelvaron::client

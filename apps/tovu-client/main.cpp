@@ -32,6 +32,9 @@ constexpr const char* kUsage = R"(Usage:
         --audio            hear the host's sound here, beside its own speakers
         --phone-only       hear it here only: the host's speakers go quiet meanwhile
         --audio-out FILE   write the sound to a WAV file instead of playing it
+        --clipboard        keep this desktop's clipboard in step with the host's (needs xclip)
+        --save-cursor DIR  save each pointer image as PNG, and its states in DIR/cursor.log
+        --save-thumbnails DIR  ask for pictures of the host's other displays, saved as JPEG
   tovu-client hosts
       list the paired hosts
 
@@ -51,6 +54,9 @@ struct Arguments {
   std::string type;
   std::optional<AudioMode> audio;
   std::string audioOut;
+  bool clipboard = false;
+  std::string saveCursor;
+  std::string saveThumbnails;
   bool compare = false;
 };
 
@@ -80,6 +86,9 @@ apps::CommandLine commandLine(Arguments& arguments) {
                 arguments.audioOut = file;
                 arguments.audio = arguments.audio.value_or(AudioMode::both);
               })
+      .flag("--clipboard", [&] { arguments.clipboard = true; })
+      .option("--save-cursor", [&](const std::string& dir) { arguments.saveCursor = dir; })
+      .option("--save-thumbnails", [&](const std::string& dir) { arguments.saveThumbnails = dir; })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -112,8 +121,13 @@ int main(int argc, char** argv) {
 
   const client::HostDirectory directory(arguments.address);
   const client::ViewerOptions viewing{std::chrono::duration<double>(arguments.seconds.value_or(10)),
-                                      arguments.saveFrame, arguments.type, arguments.audio,
-                                      arguments.audioOut};
+                                      arguments.saveFrame,
+                                      arguments.type,
+                                      arguments.audio,
+                                      arguments.audioOut,
+                                      arguments.clipboard,
+                                      arguments.saveCursor,
+                                      arguments.saveThumbnails};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

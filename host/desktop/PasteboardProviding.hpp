@@ -2,8 +2,10 @@
 
 #include <asio/awaitable.hpp>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace kelvaron::host {
 
@@ -21,6 +23,21 @@ class PasteboardProviding {
   virtual asio::awaitable<std::optional<std::string>> string() = 0;
   // Clears the clipboard and puts `text` on it, owned by this process.
   virtual asio::awaitable<void> writeString(std::string text) = 0;
+};
+
+// The clipboard's change count as a session last saw or wrote it. Locked, since a finished file
+// transfer writes it from outside the session's executor.
+class ChangeCountBox {
+ public:
+  // The count that was stored.
+  std::int64_t exchange(std::int64_t count) {
+    std::lock_guard guard(lock_);
+    return std::exchange(count_, count);
+  }
+
+ private:
+  std::mutex lock_;
+  std::int64_t count_ = 0;
 };
 
 }  // namespace kelvaron::host

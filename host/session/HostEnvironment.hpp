@@ -52,8 +52,9 @@ struct HostEnvironment {
   std::shared_ptr<const AudioEncoderFactory> audioEncoders =
       std::make_shared<AACELDEncoderFactory>();
   std::shared_ptr<AudioTapArbiter> audioArbiter = std::make_shared<AudioTapArbiter>();
-  // The pointer's image, looked at for its shape and, more often, for where the pointer is; and
-  // after each of the client's pointer events, at most this often.
+  // The pointer's image, looked at for its shape; more often the session looks where the pointer
+  // is, and after each of the client's pointer events, at most this often. Without a source the
+  // session publishes no cursor.
   std::shared_ptr<CursorSource> cursorSource;
   std::chrono::duration<double> cursorShapePollInterval{1.0 / 30};
   std::chrono::duration<double> cursorPollInterval{1.0 / 60};

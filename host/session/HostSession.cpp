@@ -78,6 +78,8 @@ asio::awaitable<void> HostSession::runOnStrand() {
   // A session ends when its messages end, and then always tears down: a cancellation only ends the
   // wait under way and is never thrown.
   co_await asio::this_coro::throw_if_cancelled(false);
+  // What is on the clipboard before the client came is never sent.
+  if (env_.pasteboard) clipboardMark_.exchange(env_.pasteboard->changeCount());
   log_.info("connection accepted");
   if (authGate_) co_await authGate_->start();
   // One message at a time: each takes effect before the next is looked at.
@@ -129,6 +131,12 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     co_await handlePointer(pointer->event, pointer->seq);
   } else if (const auto* audio = std::get_if<msg::setAudio>(&message)) {
     setAudio(audio->mode);
+  } else if (const auto* shape = std::get_if<msg::requestCursorShape>(&message)) {
+    sendCursorShape(shape->shapeID, true);
+  } else if (const auto* clipboard = std::get_if<msg::clipboardText>(&message)) {
+    co_await writeClipboard(clipboard->text);
+  } else if (const auto* thumbnails = std::get_if<msg::setThumbnails>(&message)) {
+    setThumbnails(thumbnails->enabled);
   }
 }
 
@@ -280,20 +288,36 @@ void HostSession::startBackgroundTasks() {
       co_await self->refreshDisplays();
     }
   };
-  auto statistics = [](std::weak_ptr<HostSession> weak, Sleeper sleep,
-                       std::chrono::duration<double> interval) -> asio::awaitable<void> {
-    for (;;) {
-      if (co_await isCancelled()) co_return;
-      co_await sleep(interval);
-      auto self = weak.lock();
-      if (!self) co_return;
-      self->statsTick();
-    }
+  const auto every = [this](std::chrono::duration<double> interval,
+                            asio::awaitable<void> (HostSession::*round)()) {
+    tasks_.push_back(Task::spawn(strand_, periodic(weak_from_this(), env_.sleep, interval, round)));
   };
   tasks_.push_back(
       Task::spawn(strand_, displayChanges(weak_from_this(), env_.displays->changes())));
-  tasks_.push_back(
-      Task::spawn(strand_, statistics(weak_from_this(), env_.sleep, env_.statsInterval)));
+  every(env_.statsInterval, &HostSession::statisticsRound);
+  if (env_.cursorSource) {
+    // Also movements that do not come from the client, such as a local mouse.
+    every(env_.cursorPollInterval, &HostSession::cursorPositionRound);
+    every(env_.cursorShapePollInterval, &HostSession::cursorShapeRound);
+  }
+  if (env_.pasteboard) every(env_.clipboardPollInterval, &HostSession::clipboardRound);
+}
+
+asio::awaitable<void> HostSession::periodic(std::weak_ptr<HostSession> weak, Sleeper sleep,
+                                            std::chrono::duration<double> interval,
+                                            asio::awaitable<void> (HostSession::*round)()) {
+  for (;;) {
+    if (co_await isCancelled()) co_return;
+    co_await sleep(interval);
+    const auto self = weak.lock();
+    if (!self) co_return;
+    co_await (self.get()->*round)();
+  }
+}
+
+asio::awaitable<void> HostSession::statisticsRound() {
+  statsTick();
+  co_return;
 }
 
 // ---- The end ----
@@ -324,6 +348,8 @@ asio::awaitable<void> HostSession::teardown() {
   }
   for (const Task& task : tasks_) task.cancel();
   tasks_.clear();
+  if (thumbnailTask_) thumbnailTask_->cancel();
+  thumbnailTask_.reset();
   // No key or button of this session stays down once it is gone; what others hold stays.
   env_.injector->release(inputOwner_);
   if (pipeline_) pipeline_->stop();

@@ -5,10 +5,12 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "host/audio/AudioPipeline.hpp"
+#include "host/session/CursorShapeRegistry.hpp"
 #include "host/session/HostEnvironment.hpp"
 #include "host/session/SessionStatus.hpp"
 #include "host/video/BitrateController.hpp"
@@ -78,6 +80,12 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   void applyNote(std::optional<std::string> text);
   void updateKeepAwakeAssertion();
   void startBackgroundTasks();
+  // A background loop: `round` every `interval`, counted from the end of the last one, for as long
+  // as the session lives and the task is not cancelled.
+  static asio::awaitable<void> periodic(std::weak_ptr<HostSession> weak, Sleeper sleep,
+                                        std::chrono::duration<double> interval,
+                                        asio::awaitable<void> (HostSession::*round)());
+  asio::awaitable<void> statisticsRound();
   asio::awaitable<void> teardown();
 
   // Streaming control (HostSessionStreaming.cpp): what the client sees, and whether capture runs.
@@ -110,6 +118,29 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
 
   // Input (HostSessionInput.cpp).
   asio::awaitable<void> handlePointer(const PointerEvent& event, std::uint32_t seq);
+
+  // The cursor (HostSessionCursor.cpp).
+  struct CursorKey {
+    std::uint32_t seq = 0;
+    std::uint32_t displayID = 0;
+    float x = 0, y = 0;
+    bool visible = true;
+    std::uint32_t shapeID = 0;
+    friend bool operator==(const CursorKey&, const CursorKey&) = default;
+  };
+  asio::awaitable<void> cursorPositionRound();
+  asio::awaitable<void> cursorShapeRound();
+  void publishCursor(std::chrono::duration<double> minInterval);
+  void sendCursorShape(std::uint32_t id, bool force);
+
+  // The clipboard and thumbnails (HostSessionClipboard.cpp).
+  asio::awaitable<void> clipboardRound();
+  asio::awaitable<void> writeClipboard(std::string text);
+  void setThumbnails(bool enabled);
+  std::vector<std::uint32_t> thumbnailDisplayIDs() const;
+  static asio::awaitable<void> thumbnailLoop(std::weak_ptr<HostSession> weak,
+                                             std::shared_ptr<ThumbnailProviding> provider,
+                                             Sleeper sleep, std::chrono::duration<double> interval);
   void report() const;
 
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
@@ -154,6 +185,15 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::shared_ptr<AudioPipeline> audioPipeline_;
   std::int64_t audioGeneration_ = 0;  // moved at every change: late completions see it
   const UUID audioOwnerID_ = AuthCrypto::randomUUID();
+  std::optional<CursorKey> cursorSent_;
+  double lastCursorSendAt_ = 0;  // uptime in seconds
+  CursorShapeRegistry cursorShapes_;
+  std::set<std::uint32_t> sentShapeIDs_;
+  std::uint32_t currentShapeID_ = 0;  // none yet
+  bool cursorVisible_ = true;
+  std::optional<std::uint64_t> shapeToken_;
+  ChangeCountBox clipboardMark_;
+  std::optional<Task> thumbnailTask_;
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

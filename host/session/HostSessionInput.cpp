@@ -28,6 +28,8 @@ asio::awaitable<void> HostSession::handlePointer(const PointerEvent& event, std:
   env_.injector->injectPointer(inputOwner_, event, display);
   // Also when the event did nothing for want of a display: the client counts it as applied.
   lastAppliedSeq_ = seq;
+  // The client gets its own movement back as soon as it may, and no more often.
+  publishCursor(env_.cursorInputInterval);
 }
 
 }  // namespace kelvaron::host
