@@ -1,7 +1,7 @@
 #pragma once
 
-// Stand-ins for the computer's parts of a session: displays, capture, encoders, input and power,
-// each recording what it is asked.
+// Stand-ins for the computer's parts of a session: displays, capture, encoders, input, power, the
+// cursor, the clipboard and thumbnails, each recording what it is asked.
 
 #include <gtest/gtest.h>
 
@@ -125,11 +125,12 @@ class FakeInjector : public InputInjector {
     pointer.emplace_back(event, display);
   }
   void injectText(InputOwner, const std::string& text) override { texts.push_back(text); }
-  std::optional<Point> currentPointerPosition() override { return Point{12, 34}; }
+  std::optional<Point> currentPointerPosition() override { return position; }
   void release(InputOwner owner) override {
     std::erase_if(held, [&](const auto& entry) { return entry.second == owner; });
   }
 
+  std::optional<Point> position = Point{12, 34};
   std::vector<KeyEvent> keys;
   std::vector<std::pair<PointerEvent, std::optional<DisplayInfo>>> pointer;
   std::vector<std::string> texts;
@@ -152,6 +153,47 @@ class FakePower : public PowerManaging {
   void declareUserActivity() override {
     ++activityDeclared;
     onActivity();
+  }
+};
+
+// Answers each poll with `next`, noting the token it was asked with.
+class FakeCursorSource : public CursorSource {
+ public:
+  std::optional<CursorPoll> next;
+  std::vector<std::optional<std::uint64_t>> tokens;
+  asio::awaitable<std::optional<CursorPoll>> poll(std::optional<std::uint64_t> token) override {
+    tokens.push_back(token);
+    co_return next;
+  }
+};
+
+class FakePasteboard : public PasteboardProviding {
+ public:
+  std::int64_t count = 0;
+  std::optional<std::string> text;
+  int reads = 0;
+  std::int64_t changeCount() override { return count; }
+  asio::awaitable<std::optional<std::string>> string() override {
+    ++reads;
+    co_return text;
+  }
+  asio::awaitable<void> writeString(std::string written) override {
+    text = std::move(written);
+    ++count;
+    co_return;
+  }
+};
+
+// A picture of one byte, the display's ID; `failing` displays throw instead.
+class FakeThumbnails : public ThumbnailProviding {
+ public:
+  std::vector<std::uint32_t> failing;
+  std::vector<std::uint32_t> asked;
+  asio::awaitable<std::optional<Data>> thumbnail(std::uint32_t displayID, int maxWidth) override {
+    EXPECT_EQ(maxWidth, 480);
+    asked.push_back(displayID);
+    if (std::ranges::count(failing, displayID)) throw std::runtime_error("no picture");
+    co_return Data{std::uint8_t(displayID)};
   }
 };
 
