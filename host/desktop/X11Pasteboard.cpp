@@ -559,7 +559,8 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
 
   static asio::awaitable<void> write(std::shared_ptr<Core> self, Content content) {
     try {
-      co_await self->writeNow(std::move(content));
+      auto writing = self->writeNow(std::move(content));
+      co_await std::move(writing);
     } catch (const std::exception& failure) {
       self->log.error("Writing the clipboard failed: %s", failure.what());
     }
@@ -620,7 +621,7 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
   asio::awaitable<std::optional<std::string>> readNow() {
     const auto l = ensureConnected();
     if (!l) co_return std::nullopt;
-    if (offer) co_return offer->text ? std::optional(*offer->text) : std::nullopt;
+    if (offer) co_return offer->text ? std::optional(validUTF8(*offer->text)) : std::nullopt;
     const XcbReply<xcb_get_selection_owner_reply_t> owner(xcb_get_selection_owner_reply(
         l->c, xcb_get_selection_owner(l->c, l->atoms.clipboard), nullptr));
     dispatchLater(*l);

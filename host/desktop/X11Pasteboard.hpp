@@ -4,8 +4,10 @@
 #include <asio/io_context.hpp>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -17,7 +19,7 @@ namespace kelvaron::host {
 // connection and a thread of its own, on which all X work runs: as the owner it must answer other
 // programs whenever they ask, whoever awaits what. Its awaitables complete on the caller's
 // executor. When the X server goes away, reads give nothing, writes do nothing and the count
-// stays; the next call tries to connect again.
+// stays; the next call tries to connect again, and the count moves once it has.
 class X11Pasteboard : public PasteboardProviding {
  public:
   struct Limits {

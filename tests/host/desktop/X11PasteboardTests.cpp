@@ -45,8 +45,10 @@ std::optional<std::string> read(X11Pasteboard& clipboard) {
 }
 
 void write(X11Pasteboard& clipboard, const std::string& text) {
-  runAsync(
-      [&](asio::io_context&) -> asio::awaitable<void> { co_await clipboard.writeString(text); });
+  runAsync([&](asio::io_context&) -> asio::awaitable<void> {
+    auto writing = clipboard.writeString(text);
+    co_await std::move(writing);
+  });
 }
 
 // Sizes rather than megabytes of text when they differ.
@@ -228,7 +230,8 @@ TEST_F(X11PasteboardTest, WritesWhatAnotherProgramPastes) {
     std::optional<std::string> own;
     runAsync([&](asio::io_context&) -> asio::awaitable<void> {
       before = clipboard.changeCount();
-      co_await clipboard.writeString(c.text);
+      auto writing = clipboard.writeString(c.text);
+      co_await std::move(writing);
       written = clipboard.changeCount();
       own = co_await clipboard.string();
     });
