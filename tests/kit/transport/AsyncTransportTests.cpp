@@ -1,6 +1,5 @@
-// The transport's parts that run on an io_context: the queue that carries every stream of a
-// connection between coroutines and threads, the in-memory pair of connections built on it, and
-// Avahi's event loop on a strand.
+// The transport's parts on an io_context: the queue that carries every stream of a connection
+// between coroutines and threads, the in-memory pair of connections, and Avahi's loop on a strand.
 
 #include <avahi-common/timeval.h>
 #include <fcntl.h>
@@ -9,6 +8,7 @@
 
 #include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
+#include <deque>
 #include <functional>
 #include <thread>
 
@@ -45,17 +45,15 @@ TEST(AsyncQueue, AReaderGetsEveryItemThenTheEndAndATimeoutOrCancellationLosesNot
 
     // A reader cancelled before it asks does not wait.
     AsyncQueue<int> idle;
-    auto answered = std::make_shared<std::optional<std::optional<int>>>();
+    AsyncQueue<std::optional<int>> answers;
     const Task reader =
-        Task::spawn(io.get_executor(), [](AsyncQueue<int>& q, auto out) -> asio::awaitable<void> {
+        Task::spawn(io.get_executor(), [](auto& q, auto& out) -> asio::awaitable<void> {
           co_await sleepFor(std::chrono::hours(1));  // cancelled here, before it reads
-          *out = co_await q.next();
-        }(idle, answered));
+          out.push(co_await q.next());
+        }(idle, answers));
     co_await sleepFor(10ms);
     reader.cancel();
-    co_await sleepFor(10ms);
-    EXPECT_TRUE(answered->has_value());   // it answered,
-    EXPECT_FALSE(answered->value_or(7));  // and with nothing
+    EXPECT_EQ(co_await nextWithin(answers, 5s), std::make_optional(std::optional<int>()));
   });
 }
 
@@ -67,26 +65,22 @@ TEST(AsyncQueue, PushesFromOtherThreadsReachAReaderOnAStrand) {
     AsyncQueue<int> queue;
     std::atomic<long> sum = 0;
     Task::spawn(makeStrand(pool.get_executor()),
-                [](AsyncQueue<int>& q, std::atomic<long>& total,
-                   std::chrono::microseconds within) -> asio::awaitable<void> {
+                [](auto& q, auto& total, auto within) -> asio::awaitable<void> {
                   for (;;) {
                     const auto item =
                         within.count() ? co_await nextWithin(q, within) : co_await q.next();
-                    if (item)
-                      total += *item;
-                    else if (q.isFinished() && q.count() == 0)
-                      co_return;
+                    if (!item && q.isFinished() && q.count() == 0) co_return;
+                    total += item.value_or(0);
                   }
                 }(queue, sum, wait));
+    const auto push = [&queue] {
+      for (int i = 1; i <= 10000; ++i) {
+        queue.push(i);
+        if (i % 16 == 0) std::this_thread::yield();  // lets the reader find the queue empty
+      }
+    };
     std::vector<std::thread> pushers;
-    for (int t = 0; t < 4; ++t) {
-      pushers.emplace_back([&queue] {
-        for (int i = 1; i <= 10000; ++i) {
-          queue.push(i);
-          if (i % 16 == 0) std::this_thread::yield();  // lets the reader find the queue empty
-        }
-      });
-    }
+    for (int t = 0; t < 4; ++t) pushers.emplace_back(push);
     for (auto& p : pushers) p.join();
     queue.finish();
     pool.join();
@@ -96,21 +90,17 @@ TEST(AsyncQueue, PushesFromOtherThreadsReachAReaderOnAStrand) {
 
 VideoFrame frame(std::uint64_t number) { return {.frameNumber = number, .payload = Data{1, 2, 3}}; }
 
-// A frame that does not decode fails the receiver only: its owner decides, and the pair still
-// works.
+// A frame that does not decode fails the receiver only: its owner decides; the pair still works.
 TEST(InMemoryConnection, MessagesArriveInSendOrderWhateverTheirChannelAndBadOnesFailTheReceiver) {
   runAsync([](asio::io_context&) -> asio::awaitable<void> {
     auto [a, b] = InMemoryConnection::makePair();
     const std::vector<Message> sent = {
         msg::key{{{4}, true, {}}}, msg::ping{1}, msg::fileChunk{1, 0, 0, {9}}, msg::text{"x"},
         msg::fileEnd{1},           msg::pong{2}};
-    for (std::size_t i = 0; i < sent.size(); ++i) {
-      if (i == 2) {
-        EXPECT_TRUE(co_await a->sendTransfer(sent[i]));
-      } else {
-        a->send(sent[i]);
-      }
-    }
+    a->send(sent[0]);
+    a->send(sent[1]);
+    EXPECT_TRUE(co_await a->sendTransfer(sent[2]));
+    for (std::size_t i = 3; i < sent.size(); ++i) a->send(sent[i]);
     a->send(msg::authResult{static_cast<AuthResult>(9)});  // out of its domain on the wire
     a->send(msg::ping{2});
     for (const Message& expected : sent) EXPECT_EQ(co_await b->messages().next(), expected);
@@ -132,8 +122,7 @@ TEST(InMemoryConnection, VideoInFlightIsWhatTheReaderHasNotTakenAndADroppedPairI
     EXPECT_FALSE(a->sendVideo(frame(10)));
     a->send(msg::ping{1});
     const std::weak_ptr<InMemoryConnection> weakA = a, weakB = b;
-    a.reset();
-    b.reset();
+    a = b = nullptr;
     EXPECT_TRUE(weakA.expired() && weakB.expired());
   });
 }
@@ -160,131 +149,96 @@ TEST(InMemoryConnection, CloseEndsBothEndsAndLeavesQueuedFramesReadable) {
   });
 }
 
-using Strand = asio::strand<asio::io_context::executor_type>;
-
-// One watch or timeout of the poll: counts its calls, each of which must come on the strand.
-struct Observer {
-  Observer(const Strand& s, const AvahiPoll* a) : strand(s), api(a) {}
-
-  AvahiWatch* watch(int fd, AvahiWatchEvent event) {
-    wanted = event;
-    return api->watch_new(api, fd, event, watchCallback, this);
-  }
-  AvahiTimeout* timeout(unsigned milliseconds) {
-    timeval when;
-    avahi_elapse_time(&when, milliseconds, 0);
-    return api->timeout_new(api, &when, timeoutCallback, this);
-  }
-
-  // Whether the calls reach `count`, each within five seconds of the one before.
-  asio::awaitable<bool> reach(int count) {
-    while (calls < count) {
-      const auto call = co_await nextWithin(called, 5s);
-      if (!call) co_return false;
+// Avahi's poll on a strand, with watches and timeouts that check that they are called on the
+// strand, run what the test gives them (with the watch or the timeout) and then log their names.
+struct PollCalls {
+  using Then = std::function<void(void*)>;
+  struct Callee {
+    PollCalls& calls;
+    std::string name;
+    Then then;
+    static void called(void* handle, void* self) {
+      const auto& callee = *static_cast<Callee*>(self);
+      EXPECT_TRUE(callee.calls.strand.running_in_this_thread());
+      if (callee.then) callee.then(handle);
+      callee.calls.log.push(callee.name);
     }
-    co_return true;
+  };
+
+  explicit PollCalls(asio::io_context& io) : strand(asio::make_strand(io)), poll(strand) {}
+
+  AvahiWatch* watch(std::string name, int fd, Then then = {}) {
+    const auto onWatch = [](AvahiWatch* watch, int, AvahiWatchEvent event, void* callee) {
+      EXPECT_EQ(event, AVAHI_WATCH_IN);
+      EXPECT_EQ(static_cast<Callee*>(callee)->calls.api->watch_get_events(watch), event);
+      Callee::called(watch, callee);
+    };
+    return api->watch_new(api, fd, AVAHI_WATCH_IN, onWatch,
+                          &callees.emplace_back(*this, name, then));
+  }
+  AvahiTimeout* timeout(std::string name, unsigned milliseconds, Then then = {}) {
+    const auto onTimeout = [](AvahiTimeout* t, void* callee) { Callee::called(t, callee); };
+    timeval when;
+    return api->timeout_new(api, avahi_elapse_time(&when, milliseconds, 0), onTimeout,
+                            &callees.emplace_back(*this, name, then));
   }
 
-  static void watchCallback(AvahiWatch* watch, int fd, AvahiWatchEvent event, void* userdata) {
-    auto& self = *static_cast<Observer*>(userdata);
-    EXPECT_EQ(event, self.wanted);
-    EXPECT_EQ(self.api->watch_get_events(watch), event);
-    self.note();
-    if (self.onWatch) self.onWatch(watch, fd);
-  }
-  static void timeoutCallback(AvahiTimeout* timeout, void* userdata) {
-    auto& self = *static_cast<Observer*>(userdata);
-    self.note();
-    if (self.onTimeout) self.onTimeout(timeout);
-  }
-  void note() {
-    EXPECT_TRUE(strand.running_in_this_thread());
-    called.push(++calls);
-  }
-
-  Strand strand;
-  const AvahiPoll* api;
-  AvahiWatchEvent wanted{};
-  int calls = 0;
-  AsyncQueue<int> called;
-  std::function<void(AvahiWatch*, int)> onWatch;
-  std::function<void(AvahiTimeout*)> onTimeout;
-};
-
-struct Pipe {
-  Pipe() { EXPECT_EQ(::pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0); }
-  ~Pipe() {
-    ::close(ends[0]);
-    ::close(ends[1]);
-  }
-  void write(const char* bytes) const { EXPECT_GT(::write(ends[1], bytes, strlen(bytes)), 0); }
-  int ends[2];
+  asio::strand<asio::io_context::executor_type> strand;
+  AsioAvahiPoll poll;
+  const AvahiPoll* api = poll.api();
+  std::deque<Callee> callees;
+  AsyncQueue<std::string> log;
 };
 
 // A watch is called for as long as data waits, and not after it freed itself from its callback;
 // freeing a watch leaves its descriptor open, for D-Bus closes its own. (That D-Bus also watches
 // one socket for reading and writing at once is tried by every discovery test.)
-TEST(AsioAvahiPoll, AWatchCallsBackForAsLongAsDataWaitsUntilItIsFreed) {
+TEST(AsioAvahiPoll, WatchesAndTimeoutsAreCalledOnTheStrandForAsLongAsTheyShould) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    const Strand strand = asio::make_strand(io);
-    AsioAvahiPoll poll(strand);
-    Observer slow(strand, poll.api());
-    slow.onWatch = [](AvahiWatch*, int fd) {  // takes one byte per call
+    PollCalls calls(io);
+    const std::string slow = "slow", once = "once", sentinel = "sentinel";
+    int pipe[2];  // whose reader never blocks
+    CO_ASSERT_TRUE(::pipe2(pipe, O_NONBLOCK | O_CLOEXEC) == 0);
+    EXPECT_EQ(::write(pipe[1], "ab", 2), 2);
+    AvahiWatch* reader = calls.watch(slow, pipe[0], [&](void*) {  // one byte per call
       char byte;
-      EXPECT_EQ(::read(fd, &byte, 1), 1);
-    };
-    Pipe pipe;
-    pipe.write("ab");
-    AvahiWatch* watch = slow.watch(pipe.ends[0], AVAHI_WATCH_IN);
-    CO_ASSERT_TRUE(watch != nullptr);
-    const bool two = co_await slow.reach(2);  // the second for the byte left over
-    pipe.write("c");
-    const bool three = co_await slow.reach(3);
-    EXPECT_TRUE(two && three);
-    poll.api()->watch_free(watch);
+      EXPECT_EQ(::read(pipe[0], &byte, 1), 1);
+    });
+    CO_ASSERT_TRUE(reader != nullptr);
+    EXPECT_EQ(co_await nextWithin(calls.log, 5s), slow);
+    EXPECT_EQ(co_await nextWithin(calls.log, 5s), slow);  // for the byte left over
+    EXPECT_EQ(::write(pipe[1], "c", 1), 1);
+    EXPECT_EQ(co_await nextWithin(calls.log, 5s), slow);
+    calls.api->watch_free(reader);
     co_await sleepFor(10ms);  // lets the freed watch's handlers run
-    EXPECT_NE(::fcntl(pipe.ends[0], F_GETFD), -1);
+    EXPECT_NE(::fcntl(pipe[0], F_GETFD), -1);
 
-    Observer once(strand, poll.api()), sentinel(strand, poll.api());
-    once.onWatch = [&](AvahiWatch* w, int) { poll.api()->watch_free(w); };
-    pipe.write("unread");
-    once.watch(pipe.ends[0], AVAHI_WATCH_IN);
-    const bool called = co_await once.reach(1);
-    // The data is still there: a live watch would be called again before a later timeout.
-    AvahiTimeout* timeout = sentinel.timeout(50);
-    const bool later = co_await sentinel.reach(1);
-    EXPECT_TRUE(called && later);
-    EXPECT_EQ(once.calls, 1);
-    poll.api()->timeout_free(timeout);
-  });
-}
+    // The data stays unread: a live watch would be called again before a later timeout.
+    EXPECT_EQ(::write(pipe[1], "unread", 6), 6);
+    calls.watch(once, pipe[0],
+                [&](void* watch) { calls.api->watch_free(static_cast<AvahiWatch*>(watch)); });
+    AvahiTimeout* later = calls.timeout(sentinel, 50);
+    EXPECT_EQ(co_await nextWithin(calls.log, 5s), once);
+    EXPECT_EQ(co_await nextWithin(calls.log, 5s), sentinel);
+    calls.api->timeout_free(later);
+    for (const int end : pipe) ::close(end);
 
-TEST(AsioAvahiPoll, ATimeoutFiresOnceAtItsTimeUnlessMovedOrDisabled) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    const Strand strand = asio::make_strand(io);
-    AsioAvahiPoll poll(strand);
-    const auto* api = poll.api();
-    Observer past(strand, api), disabled(strand, api), rearmed(strand, api), last(strand, api);
-    AvahiTimeout* pastTimeout = past.timeout(0);
-    AvahiTimeout* disabledTimeout = disabled.timeout(10);
-    api->timeout_update(disabledTimeout, nullptr);
-    rearmed.onTimeout = [&](AvahiTimeout* timeout) {
+    // A timeout fires once at its time unless it is moved or disabled.
+    const auto* api = calls.api;
+    int rearms = 0;
+    const auto rearmOnce = [&](void* timeout) {
       timeval again;
-      if (rearmed.calls == 1) api->timeout_update(timeout, avahi_elapse_time(&again, 10, 0));
+      if (rearms++ == 0)
+        api->timeout_update(static_cast<AvahiTimeout*>(timeout), avahi_elapse_time(&again, 10, 0));
     };
-    AvahiTimeout* rearmedTimeout = rearmed.timeout(10);
-    AvahiTimeout* lastTimeout = last.timeout(300);
-
-    const bool pastFired = co_await past.reach(1);
-    const bool rearmedTwice = co_await rearmed.reach(2);
-    const bool lastFired = co_await last.reach(1);  // the others had their time to come again
-    EXPECT_TRUE(pastFired && rearmedTwice && lastFired);
-    EXPECT_EQ(past.calls, 1);
-    EXPECT_EQ(disabled.calls, 0);
-    EXPECT_EQ(rearmed.calls, 2);
-    for (auto* timeout : {pastTimeout, disabledTimeout, rearmedTimeout, lastTimeout}) {
-      api->timeout_free(timeout);
-    }
+    AvahiTimeout* const timeouts[] = {calls.timeout("past", 0), calls.timeout("disabled", 10),
+                                      calls.timeout("moved", 10, rearmOnce),
+                                      calls.timeout("last", 300)};
+    api->timeout_update(timeouts[1], nullptr);
+    // By their times; the last one's gave the others the time to come again.
+    for (const std::string name : {"past", "moved", "moved", "last"})
+      EXPECT_EQ(co_await nextWithin(calls.log, 5s), name);
+    for (auto* timeout : timeouts) api->timeout_free(timeout);
   });
 }
 

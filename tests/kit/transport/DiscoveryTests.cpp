@@ -1,6 +1,5 @@
 // Discovery with real parts, each case in network namespaces of its own: the kernel's interfaces
-// through netlink, and avahi-daemon on a private bus, seen by our advertiser, our browser and
-// avahi-browse.
+// through netlink; avahi-daemon on a private bus, seen by our advertiser, browser and avahi-browse.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -50,11 +49,10 @@ const UUID kHostID = *UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
 const DiscoveredHost kTestHost{"Test Host._tovu._udp.local", "Test Host", kHostID, false};
 const Names kTestHostOnly{"Test Host"}, kNobody;
 
-// A one-machine network, inside a network namespace of the test's own: "tovu0" (10.77.0.1/24 and
-// fd77::1/64) with its peer "tovu1" so that it has a carrier, a private bus (dbus-daemon) that this
-// process and its children reach as their system bus, and avahi-daemon on tovu0 alone.
-// avahi-daemon writes under /run/avahi-daemon, where the machine's own daemon may be: it gets a
-// private mount namespace with a tmpfs over /run.
+// A one-machine network in a network namespace of the test's own: "tovu0" (10.77.0.1/24,
+// fd77::1/64) with its peer "tovu1" for a carrier, a private bus (dbus-daemon) that this process
+// and its children reach as their system bus, and avahi-daemon on tovu0 alone, with a tmpfs of its
+// own over /run, where the machine's own daemon may have its /run/avahi-daemon.
 class DiscoveryNetwork {
  public:
   enum class Avahi { start, later };
@@ -84,10 +82,8 @@ class DiscoveryNetwork {
                                           "--address=" + address},
                  folder_ / "dbus-daemon.log");
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-    if (!waitFor(*bus_, [&] { return std::filesystem::exists(folder_ / "bus"); }))
-      problem_ = "dbus-daemon did not come up:\n" + log("dbus-daemon.log");
-    else if (avahi == Avahi::start)
-      startAvahi();
+    const auto ready = [&] { return std::filesystem::exists(folder_ / "bus"); };
+    if (waitFor(*bus_, "dbus-daemon", ready) && avahi == Avahi::start) startAvahi();
   }
 
   ~DiscoveryNetwork() {
@@ -100,8 +96,8 @@ class DiscoveryNetwork {
   // Empty when everything is up; otherwise why not.
   const std::string& problem() const { return problem_; }
 
-  // Starts avahi-daemon and waits until it serves; sets `problem()` when it does not.
-  void startAvahi() {
+  // Starts avahi-daemon and waits until it serves; false, with `problem()` set, if it does not.
+  bool startAvahi() {
     std::ofstream(folder_ / "avahi-daemon.conf")
         << "[server]\nallow-interfaces=tovu0\nuse-ipv4=yes\nuse-ipv6=yes\nenable-dbus=yes\n"
            "[wide-area]\nenable-wide-area=no\n"
@@ -111,21 +107,22 @@ class DiscoveryNetwork {
                                  "-f", folder_ / "avahi-daemon.conf"},
         folder_ / "avahi-daemon.log", withPrivateRun);
     // It serves once an independent client of the bus can browse through it.
-    if (!waitFor(*avahiDaemon_, [] {
-          return runCommand({"timeout", "5", "avahi-browse", "-at"}).succeeded();
-        }))
-      problem_ = "avahi-daemon did not come up:\n" + log("avahi-daemon.log");
+    return waitFor(*avahiDaemon_, "avahi-daemon", [] {
+      return runCommand({"timeout", "5", "avahi-browse", "-at"}).succeeded();
+    });
   }
 
   void stopAvahi() { avahiDaemon_.reset(); }
 
  private:
-  // Whether `ready` holds within ten seconds, while `process` runs.
-  static bool waitFor(ChildProcess& process, const std::function<bool()>& ready) {
+  // Whether `ready` holds within ten seconds while `process` runs; if not, `problem()` says so.
+  bool waitFor(ChildProcess& process, const std::string& name, const std::function<bool()>& ready) {
     const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!ready()) {
-      if (!process.running() || std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(50ms);
+    for (; !ready(); std::this_thread::sleep_for(50ms)) {
+      if (process.running() && std::chrono::steady_clock::now() < deadline) continue;
+      std::ifstream log(folder_ / (name + ".log"));
+      problem_ = name + " did not come up:\n" + std::string(std::istreambuf_iterator(log), {});
+      return false;
     }
     return true;
   }
@@ -135,11 +132,6 @@ class DiscoveryNetwork {
     return ::unshare(CLONE_NEWNS) == 0 &&
            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            ::mount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") == 0;
-  }
-
-  std::string log(const std::string& name) const {
-    std::ifstream in(folder_ / name);
-    return {std::istreambuf_iterator<char>(in), {}};
   }
 
   NetworkNamespace network_;
@@ -160,9 +152,8 @@ std::unique_ptr<DNSSDAdvertiser> advertise(asio::io_context& io, const std::stri
   return std::make_unique<DNSSDAdvertiser>(makeStrand(io.get_executor()), name, port, hostID);
 }
 
-// In a network namespace where only "lo" is up to begin with, the first path is the network as it
-// is; an interface is listed once it is up with an address, and goes when either goes. (That a
-// tunnel is of the kind "other" the browser's test sees.)
+// In a network namespace where only "lo" is up at first, the first path is the network as it is; an
+// interface is listed once up with an address, and goes when either goes. (Tunnels: see below.)
 TEST(NetlinkPathMonitor, AnInterfaceIsListedWhileItIsUpWithAnAddressAndStopEndsThePaths) {
   NetworkNamespace network;
   if (!network.problem().empty()) GTEST_SKIP() << network.problem();
@@ -179,19 +170,16 @@ TEST(NetlinkPathMonitor, AnInterfaceIsListedWhileItIsUpWithAnAddressAndStopEndsT
     };
     for (const auto& [command, path] : steps) {
       if (!command.empty()) NetworkNamespace::ip(command);
-      const auto next = co_await nextWithin(monitor.paths(), 10s);
-      EXPECT_EQ(next, path) << testing::PrintToString(command);
+      EXPECT_EQ(co_await nextWithin(monitor.paths(), 10s), path) << testing::PrintToString(command);
     }
     monitor.stop();
-    const auto after = co_await monitor.paths().next();
-    EXPECT_EQ(after, std::nullopt);
+    EXPECT_EQ(co_await monitor.paths().next(), std::nullopt);
   });
 }
 
-// The services `avahi-browse -rpt`, a client of the same daemon independent of ours, resolves over
-// IPv4 once it lists exactly `names` (asked every 200 ms for ten seconds): each one's line
-// "=;interface;protocol;name;type;domain;host;address;port;txt" by its name as avahi-browse prints
-// it (a space as \032, a "#" as \035).
+// The lines "=;interface;protocol;name;type;domain;host;address;port;txt" of the services that
+// `avahi-browse -rpt`, a client of the daemon independent of ours, resolves over IPv4 once it
+// lists exactly `names` (tried for ten seconds), by name as printed (" " as \032, "#" as \035).
 asio::awaitable<std::optional<std::map<std::string, std::string>>> browseUntil(const Names& names) {
   const auto deadline = std::chrono::steady_clock::now() + 10s;
   while (std::chrono::steady_clock::now() < deadline) {
@@ -215,18 +203,16 @@ asio::awaitable<std::optional<Hosts>> listWith(HostBrowser& browser, const Names
   while (std::chrono::steady_clock::now() < deadline) {
     auto hosts = co_await nextWithin(browser.hosts(), deadline - std::chrono::steady_clock::now());
     if (!hosts) break;
-    Names names;
-    for (const auto& host : *hosts) names.push_back(host.name);
-    if (names == expected) co_return hosts;
+    if (std::ranges::equal(*hosts | std::views::transform(&DiscoveredHost::name), expected))
+      co_return hosts;
   }
   co_return std::nullopt;
 }
 
-// The listener is listed once with its host ID, whether seen over IPv4 or IPv6, among the others
-// by name, and a second service of its name under the name it gave way to; avahi-browse sees each
-// with its address, its port and, if it has one, its host ID. The listener is gone from both when
-// it stops advertising, while its connection goes on. A host not listed cannot be connected to,
-// and stop ends the lists. (A daemon that comes later or restarts is the last test's.)
+// The listener is listed once with its host ID, over IPv4 or IPv6 alike, among the others by name,
+// and a second service of its name under the name it gave way to; avahi-browse sees each with its
+// address, port and any host ID. Both see the listener go when it stops advertising, while its
+// connection goes on. A host not listed cannot be connected to, and stop ends the lists.
 TEST(QUICHostBrowser, ListsEveryHostByNameConnectsOnlyToThoseAndSeesTheListenerGo) {
   START_DISCOVERY_NETWORK(network);
   runAsync(
@@ -269,8 +255,7 @@ TEST(QUICHostBrowser, ListsEveryHostByNameConnectsOnlyToThoseAndSeesTheListenerG
         const auto withdrawn = co_await browseUntil(browsedWithout);
         EXPECT_TRUE(gone && withdrawn);
         client->send(msg::ping{4});
-        const auto after = co_await nextWithin((*host)->messages(), 5s);
-        EXPECT_EQ(after, Message(msg::ping{4}));
+        EXPECT_EQ(co_await nextWithin((*host)->messages(), 5s), Message(msg::ping{4}));
         client->close();
 
         try {
@@ -282,8 +267,7 @@ TEST(QUICHostBrowser, ListsEveryHostByNameConnectsOnlyToThoseAndSeesTheListenerG
           EXPECT_STREQ(error.what(), "unknown host Nobody._tovu._udp.local");
         }
         browser->stop();
-        const auto ended = co_await nextWithin(browser->hosts(), 10s);
-        EXPECT_EQ(ended, std::nullopt);
+        EXPECT_EQ(co_await nextWithin(browser->hosts(), 10s), std::nullopt);
       },
       30s);
 }
@@ -326,18 +310,14 @@ TEST(QUICHostBrowser, ADaemonThatComesLaterOrRestartsFillsTheListAgain) {
         const auto browser = QUICHostBrowser::start(io.get_executor());
         const auto advertiser = advertise(io, "Test Host", 4433, kHostID);
         co_await sleepFor(100ms);  // both are waiting for a daemon by now
-        network.startAvahi();
-        CO_ASSERT_TRUE(network.problem().empty());
+        CO_ASSERT_TRUE(network.startAvahi());
         const auto found = co_await listWith(*browser, kTestHostOnly);
-        EXPECT_TRUE(found);
         network.stopAvahi();
         const auto gone = co_await listWith(*browser, kNobody);
-        EXPECT_TRUE(gone);
-        network.startAvahi();
-        CO_ASSERT_TRUE(network.problem().empty());
+        EXPECT_TRUE(found && gone);
+        CO_ASSERT_TRUE(network.startAvahi());
         const auto again = co_await listWith(*browser, kTestHostOnly);
-        CO_ASSERT_TRUE(again);
-        EXPECT_EQ(*again, Hosts{kTestHost});
+        EXPECT_EQ(again, Hosts{kTestHost});
         browser->stop();
       },
       60s);

@@ -3,7 +3,6 @@
 #include "kit/transport/QUICConnection.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <asio/detached.hpp>
 
 #include <netinet/in.h>
@@ -28,7 +27,6 @@ namespace kelvaron {
 namespace {
 
 using namespace test;
-using Endpoint = asio::ip::udp::endpoint;
 
 // A listener on a free loopback port, with the host's identity.
 struct Loopback {
@@ -44,8 +42,8 @@ struct Loopback {
   }
   ServerTrust trust() const { return ServerTrust::pinned(identity.fingerprint()); }
 
-  // A client whose streams begin with `openings`, as a faulty or hostile one's might.
-  std::shared_ptr<QUICConnection> dial(std::vector<Data> openings) {
+  // A client with the right pin whose streams begin with `openings`; by default, as they should.
+  std::shared_ptr<QUICConnection> dial(std::vector<Data> openings = {}) {
     return QUICConnection::dial(executor, endpoint, trust(), {}, std::move(openings));
   }
   // A client that sends `bytes` on its control stream before anything else.
@@ -71,19 +69,14 @@ struct Loopback {
   Executor executor;
   SelfSignedIdentity identity = SelfSignedIdentity::temporary("Test Host");
   std::shared_ptr<QUICHostListener> listener;
-  Endpoint endpoint;
+  asio::ip::udp::endpoint endpoint;
 };
 
-// Everything `states` says until it ends.
-asio::awaitable<std::vector<ConnectionState>> allStates(Connection& connection) {
-  std::vector<ConnectionState> states;
-  while (auto state = co_await nextWithin(connection.states(), 5s)) states.push_back(*state);
-  co_return states;
-}
-
+// The last thing `states` says before it ends.
 asio::awaitable<ConnectionState> finalState(Connection& connection) {
-  const auto states = co_await allStates(connection);
-  co_return states.empty() ? ConnectionState{} : states.back();
+  ConnectionState last;
+  while (auto state = co_await nextWithin(connection.states(), 5s)) last = *state;
+  co_return last;
 }
 
 VideoFrame videoFrame(std::size_t size, std::uint64_t number) {
@@ -96,12 +89,15 @@ msg::fileChunk chunk(std::size_t size, std::uint64_t offset) {
   return {.transferID = 1, .fileIndex = 0, .offset = offset, .data = Data(size, 0x5a)};
 }
 
-// Expects the next item of `queue`, within five seconds, to be the one given.
-#define CO_EXPECT_NEXT(queue, ...)                           \
-  do {                                                       \
-    const auto nextInQueue = co_await nextWithin(queue, 5s); \
-    EXPECT_EQ(nextInQueue, (__VA_ARGS__));                   \
+// Expects what `awaitable` gives to be the value given. The result is named first: GCC 12
+// mishandles temporaries that live across a suspension.
+#define CO_EXPECT_EQ(awaitable, ...)         \
+  do {                                       \
+    const auto awaited = co_await awaitable; \
+    EXPECT_EQ(awaited, (__VA_ARGS__));       \
   } while (false)
+// Expects the next item of `queue`, within five seconds, to be the one given.
+#define CO_EXPECT_NEXT(queue, ...) CO_EXPECT_EQ(nextWithin(queue, 5s), __VA_ARGS__)
 
 TEST(QUICConnection, OnlyThePinnedIdentityConnectsAndBothEndsShareOneExporterAndEveryChannel) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
@@ -113,20 +109,15 @@ TEST(QUICConnection, OnlyThePinnedIdentityConnectsAndBothEndsShareOneExporterAnd
       ADD_FAILURE() << "a wrong pin was taken";
     } catch (const QUICError& error) {
       EXPECT_EQ(error.kind(), QUICError::Kind::pinMismatch);
-      EXPECT_STREQ(error.what(), "This Mac\u2019s identity changed. Re-pair?");
     }
-    const auto mismatch = co_await finalState(*mistaken);
-    EXPECT_EQ(mismatch, ConnectionState::failed("pin mismatch"));
+    CO_EXPECT_EQ(finalState(*mistaken), ConnectionState::failed("pin mismatch"));
     EXPECT_EQ(mistaken->peerCertificateFingerprint(), loopback.identity.fingerprint());
 
-    const auto client =
-        QUICConnection::dial(io.get_executor(), loopback.endpoint, loopback.trust());
+    const auto client = loopback.dial();
     co_await client->waitUntilReady();
     const auto host = co_await loopback.accepted();  // the refused one never came out
-    const auto first = co_await client->states().next();
-    const auto second = co_await client->states().next();
-    EXPECT_EQ(first->kind, ConnectionState::Kind::connecting);
-    EXPECT_EQ(second->kind, ConnectionState::Kind::ready);
+    CO_EXPECT_NEXT(client->states(), ConnectionState{});
+    CO_EXPECT_NEXT(client->states(), ConnectionState::ready());
     EXPECT_EQ(client->peerCertificateFingerprint(), loopback.identity.fingerprint());
     EXPECT_EQ(host->peerCertificateFingerprint(), std::nullopt);
     const auto exporter = client->tlsExporter();
@@ -142,14 +133,9 @@ TEST(QUICConnection, OnlyThePinnedIdentityConnectsAndBothEndsShareOneExporterAnd
     const msg::pointer move{.seq = 3, .event = pointer::moveRelative{1, 2}};
     client->send(msg::ping{7});
     client->send(move);
-    const bool taken = co_await client->sendTransfer(chunk(1000, 0));
-    EXPECT_TRUE(taken);
-    std::vector<Message> received;
-    while (received.size() < 3) {
-      auto message = co_await nextWithin(host->messages(), 5s);
-      CO_ASSERT_TRUE(message);
-      received.push_back(std::move(*message));
-    }
+    CO_EXPECT_EQ(client->sendTransfer(chunk(1000, 0)), true);
+    std::vector<Message> received(3);
+    for (auto& message : received) message = (co_await nextWithin(host->messages(), 5s)).value();
     // Each channel keeps its own order; across channels there is none.
     EXPECT_THAT(received, testing::UnorderedElementsAre(Message(msg::ping{7}), Message(move),
                                                         Message(chunk(1000, 0))));
@@ -175,13 +161,10 @@ TEST(QUICConnection, BeforeAuthenticationTheHostTakesOnlyItsStreamsAndSmallHands
     };
     for (const auto& [openings, text] : streams) {
       const auto client = loopback.dial(openings);
-      const auto state = co_await finalState(*client);
-      EXPECT_EQ(state, ConnectionState::failed("closed by peer: " + text));
+      CO_EXPECT_EQ(finalState(*client), ConnectionState::failed("closed by peer: " + text));
       // Four good streams make the host ready before it reads a bad fifth.
-      while (auto host = co_await nextWithin(loopback.listener->connections(), 50ms)) {
-        const auto hostState = co_await finalState(**host);
-        EXPECT_EQ(hostState, ConnectionState::failed(text));
-      }
+      while (auto host = co_await nextWithin(loopback.listener->connections(), 50ms))
+        CO_EXPECT_EQ(finalState(**host), ConnectionState::failed(text));
     }
 
     // Without the transfer stream the host is ready, and a transfer is refused, not waited for.
@@ -189,8 +172,7 @@ TEST(QUICConnection, BeforeAuthenticationTheHostTakesOnlyItsStreamsAndSmallHands
     const auto partialHost = co_await loopback.accepted();
     partialHost->send(msg::ping{1});
     CO_EXPECT_NEXT(partial->messages(), Message(msg::ping{1}));
-    const bool taken = co_await partialHost->sendTransfer(chunk(10, 0));
-    EXPECT_FALSE(taken);
+    CO_EXPECT_EQ(partialHost->sendTransfer(chunk(10, 0)), false);
     partial->close();
 
     // A stranger's ping is dropped and an unknown message costs only itself, while its handshake
@@ -202,25 +184,22 @@ TEST(QUICConnection, BeforeAuthenticationTheHostTakesOnlyItsStreamsAndSmallHands
     const auto host = co_await loopback.accepted();
     CO_EXPECT_NEXT(host->messages(), reveal);
     host->liftHandshakeLimits();
-    const bool large = co_await client->sendTransfer(chunk(400'000, 0));
-    EXPECT_TRUE(large);
+    CO_EXPECT_EQ(client->sendTransfer(chunk(400'000, 0)), true);
     CO_EXPECT_NEXT(host->messages(), Message(chunk(400'000, 0)));
     client->close();
 
-    // A frame above a few KiB before authentication, or a length above 64 MiB, ends the
-    // connection.
-    const std::vector<Data> fatal = {WireCodec::encodeMessage(chunk(5000, 0)),
-                                     {0x04, 0x00, 0x00, 0x01, 13}};
-    for (const Data& bytes : fatal) {
+    // Before authentication a frame above a few KiB, or any length above 64 MiB, is fatal.
+    for (const Data& bytes : {WireCodec::encodeMessage(chunk(5000, 0)), Data{4, 0, 0, 1, 13}}) {
       const auto stranger = loopback.dialSending(bytes);
       const auto state = co_await finalState(*stranger);
-      EXPECT_EQ(state.kind, ConnectionState::Kind::failed);
       EXPECT_THAT(state.failure, testing::StartsWith("closed by peer: protocol error: "));
     }
   });
 }
 
-TEST(QUICConnection, VideoAndTransfersInFlightAreBoundedButALargeOneStillGoes) {
+// Video and transfers in flight are bounded, but a large one still goes; a clean close on either
+// end delivers what was sent before it and is a close on the other.
+TEST(QUICConnection, SendsInFlightAreBoundedAndACleanCloseDeliversWhatWasSentBeforeIt) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
     const auto [client, host] = co_await loopback.connected();
@@ -238,36 +217,29 @@ TEST(QUICConnection, VideoAndTransfersInFlightAreBoundedButALargeOneStillGoes) {
     EXPECT_EQ(taken, 3);
 
     // The transfer budget admits any message when idle and makes the next wait its turn.
-    const bool large = co_await client->sendTransfer(chunk(400'000, 0));  // above the budget
-    const bool next = co_await client->sendTransfer(chunk(200'000, 400'000));
-    EXPECT_TRUE(large && next);
+    CO_EXPECT_EQ(client->sendTransfer(chunk(400'000, 0)), true);  // above the budget
+    CO_EXPECT_EQ(client->sendTransfer(chunk(200'000, 400'000)), true);
     CO_EXPECT_NEXT(host->messages(), Message(chunk(400'000, 0)));
     CO_EXPECT_NEXT(host->messages(), Message(chunk(200'000, 400'000)));
-    client->close();
-    const bool afterClose = co_await client->sendTransfer(chunk(10, 0));
-    EXPECT_FALSE(afterClose);
-  });
-}
 
-TEST(QUICConnection, ACleanCloseOnOneEndIsClosedOnTheOther) {
-  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
-    Loopback loopback(io.get_executor());
+    // What was sent before a clean close arrives whole, however long it takes to leave.
     for (const bool clientCloses : {true, false}) {
-      const auto [client, host] = co_await loopback.connected();
-      Connection& closing = clientCloses ? static_cast<Connection&>(*client) : *host;
-      Connection& other = clientCloses ? *host : static_cast<Connection&>(*client);
-      // What was sent before the close arrives whole, however long it takes to leave.
+      const auto ends = co_await loopback.connected();
+      Connection& closing = clientCloses ? static_cast<Connection&>(*ends.first) : *ends.second;
+      Connection& other = clientCloses ? *ends.second : static_cast<Connection&>(*ends.first);
       constexpr int kLastWords = 64;
       for (int i = 0; i < kLastWords; ++i) closing.send(msg::authChallenge{Data(1 << 20, 7)});
       closing.close();
       closing.close();
-      const auto closingStates = co_await allStates(closing);
-      EXPECT_EQ(std::ranges::count(closingStates, ConnectionState::closed()), 1);
+      CO_EXPECT_EQ(closing.sendTransfer(chunk(10, 0)), false);
+      int closes = 0;
+      while (auto state = co_await nextWithin(closing.states(), 5s))
+        closes += *state == ConnectionState::closed();
+      EXPECT_EQ(closes, 1);
       int heard = 0;
       while (co_await nextWithin(other.messages(), 5s)) ++heard;
       EXPECT_EQ(heard, kLastWords);
-      const auto state = co_await finalState(other);
-      EXPECT_EQ(state, ConnectionState::closed());
+      CO_EXPECT_EQ(finalState(other), ConnectionState::closed());
       EXPECT_FALSE(other.sendVideo(videoFrame(10, 1)));
     }
   });
@@ -287,17 +259,15 @@ int descriptorBoundTo(std::uint16_t port) {
   return -1;
 }
 
-// A supervisor starts a listener again on its port: the connections of the old one go on, and new
-// ones reach the new one. When the listener's socket cannot be read (its descriptor becomes a
-// pipe under it, whose next read fails as a broken socket's would) the listener fails, and its
-// stream of connections ends for the supervisor.
+// A supervisor starts a listener again on its port: the old one's connections go on, new ones reach
+// the new one. A listener whose socket cannot be read (a pipe put under its descriptor fails the
+// next read as a broken socket would) fails, and its stream of connections ends.
 TEST(QUICConnection, AListenerStartedAgainKeepsTheOldConnectionsAndOneThatCannotReadFails) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Loopback loopback(io.get_executor());
     const auto [client, host] = co_await loopback.connected();
     loopback.listener->stop();
     loopback.listener = loopback.listen(loopback.endpoint.port(), {});
-    EXPECT_EQ(loopback.listener->port(), loopback.endpoint.port());
     const auto [second, secondHost] = co_await loopback.connected();
     client->send(msg::ping{1});
     second->send(msg::ping{2});
@@ -314,8 +284,7 @@ TEST(QUICConnection, AListenerStartedAgainKeepsTheOldConnectionsAndOneThatCannot
     CO_ASSERT_TRUE(::pipe(pipe) == 0 && ::dup2(pipe[0], socket) == socket);
     asio::ip::udp::socket raw(io, asio::ip::udp::v4());
     raw.send_to(asio::buffer(Data{0xc0, 1, 2}), broken.endpoint);  // wakes the reader
-    const auto accepted = co_await nextWithin(broken.listener->connections(), 5s);
-    EXPECT_FALSE(accepted.has_value());
+    CO_EXPECT_NEXT(broken.listener->connections(), std::nullopt);
     EXPECT_TRUE(broken.listener->connections().isFinished());
     for (const int fd : {kept, pipe[0], pipe[1]}) ::close(fd);
   });
@@ -328,9 +297,8 @@ TEST(QUICConnection, AuthenticationIsBoundToTheTLSSessionOfTheConnection) {
     Loopback loopback(io.get_executor());
     const Data fingerprint = loopback.identity.fingerprint();
     const auto store = std::make_shared<PairedDeviceStore>(std::nullopt);
-    const auto service =
-        std::make_shared<HostPairingService>(AuthCrypto::randomUUID(), "studio", fingerprint, store,
-                                             nullptr, [] { return WallClock::now(); });
+    const auto service = std::make_shared<HostPairingService>(
+        AuthCrypto::randomUUID(), "studio", fingerprint, store, nullptr, WallClock::now);
     const ClientIdentity device{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
     store->add({device.deviceID, "iPad", device.privateKey.publicKey(), WallClock::now(), {}});
     for (const bool honest : {true, false}) {
@@ -341,8 +309,7 @@ TEST(QUICConnection, AuthenticationIsBoundToTheTLSSessionOfTheConnection) {
           HostAuthGate::make(io.get_executor(), host, service, AuthTimeouts{}, nullptr);
       asio::co_spawn(
           io,
-          [](std::shared_ptr<HostAuthGate> g,
-             std::shared_ptr<Connection> h) -> asio::awaitable<void> {
+          [](auto g, auto h) -> asio::awaitable<void> {
             co_await g->start();
             while (auto message = co_await h->messages().next()) co_await g->handle(*message);
           }(gate, host),
@@ -355,10 +322,9 @@ TEST(QUICConnection, AuthenticationIsBoundToTheTLSSessionOfTheConnection) {
       } else {
         const auto challenge = co_await nextWithin(client->messages(), 5s);
         const auto nonce = std::get<msg::authChallenge>(challenge.value()).nonce;
-        client->send(
-            msg::authResponse{device.deviceID, device.privateKey.publicKey(),
-                              AuthCrypto::signChallenge(nonce, fingerprint, device.deviceID,
-                                                        Data(32, 9), device.privateKey)});
+        const auto signature = AuthCrypto::signChallenge(nonce, fingerprint, device.deviceID,
+                                                         Data(32, 9), device.privateKey);
+        client->send(msg::authResponse{device.deviceID, device.privateKey.publicKey(), signature});
         CO_EXPECT_NEXT(client->messages(), Message(msg::authResult{AuthResult::denied}));
       }
       client->close();
@@ -367,14 +333,12 @@ TEST(QUICConnection, AuthenticationIsBoundToTheTLSSessionOfTheConnection) {
   });
 }
 
-std::size_t openDescriptors() {
-  return static_cast<std::size_t>(std::distance(
-      std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
+auto openDescriptors() {
+  return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd"));
 }
 
-// The first Initial packets of `count` clients, caught on a socket of our own, by destination
-// connection ID (a client may send twice): replayed to the host, they are clients that never say
-// another word.
+// The first Initial packets of `count` clients, caught on our socket by destination connection
+// ID (one may send twice): replayed to the host, they are clients that never say another word.
 asio::awaitable<std::map<std::string, Data>> firstPacketsOfClients(asio::io_context& io,
                                                                    std::size_t count) {
   asio::ip::udp::socket catcher(io, {asio::ip::make_address("127.0.0.1"), 0});
@@ -384,13 +348,10 @@ asio::awaitable<std::map<std::string, Data>> firstPacketsOfClients(asio::io_cont
     clients.push_back(
         QUICConnection::dial(io.get_executor(), catcher.local_endpoint(), ServerTrust::unpinned()));
     Data datagram(2048);
-    Endpoint from;
-    datagram.resize(
-        co_await catcher.async_receive_from(asio::buffer(datagram), from, asio::use_awaitable));
+    datagram.resize(co_await catcher.async_receive(asio::buffer(datagram), asio::use_awaitable));
     ngtcp2_version_cid header;
-    if (ngtcp2_pkt_decode_version_cid(&header, datagram.data(), datagram.size(), 16) == 0) {
+    if (ngtcp2_pkt_decode_version_cid(&header, datagram.data(), datagram.size(), 16) == 0)
       initials.emplace(std::string(header.dcid, header.dcid + header.dcidlen), datagram);
-    }
   }
   co_return initials;
 }
@@ -400,16 +361,13 @@ TEST(QUICConnection, AbandonedHandshakesAndGarbageLeaveNothingBehind) {
       [](asio::io_context& io) -> asio::awaitable<void> {
         const auto abandoned = co_await firstPacketsOfClients(io, 200);
         co_await sleepFor(100ms);  // the catching clients' sockets close
-        const std::size_t before = openDescriptors();
+        const auto before = openDescriptors();
         {
           Loopback loopback(io.get_executor(), {.handshakeTimeout = 500ms});
           asio::ip::udp::socket raw(io, asio::ip::udp::v4());
-          for (std::size_t size : {0, 1, 7, 40, 1200, 1350, 1400}) {
-            Data junk(size);
-            for (std::size_t i = 0; i < size; ++i) junk[i] = static_cast<std::uint8_t>(i * 31 + 3);
-            if (size > 0) junk[0] = 0xc0;  // looks like a long header
-            raw.send_to(asio::buffer(junk), loopback.endpoint);
-          }
+          // Junk of many sizes, each byte of which looks like the start of a long header.
+          for (std::size_t size : {0, 1, 7, 40, 1200, 1350, 1400})
+            raw.send_to(asio::buffer(Data(size, 0xc0)), loopback.endpoint);
           for (const auto& [id, initial] : abandoned)
             raw.send_to(asio::buffer(initial), loopback.endpoint);
           co_await sleepFor(1s);  // every half-open connection times out on the host
