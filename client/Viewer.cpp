@@ -13,6 +13,7 @@
 #include "kit/async/Task.hpp"
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
+#include "kit/wire/WireWriter.hpp"
 
 namespace kelvaron::client {
 
@@ -182,8 +183,12 @@ asio::awaitable<void> Viewer::mirrorClipboard() {
     co_await sleepFor(std::chrono::milliseconds(500));
     const auto text = co_await runOn(worker, [this] { return localClipboardChange(); });
     if (!text || ended_) continue;
-    out_ << "Clipboard to the host: " << text->size() << " bytes" << std::endl;
-    connection_->send(msg::clipboardText{*text});
+    // The most a message carries; the writer would cut it the same way.
+    const std::size_t sent = utf8PrefixLength(*text, kMaxStringBytes);
+    out_ << "Clipboard to the host: " << sent << " bytes";
+    if (sent < text->size()) out_ << " (the first of " << text->size() << ")";
+    out_ << std::endl;
+    connection_->send(msg::clipboardText{text->substr(0, sent)});
   }
 }
 

@@ -17,7 +17,8 @@ HostComposition::HostComposition(Executors executors, Options options)
       options_(std::move(options)),
       displays_(std::make_shared<RandrDisplayManager>(executors_.pool, options_.displayName)),
       injector_(std::make_shared<XTestInjector>(options_.displayName)),
-      power_(std::make_shared<X11PowerManager>(options_.displayName)) {
+      power_(std::make_shared<X11PowerManager>(options_.displayName)),
+      pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
 }
@@ -44,6 +45,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.encoders = std::move(encoders);
   env.injector = injector_;
   env.power = power_;
+  env.pasteboard = pasteboard_;
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;
   env.screenRecordingGranted = [name = options_.displayName] {

@@ -6,6 +6,7 @@
 
 #include "host/app/AppModel.hpp"
 #include "host/app/X11PowerManager.hpp"
+#include "host/desktop/X11Pasteboard.hpp"
 #include "host/input/XTestInjector.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 
@@ -50,6 +51,8 @@ class HostComposition {
   const std::shared_ptr<RandrDisplayManager> displays_;
   const std::shared_ptr<XTestInjector> injector_;
   const std::shared_ptr<X11PowerManager> power_;
+  // One for the process: what a session wrote stays on the clipboard after it.
+  const std::shared_ptr<X11Pasteboard> pasteboard_;
 };
 
 }  // namespace kelvaron::host

@@ -11,11 +11,13 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <thread>
 
 #include <png.h>
 
 #include "kit/transport/QUICConnection.hpp"
+#include "kit/wire/WireWriter.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/AudioSignals.hpp"
 #include "tests/support/ChildProcess.hpp"
@@ -24,6 +26,7 @@
 #include "tests/support/PulseAudioServer.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/TempDirectory.hpp"
+#include "tests/support/VirtualDisplay.hpp"
 
 namespace kelvaron::test {
 namespace {
@@ -71,13 +74,32 @@ bool near(std::uint32_t a, std::uint32_t b) {
   });
 }
 
-// A device: a home of its own for the client's identity and paired hosts.
+// A person's tools on the X display `display`.
+CommandResult onDisplay(const std::string& display, const std::string& command) {
+  return runCommand({"sh", "-c", "DISPLAY=" + display + " " + command});
+}
+// Copies `file` to the display's clipboard; xclip serves it in the background.
+void copy(const std::string& display, const fs::path& file) {
+  onDisplay(display, "xclip -selection clipboard -i '" + file.string() + "' >/dev/null 2>&1");
+}
+std::string paste(const std::string& display) {
+  return onDisplay(display, "timeout 5 xclip -o -selection clipboard").output;
+}
+fs::path writeText(const fs::path& file, const std::string& text) {
+  std::ofstream(file, std::ios::binary) << text;
+  return file;
+}
+
+// A device: a home of its own for the client's identity and paired hosts, and a desktop of its own
+// where one is given.
 struct Device {
   TempDirectory home;
   std::string name;
+  std::string display;
 
   std::vector<std::string> command(std::vector<std::string> arguments) const {
-    std::vector<std::string> all = {"env", "XDG_DATA_HOME=" + home.path().string(), TOVU_CLIENT};
+    std::vector<std::string> all = {"env", "XDG_DATA_HOME=" + home.path().string(),
+                                    "DISPLAY=" + display, TOVU_CLIENT};
     all.insert(all.end(), arguments.begin(), arguments.end());
     all.insert(all.end(), {"--name", name});
     return all;
@@ -341,6 +363,100 @@ TEST(EndToEnd, PairsByComparingCodesThatThePersonAtTheHostConfirms) {
   EXPECT_TRUE(waitFor(log, "Paired with ", 1, 30s)) << readFile(log);
   const auto streamed = ann.run(ann.connect(host.address(), "1"));
   EXPECT_TRUE(streamed.succeeded()) << streamed.output;
+}
+
+}  // namespace
+}  // namespace kelvaron::test
+
+namespace kelvaron::test {
+namespace {
+
+// With openbox and an xterm on the host's screen, and a second monitor that becomes the main one.
+TEST(EndToEnd, TheCursorMovesByOthersAndPicturesOfTheOtherDisplayReachTheDevice) {
+  Host host;
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const fs::path work = ann.home.path();
+  ChildProcess windowManager({"env", "DISPLAY=" + host.display(), "openbox", "--sm-disable"},
+                             work / "openbox.log");
+  ChildProcess terminal({"env", "DISPLAY=" + host.display(), "xterm", "-geometry", "40x10+0+0"},
+                        work / "xterm.log");
+  if (!onDisplay(host.display(), "timeout 10 xdotool search --sync --class xterm").succeeded())
+    GTEST_SKIP() << "no xterm under openbox: " << readFile(work / "openbox.log");
+  ScreenPainter painter(host.display());
+  ASSERT_TRUE(painter.setMonitor("TOVU-RIGHT", 400, 0, 400, 600, true));
+
+  const fs::path cursor = work / "cursor", thumbnails = work / "thumbnails";
+  const fs::path log = work / "connect.log";
+  auto watching = ann.start(
+      ann.connect(host.address(), "6",
+                  {"--save-cursor", cursor.string(), "--save-thumbnails", thumbnails.string()}),
+      log);
+  const auto streamed = waitFor(log, "Stream: display ", 1, 30s);
+  ASSERT_TRUE(streamed) << readFile(log);
+  // Over the root's right half, then over the terminal's text.
+  onDisplay(host.display(), "xdotool mousemove 700 450");
+  ASSERT_TRUE(waitFor(cursor / "cursor.log", "state 0 " + *streamed + " 0.75 0.75", 1, 10s))
+      << readFile(cursor / "cursor.log");
+  onDisplay(host.display(), "xdotool mousemove 60 40");
+  ASSERT_TRUE(waitFor(log, " cursor positions and ", 1, 20s)) << readFile(log);
+
+  std::set<std::string> shapes;
+  for (const auto& entry : fs::directory_iterator(cursor)) {
+    if (entry.path().extension() != ".png") continue;
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    EXPECT_TRUE(png_image_begin_read_from_file(&image, entry.path().c_str())) << entry.path();
+    png_image_free(&image);
+    shapes.insert(entry.path().stem());
+  }
+  EXPECT_GE(shapes.size(), 2u) << "the root's arrow and the terminal's text cursor";
+  int pictures = 0;
+  for (const auto& entry : fs::directory_iterator(thumbnails)) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("display-" + *streamed + "-"));
+    ++pictures;
+  }
+  EXPECT_GE(pictures, 3) << "about one a second of the other display, for 6 s";
+}
+
+// The device's desktop is a second X server; xclip copies and pastes on each side.
+TEST(EndToEnd, TheClipboardGoesEachWayOnceAndNeverBack) {
+  Host host;
+  HOST_OR_SKIP(host);
+  const VirtualDisplay desk;
+  SKIP_WITHOUT_DISPLAY(desk);
+  const Device ann{{}, "Ann's iPad", desk.name()};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const fs::path work = ann.home.path();
+  const fs::path log = work / "connect.log";
+  auto watching = ann.start(ann.connect(host.address(), "60", {"--clipboard"}), log);
+  ASSERT_TRUE(waitFor(log, "Connected to", 1, 30s)) << readFile(log);
+
+  const std::string greeting = "Grüße aus dem Studio – 東京 ✓";
+  copy(host.display(), writeText(work / "greeting.txt", greeting));
+  ASSERT_TRUE(waitFor(log, "Clipboard from the host: ", 1, 10s)) << readFile(log);
+  EXPECT_EQ(paste(desk.name()), greeting);
+
+  // 5 MB leaves the device's desktop in pieces (INCR); a message carries its first 64 KiB, cut
+  // on a character.
+  std::string big;
+  for (int line = 0; big.size() < 5'000'000; ++line) big += std::to_string(line) + " äöü €\n";
+  const std::string cut = big.substr(0, utf8PrefixLength(big, kMaxStringBytes));
+  copy(desk.name(), writeText(work / "big.txt", big));
+  EXPECT_EQ(waitFor(log, "Clipboard to the host: ", 1, 20s), std::to_string(cut.size()))
+      << readFile(log);
+  std::string pasted;
+  for (int i = 0; i < 50 && pasted != cut; ++i) {
+    pasted = paste(host.display());
+    if (pasted != cut) std::this_thread::sleep_for(200ms);
+  }
+  EXPECT_TRUE(pasted == cut) << pasted.size() << " bytes pasted";
+
+  // Copied after it on the host: had the big text come back, it would have come first.
+  copy(host.display(), writeText(work / "done.txt", "done"));
+  EXPECT_EQ(waitFor(log, "Clipboard from the host: ", 2, 10s), "4") << readFile(log);
+  EXPECT_EQ(waitFor(log, "Clipboard to the host: ", 2, 1s), std::nullopt) << readFile(log);
 }
 
 }  // namespace
