@@ -7,6 +7,8 @@
 #include "host/audio/PulseAudioCapture.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
+#include "host/video/X11Thumbnails.hpp"
+#include "host/video/XFixesCursorSource.hpp"
 #include "kit/crypto/SecretStore.hpp"
 #include "kit/transport/QUICHostListener.hpp"
 
@@ -46,6 +48,8 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.injector = injector_;
   env.power = power_;
   env.pasteboard = pasteboard_;
+  env.cursorSource = std::make_shared<XFixesCursorSource>(executors_.pool, options_.displayName);
+  env.thumbnails = std::make_shared<X11Thumbnails>(executors_.pool, options_.displayName);
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;
   env.screenRecordingGranted = [name = options_.displayName] {

@@ -393,8 +393,9 @@ TEST(EndToEnd, TheCursorMovesByOthersAndPicturesOfTheOtherDisplayReachTheDevice)
       ann.connect(host.address(), "6",
                   {"--save-cursor", cursor.string(), "--save-thumbnails", thumbnails.string()}),
       log);
-  const auto streamed = waitFor(log, "Stream: display ", 1, 30s);
+  auto streamed = waitFor(log, "Stream: display ", 1, 30s);
   ASSERT_TRUE(streamed) << readFile(log);
+  streamed->pop_back();  // the comma after the ID
   // Over the root's right half, then over the terminal's text.
   onDisplay(host.display(), "xdotool mousemove 700 450");
   ASSERT_TRUE(waitFor(cursor / "cursor.log", "state 0 " + *streamed + " 0.75 0.75", 1, 10s))
