@@ -27,6 +27,9 @@ packages=(
   xvfb x11-xkb-utils
   # the host: keeping the display awake; the pairing URL as a QR code; the client's saved frames
   libxcb-screensaver0-dev libqrencode-dev libpng-dev
+  # the cursor's image (XFixes, PNG) and display thumbnails (JPEG); the client's clipboard and the
+  # tests' other X clients (xclip, xdotool) and window manager
+  libturbojpeg0-dev xclip xdotool openbox
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils

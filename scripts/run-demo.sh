@@ -71,9 +71,11 @@ echo "== streaming picture and sound for $SECONDS_TO_STREAM seconds"
 host_id=$(build/release/apps/tovu-client hosts | head -1 | cut -d' ' -f1)
 build/release/apps/tovu-client connect "$host_id" --address "127.0.0.1:$port" \
   --seconds "$SECONDS_TO_STREAM" --save-frame "$work/last-frame.png" \
-  --type $'echo Hello from the Tovu client\n' --audio-out "$work/heard.wav"
+  --type $'echo Hello from the Tovu client\n' --audio-out "$work/heard.wav" \
+  --save-cursor "$work/cursor"
 
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"
 echo "What the client heard: $work/heard.wav"
+echo "The pointer's images and positions: $work/cursor"
 echo "The host's log: $work/host.log"
