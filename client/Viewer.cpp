@@ -44,6 +44,7 @@ asio::awaitable<void> Viewer::run() {
     endSecond(++second);
   }
   connection_->close();
+  ended_ = true;
   leave();
 }
 
@@ -179,8 +180,10 @@ asio::awaitable<void> Viewer::mirrorClipboard() {
   const auto worker = clipboardThread_.get_executor();
   // What was on this desktop's clipboard before connecting is never sent.
   co_await runOn(worker, [this] { return localClipboardChange(); });
-  while (!ended_) {
+  for (;;) {
     co_await sleepFor(std::chrono::milliseconds(500));
+    // Checked before each hop: once the viewer leaves, its clipboard thread takes no more work.
+    if (ended_) co_return;
     const auto text = co_await runOn(worker, [this] { return localClipboardChange(); });
     if (!text || ended_) continue;
     // The most a message carries; the writer would cut it the same way.
@@ -225,6 +228,8 @@ void Viewer::endSecond(int second) {
 }
 
 void Viewer::leave() {
+  // No clipboard work outlives the viewer's run, nor ends on that thread holding the viewer.
+  clipboardThread_.join();
   const bool wantsPicture = !options_.saveFrame.empty();
   const bool saved = wantsPicture && latest_ && writePNG(options_.saveFrame, *latest_);
   if (saved) {
