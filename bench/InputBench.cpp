@@ -1,6 +1,6 @@
 // A burst of 1,000 relative pointer moves through XTestInjector into a real Xvfb (which the
-// benchmark starts): events per second and the cost of one, from the first call to the server
-// having applied the last move.
+// benchmark starts): events per second and the cost of one, from the first call to the last move
+// having gone out to the server.
 
 #include <benchmark/benchmark.h>
 
@@ -24,7 +24,7 @@ void pointerMoveBurst(benchmark::State& state) {
       const float step = i % 2 == 0 ? 3.0f : -3.0f;
       injector.injectPointer(kOwner, pointer::moveRelative{step, step}, std::nullopt);
     }
-    benchmark::DoNotOptimize(injector.currentPointerPosition());  // a round trip: all applied
+    benchmark::DoNotOptimize(injector.currentPointerPosition());  // waits for the last to go out
   }
   state.counters["moves_per_s"] =
       benchmark::Counter(double(kMoves) * double(state.iterations()), benchmark::Counter::kIsRate);

@@ -32,6 +32,8 @@ class InputInjector {
                              const std::optional<DisplayInfo>& display) = 0;
   // Types UTF-8 text through the keyboard layout in force.
   virtual void injectText(InputOwner owner, const std::string& text) = 0;
+  // Where the pointer is, in points from the main display's top left corner; none while the
+  // computer's pointer cannot be reached. The pointer events asked for before the call are in it.
   virtual std::optional<Point> currentPointerPosition() = 0;
   // Lets go of every key and button that `owner` holds down, and undoes what it changed of the
   // keyboard; for the end of its session.

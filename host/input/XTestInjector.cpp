@@ -1,6 +1,8 @@
 #include "host/input/XTestInjector.hpp"
 
+#include <xcb/randr.h>
 #include <xcb/xcb.h>
+#include <xcb/xinput.h>
 #include <xcb/xtest.h>
 // xcb's XKB header names a field after a C++ keyword.
 #define explicit explicit_
@@ -12,7 +14,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <future>
 #include <thread>
 #include <vector>
 
@@ -77,8 +78,12 @@ std::uint8_t buttonNumber(PointerButton button) {
 
 // One connection to the X server, with what was learnt of it.
 struct XTestInjector::Server {
-  xcb_connection_t* c = nullptr;
+  std::shared_ptr<X11Connection> x;
+  xcb_connection_t* c = nullptr;  // x's
   xcb_window_t root = 0;
+  std::optional<std::uint8_t> inputOpcode;  // XInput 2's, when it tells of raw motion
+  std::optional<std::uint8_t> randrBase;    // the first RANDR event code
+  bool reportedRefusal = false;             // one log line for the requests the server refused
   xkb_context* xkb = nullptr;
   std::int32_t keyboard = -1;  // the core keyboard's XKB device
   xcb_atom_t rulesNames = XCB_ATOM_NONE;
@@ -93,20 +98,15 @@ struct XTestInjector::Server {
   ~Server() {
     layout.reset();
     if (xkb) xkb_context_unref(xkb);
-    if (c) xcb_disconnect(c);
   }
 
-  // Throws std::runtime_error with a text for a person.
-  static std::unique_ptr<Server> open(const std::string& displayName) {
+  // Its events are read on `executor`, once asked for. Throws std::runtime_error with a text for a
+  // person.
+  static std::unique_ptr<Server> open(const Executor& executor, const std::string& displayName) {
     auto server = std::make_unique<Server>();
-    int screenNumber = 0;
-    server->c = xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber);
-    if (const int error = xcb_connection_has_error(server->c)) {
-      throw std::runtime_error(describeX11Error(error));
-    }
-    auto screens = xcb_setup_roots_iterator(xcb_get_setup(server->c));
-    for (int i = 0; i < screenNumber && screens.rem > 0; ++i) xcb_screen_next(&screens);
-    server->root = screens.data->root;
+    server->x = X11Connection::open(executor, displayName);
+    server->c = server->x->get();
+    server->root = server->x->root();
     const auto* xtest = xcb_get_extension_data(server->c, &xcb_test_id);
     if (!xtest || !xtest->present) throw std::runtime_error("The X server has no XTEST extension.");
     if (!xkb_x11_setup_xkb_extension(
@@ -122,7 +122,38 @@ struct XTestInjector::Server {
     const XcbReply<xcb_intern_atom_reply_t> atom(xcb_intern_atom_reply(
         server->c, xcb_intern_atom(server->c, 0, 16, "_XKB_RULES_NAMES"), nullptr));
     if (atom) server->rulesNames = atom->atom;
+    server->watch();
     return server;
+  }
+
+  // Asks to be told of every motion of a master pointer, whoever makes it (the raw events of
+  // XInput 2.1 and later reach the root whatever grabs there are), and of every change of the
+  // monitors, the way the display list learns of them.
+  void watch() {
+    if (const auto* input = xcb_get_extension_data(c, &xcb_input_id); input && input->present) {
+      const XcbReply<xcb_input_xi_query_version_reply_t> version(
+          xcb_input_xi_query_version_reply(c, xcb_input_xi_query_version(c, 2, 2), nullptr));
+      if (version && version->major_version >= 2) {
+        struct {
+          xcb_input_event_mask_t head;
+          std::uint32_t bits;
+        } mask{{std::uint16_t(XCB_INPUT_DEVICE_ALL_MASTER), 1},
+               std::uint32_t(XCB_INPUT_XI_EVENT_MASK_RAW_MOTION)};
+        xcb_input_xi_select_events(c, root, 1, &mask.head);
+        inputOpcode = input->major_opcode;
+      }
+    }
+    if (const auto* randr = xcb_get_extension_data(c, &xcb_randr_id); randr && randr->present) {
+      xcb_randr_select_input(c, root,
+                             XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE |
+                                 XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE |
+                                 XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
+      randrBase = randr->first_event;
+    }
+    // Monitors that clients set or delete are told only through the root's ConfigureNotify.
+    const std::uint32_t rootEvents = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    xcb_change_window_attributes(c, root, XCB_CW_EVENT_MASK, &rootEvents);
+    xcb_flush(c);
   }
 
   // The layout's name as setxkbmap and desktops set it on the root window: a change means the
@@ -173,10 +204,18 @@ struct XTestInjector::Modifiers {
 XTestInjector::XTestInjector(std::string displayName)
     : displayName_(std::move(displayName)),
       keepRunning_(asio::make_work_guard(context_)),
-      thread_([this] { context_.run(); }) {}
+      thread_([this] { context_.run(); }) {
+  // Connect now, so that the pointer is known before anyone asks.
+  schedulePointerRead();
+}
 
 XTestInjector::~XTestInjector() {
-  asio::post(context_, [this] { releaseHeld([](InputOwner) { return true; }); });
+  asio::post(context_, [this] {
+    releaseHeld([](InputOwner) { return true; });
+    // The connection waits on the context, which must not outlive it; no other is made.
+    closing_ = true;
+    server_.reset();
+  });
   keepRunning_.reset();
   thread_.join();
 }
@@ -188,6 +227,8 @@ void XTestInjector::post(InputOwner owner, Work work) {
   asio::post(context_, [this, owner, work = std::move(work)] {
     owner_ = owner;
     work();
+    // What came in while a reply was awaited: the descriptor will not tell of it again.
+    if (server_) server_->x->dispatchQueuedEvents();
   });
 }
 
@@ -201,7 +242,13 @@ void XTestInjector::injectText(InputOwner owner, const std::string& text) {
 
 void XTestInjector::injectPointer(InputOwner owner, const PointerEvent& event,
                                   const std::optional<DisplayInfo>& display) {
-  post(owner, [this, event, display] { pointer(event, display); });
+  // Numbered under the lock, so that the numbers are done in the order they are given.
+  std::lock_guard lock(beliefLock_);
+  const std::uint64_t number = ++pointerAsked_;
+  post(owner, [this, event, display, number] {
+    pointer(event, display);
+    publish(number);
+  });
 }
 
 void XTestInjector::release(InputOwner owner) {
@@ -210,35 +257,120 @@ void XTestInjector::release(InputOwner owner) {
   });
 }
 
-// A round trip to the injector's thread and to the server: everything asked before it has been
-// sent when it answers.
+// The belief as the injector's thread last published it, once the pointer events asked for before
+// the call are done; while none is on its way, at once. A belief left unchecked for kRecheck gets
+// a reading, which the caller does not wait for; with no server, that reading tries to connect.
 std::optional<Point> XTestInjector::currentPointerPosition() {
-  std::promise<std::optional<Point>> answer;
-  asio::post(context_, [this, &answer] {
-    if (!ensureServer()) return answer.set_value(std::nullopt);
-    resync(uptimeSeconds(), readScreen().origin);
-    answer.set_value(tracker_.position());
-  });
-  return answer.get_future().get();
+  std::unique_lock lock(beliefLock_);
+  const std::uint64_t asked = pointerAsked_;
+  pointerApplied_.wait(lock, [&] { return pointerDone_ >= asked; });
+  // A server without XInput 2 tells of no motion: every look asks for the next reading.
+  const double recheck = published_ && !motionEvents_ ? 0 : kRecheck;
+  if (!readPosted_ && uptimeSeconds() - checkedAt_ >= recheck) {
+    readPosted_ = true;
+    asio::post(context_, [this] { readPointer(); });
+  }
+  return published_;
+}
+
+void XTestInjector::schedulePointerRead() {
+  std::lock_guard lock(beliefLock_);
+  if (std::exchange(readPosted_, true)) return;
+  asio::post(context_, [this] { readPointer(); });
+}
+
+void XTestInjector::readPointer() {
+  {
+    std::lock_guard lock(beliefLock_);
+    readPosted_ = false;  // motion from now on asks for another reading
+    checkedAt_ = uptimeSeconds();
+  }
+  if (ensureServer()) {
+    resync(uptimeSeconds(), false);
+    server_->x->dispatchQueuedEvents();
+  }
+  publish();
+}
+
+void XTestInjector::publish(std::uint64_t applied) {
+  {
+    std::lock_guard lock(beliefLock_);
+    published_ = server_ ? tracker_.position() : std::nullopt;
+    pointerDone_ = std::max(pointerDone_, applied);
+  }
+  if (applied) pointerApplied_.notify_all();
 }
 
 bool XTestInjector::ensureServer() {
-  if (server_ && !xcb_connection_has_error(server_->c)) return true;
-  if (server_) {
-    // The keys and buttons went with the server.
-    server_.reset();
-    heldKeys_.clear();
-    heldButtons_.clear();
-  }
+  if (server_ && !server_->x->broken()) return true;
+  if (server_) dropServer();
+  if (closing_) return false;
   try {
-    server_ = Server::open(displayName_);
+    server_ = Server::open(context_.get_executor(), displayName_);
   } catch (const std::exception& failure) {
     if (!reportedNoServer_) log_.error("No input to the X server: %s", failure.what());
     reportedNoServer_ = true;
     return false;
   }
   reportedNoServer_ = false;
+  screenStale_ = true;
+  if (!server_->inputOpcode) {
+    log_.error("The X server has no XInput 2: the pointer is read again at every look");
+  }
+  {
+    std::lock_guard lock(beliefLock_);
+    motionEvents_ = server_->inputOpcode.has_value();
+  }
+  // The connection and its handlers end with server_, on this thread.
+  server_->x->startEvents([this](const xcb_generic_event_t& event) { handleEvent(event); },
+                          [this](const std::string& reason) { connectionLost(reason); });
   return true;
+}
+
+void XTestInjector::dropServer() {
+  // The keys and buttons went with the server.
+  server_.reset();
+  heldKeys_.clear();
+  heldButtons_.clear();
+}
+
+void XTestInjector::handleEvent(const xcb_generic_event_t& event) {
+  const unsigned type = event.response_type & 0x7f;
+  if (type == 0) {
+    // XTEST and keymap requests have no replies: what the server refused comes as an event.
+    if (!std::exchange(server_->reportedRefusal, true)) {
+      const auto& error = reinterpret_cast<const xcb_generic_error_t&>(event);
+      log_.error(
+          "The X server refused an input request (error %u, request %u.%u); further "
+          "refusals on this connection go unlogged",
+          unsigned(error.error_code), unsigned(error.major_code), unsigned(error.minor_code));
+    }
+    return;
+  }
+  if (type == XCB_GE_GENERIC) {
+    const auto& generic = reinterpret_cast<const xcb_ge_generic_event_t&>(event);
+    if (generic.extension == server_->inputOpcode && generic.event_type == XCB_INPUT_RAW_MOTION) {
+      schedulePointerRead();  // once for the events already queued: it runs after them
+    }
+    return;
+  }
+  // Wraps for events below RANDR's.
+  const unsigned randrType = server_->randrBase ? type - *server_->randrBase : ~0u;
+  if (type == XCB_CONFIGURE_NOTIFY || randrType == XCB_RANDR_SCREEN_CHANGE_NOTIFY ||
+      randrType == XCB_RANDR_NOTIFY) {
+    // The main display may have moved under a pointer that stood still.
+    screenStale_ = true;
+    schedulePointerRead();
+  }
+}
+
+void XTestInjector::connectionLost(const std::string& reason) {
+  log_.error("Lost the X server: %s", reason.c_str());
+  // Not from inside the connection's own call: it goes on the next turn.
+  asio::post(context_, [this] {
+    if (server_ && server_->x->broken()) dropServer();
+    publish();
+  });
 }
 
 const KeyboardLayout* XTestInjector::currentLayout() {
@@ -425,6 +557,8 @@ void XTestInjector::restoreSpareKeys() {
 
 void XTestInjector::pointer(const PointerEvent& event, const std::optional<DisplayInfo>& display) {
   if (!ensureServer()) return;
+  // A change of the monitors that has come in is known before the move is placed.
+  server_->x->dispatchQueuedEvents();
   if (const auto* move = std::get_if<pointer::moveRelative>(&event)) {
     moveRelative(move->dx, move->dy);
   } else if (const auto* absolute = std::get_if<pointer::moveAbsolute>(&event)) {
@@ -438,23 +572,32 @@ void XTestInjector::pointer(const PointerEvent& event, const std::optional<Displ
   xcb_flush(server_->c);
 }
 
-XTestInjector::Screen XTestInjector::readScreen() {
-  const auto monitors = queryMonitors(server_->c, server_->root);
-  Screen screen;
-  if (monitors.empty()) return screen;
-  const RandrMonitor& main = monitors[mainMonitorIndex(monitors)];
-  screen.origin = {double(main.x), double(main.y)};
-  for (const DisplayInfo& d : displayListFromMonitors(monitors)) screen.displays.push_back(d.frame);
-  return screen;
+const XTestInjector::Screen& XTestInjector::screen() {
+  if (!screenStale_) return screen_;
+  // xcb closes a connection that sends a request of an extension the server lacks.
+  const auto monitors =
+      server_->randrBase ? queryMonitors(server_->c, server_->root) : std::vector<RandrMonitor>{};
+  screen_ = {};
+  if (!monitors.empty()) {
+    const RandrMonitor& main = monitors[mainMonitorIndex(monitors)];
+    screen_.origin = {double(main.x), double(main.y)};
+    for (const DisplayInfo& d : displayListFromMonitors(monitors)) {
+      screen_.displays.push_back(d.frame);
+    }
+  }
+  // A server that told of no monitors (or refused) is asked again at the next use.
+  screenStale_ = monitors.empty() && server_->randrBase;
+  return screen_;
 }
 
-void XTestInjector::resync(double now, Point origin) {
+void XTestInjector::resync(double now, bool report) {
   const std::optional<Point> expected = tracker_.position();
+  const Point origin = screen().origin;
   const XcbReply<xcb_query_pointer_reply_t> pointer(
       xcb_query_pointer_reply(server_->c, xcb_query_pointer(server_->c, server_->root), nullptr));
   std::optional<Point> real;
   if (pointer) real = Point{pointer->root_x - origin.x, pointer->root_y - origin.y};
-  if (tracker_.observe(real, now) && expected) {
+  if (tracker_.observe(real, now) && expected && report) {
     sessionLog_.info("cursor resync: real %.*f,%.*f vs expected %.*f,%.*f", 1, real->x, 1, real->y,
                      1, expected->x, 1, expected->y);
   }
@@ -473,13 +616,13 @@ void XTestInjector::moveRelative(float dx, float dy) {
     return;
   }
   const double now = uptimeSeconds();
-  const Screen screen = readScreen();
-  resync(now, screen.origin);
+  resync(now, true);
   const Point base = tracker_.position().value_or(Point{});
-  const Point target = clampToDisplays({base.x + double(dx), base.y + double(dy)}, screen.displays);
+  const Point target =
+      clampToDisplays({base.x + double(dx), base.y + double(dy)}, screen().displays);
   tracker_.record(target, now);
   // The Mac's move events also carry the client's deltas, for games; X11's core events have none.
-  moveTo(target, screen.origin);
+  moveTo(target, screen().origin);
 }
 
 void XTestInjector::moveAbsolute(const DisplayInfo& display, float x, float y) {
@@ -487,14 +630,13 @@ void XTestInjector::moveAbsolute(const DisplayInfo& display, float x, float y) {
   const DisplayFrame& f = display.frame;
   const Point target{f.x + unit(x) * f.width, f.y + unit(y) * f.height};
   const double now = uptimeSeconds();
-  const Point origin = readScreen().origin;
-  resync(now, origin);
+  resync(now, true);
   tracker_.record(target, now);
-  moveTo(target, origin);
+  moveTo(target, screen().origin);
 }
 
 void XTestInjector::button(PointerButton which, bool isDown) {
-  resync(uptimeSeconds(), readScreen().origin);
+  resync(uptimeSeconds(), true);
   sendButton(buttonNumber(which), isDown);
 }
 

@@ -1,10 +1,14 @@
 #pragma once
 
-#include <cstdint>
+#include <xcb/xcb.h>
+
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,10 +27,17 @@ class KeyboardLayout;
 // carries it for the moment. X11 has no click counts and no scroll phases: a double click is two
 // clicks in quick succession, as the client sends them, and scrolling turns into wheel clicks.
 // Calls return at once: the work runs on the injector's own thread, in the order of the calls.
+// The pointer's position is kept by that thread as the server tells of motion (XInput 2 raw
+// motion, whoever moves it, and RANDR changes of the main display), so that reading it while
+// nothing moves costs neither a round trip nor a wait for that thread.
 class XTestInjector : public InputInjector {
  public:
-  // `displayName` empty: $DISPLAY. Connects at the first event, and again after the server went
-  // away; until then events are dropped.
+  // How long a belief about the pointer may stand unchecked while somebody reads it. An
+  // application's warp makes no raw motion: it is seen at the latest this long after it.
+  static constexpr double kRecheck = 1.0;  // seconds
+
+  // `displayName` empty: $DISPLAY. Connects at once, and again after the server went away;
+  // events that find no server are dropped.
   explicit XTestInjector(std::string displayName);
   ~XTestInjector() override;
 
@@ -34,6 +45,7 @@ class XTestInjector : public InputInjector {
   void injectPointer(InputOwner owner, const PointerEvent& event,
                      const std::optional<DisplayInfo>& display) override;
   void injectText(InputOwner owner, const std::string& text) override;
+  // Includes every pointer event asked for before the call; waits only while one is on its way.
   std::optional<Point> currentPointerPosition() override;
   void release(InputOwner owner) override;
 
@@ -41,21 +53,33 @@ class XTestInjector : public InputInjector {
   struct Server;
   struct Modifiers;
 
-  // On the injector's thread, as all below.
   template <class Work>
   void post(InputOwner owner, Work work);
+  // On the injector's thread, as all below.
   void key(const KeyEvent& event);
   void type(const std::string& text);
   void pointer(const PointerEvent& event, const std::optional<DisplayInfo>& display);
   bool ensureServer();
+  void dropServer();
+  void handleEvent(const xcb_generic_event_t& event);
+  void connectionLost(const std::string& reason);
   const KeyboardLayout* currentLayout();
   // Where the main display's top left corner lies in the root window, and the displays in points.
   struct Screen {
     Point origin;
     std::vector<DisplayFrame> displays;
   };
-  Screen readScreen();
-  void resync(double now, Point origin);
+  // Read again only after the server told of a change, or when it had no monitors to tell of.
+  const Screen& screen();
+  // Reads the pointer from the server once for all that asked since the last reading.
+  void schedulePointerRead();
+  void readPointer();
+  // Asks the server where the pointer is; a reading elsewhere than the belief replaces it, which
+  // is logged when `report`.
+  void resync(double now, bool report);
+  // Makes the belief (none without a server) what callers read; `applied`: the last pointer event
+  // done.
+  void publish(std::uint64_t applied = 0);
   void moveTo(Point target, Point origin);
   void moveRelative(float dx, float dy);
   void moveAbsolute(const DisplayInfo& display, float x, float y);
@@ -74,6 +98,9 @@ class XTestInjector : public InputInjector {
   // Owned by the injector's thread.
   std::unique_ptr<Server> server_;
   bool reportedNoServer_ = false;  // one log line for a run of failed connections
+  bool closing_ = false;           // no more connections
+  Screen screen_;
+  bool screenStale_ = true;
   PointerTracker tracker_;
   // Who is injecting now: what goes down is theirs.
   InputOwner owner_ = 0;
@@ -82,6 +109,14 @@ class XTestInjector : public InputInjector {
   HostScroll::Remainder scrollRemainder_;
   Logger log_{"io.dovka.tovu.host", "input"};
   Logger sessionLog_{"io.dovka.tovu.host", "session"};
+  // What callers read of the pointer, kept by the injector's thread.
+  std::mutex beliefLock_;
+  std::condition_variable pointerApplied_;
+  std::optional<Point> published_;
+  std::uint64_t pointerAsked_ = 0, pointerDone_ = 0;  // pointer events, in the order of the calls
+  double checkedAt_ = -1e300;  // uptime of the last reading of the pointer, or attempt to connect
+  bool readPosted_ = false;    // a reading is on its way
+  bool motionEvents_ = false;  // the server tells of every motion (XInput 2)
   // The injector's own thread, on which all of the above is touched, in the order of the calls.
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> keepRunning_;

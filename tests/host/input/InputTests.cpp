@@ -5,10 +5,13 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <cmath>
+#include <future>
 #include <limits>
 #include <map>
 #include <memory>
+#include <thread>
 #include <tuple>
 
 #include "host/input/HIDKeyNames.hpp"
@@ -158,7 +161,7 @@ TEST(XTestInjector, KeysAndTextArriveAsSentUnderEachLayoutAndSpareKeysAreGivenBa
       EXPECT_EQ(recorder.keycodesTyping(0x10065E5), 1u);
       recorder.lockKeyboardGroup(1);
       injector.injectText(kOwner, "a");
-      injector.currentPointerPosition();  // a round trip: the text has gone out
+      EXPECT_EQ(InputRecorder::typed(recorder.take()), "a");  // what went before it is done
       EXPECT_EQ(recorder.keycodesTyping(0x10065E5), 0u);
       continue;
     }
@@ -263,6 +266,53 @@ TEST(XTestInjector, ThePointerMovesClicksDragsAndScrollsAsAPersonWould) {
   EXPECT_EQ(only(released, Kind::keyRelease).size(), 1u);
   injector.release(kOtherOwner);
   EXPECT_EQ(only(recorder.take(), Kind::keyRelease).size(), 1u);
+}
+
+// The injector hears of the pointer from the server rather than asking at each look: a move by
+// another client through XTEST, as a mouse makes them, is seen soon; an application's warp, which
+// the server tells nobody of, within the recheck; a new main display moves the origin under a still
+// pointer. A look at a still pointer waits for nothing, not even a server another client grabbed.
+TEST(XTestInjector, LearnsOfOthersMovesAndALookAtAStillPointerWaitsForNothing) {
+  VirtualDisplay x(1280, 480);
+  SKIP_WITHOUT_DISPLAY(x);
+  ScreenPainter painter(x.name());
+  ASSERT_TRUE(painter.setMonitor("LEFT", 0, 0, 640, 480, true));
+  ASSERT_TRUE(painter.setMonitor("RIGHT", 640, 0, 640, 480, false));
+  XTestInjector injector(x.name());
+  const auto sees = [&](Point wanted, double seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (injector.currentPointerPosition() != wanted) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+  };
+
+  ASSERT_TRUE(sees({640, 240}, 5));  // where Xvfb starts it, in the middle of its screen
+  painter.warpPointer(100, 100);
+  EXPECT_TRUE(sees({100, 100}, XTestInjector::kRecheck + 2));
+  // Each seen within half the recheck: a reading a second would catch one of them at most.
+  for (int i = 1; i <= 3; ++i) {
+    const auto moved = runCommand(
+        {"env", "DISPLAY=" + x.name(), "xdotool", "mousemove_relative", "--", "10", "5"});
+    ASSERT_TRUE(moved.succeeded()) << "xdotool: " << moved.output;
+    EXPECT_TRUE(sees({100.0 + 10 * i, 100.0 + 5 * i}, XTestInjector::kRecheck / 2)) << i;
+  }
+  // The right monitor becomes the main display: the pointer lies 640 points left of its corner.
+  ASSERT_TRUE(painter.deleteMonitor("LEFT") && painter.deleteMonitor("RIGHT"));
+  ASSERT_TRUE(painter.setMonitor("RIGHT", 640, 0, 640, 480, true));
+  EXPECT_TRUE(sees({130 - 640, 115}, XTestInjector::kRecheck / 2));
+
+  // While another client holds the server, it answers nobody else.
+  xcb_connection_t* holder = xcb_connect(x.name().c_str(), nullptr);
+  xcb_grab_server(holder);
+  std::free(xcb_get_input_focus_reply(holder, xcb_get_input_focus(holder), nullptr));
+  auto look = std::async(std::launch::async, [&] { return injector.currentPointerPosition(); });
+  const bool answered = look.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready;
+  xcb_ungrab_server(holder);
+  xcb_disconnect(holder);
+  EXPECT_TRUE(answered) << "a look at a still pointer waited for the server";
+  EXPECT_EQ(look.get(), (Point{130 - 640, 115}));
 }
 
 }  // namespace
