@@ -17,11 +17,11 @@
 #include <xcb/xcb.h>
 
 #include <algorithm>
-#include <cmath>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
 #include <asio/thread_pool.hpp>
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <map>
@@ -60,6 +60,7 @@ double percentile(std::vector<double> values, double p) {
 }
 
 struct Results {
+  std::uint32_t display = 0;  // the one the moves are made on, from the display list
   double idleCore = 0;
   std::map<std::uint32_t, Clock::time_point> sent, echoed;  // by sequence number
   std::map<int, Clock::time_point> warped, seen;            // by x in pixels
@@ -73,10 +74,15 @@ asio::awaitable<void> client(std::shared_ptr<Connection> connection, std::string
                               UUID{{1}},
                               "bench",
                               {{CodecProfile::hevcMain}, 1920, 1080, 2, "bench", false}});
+  // Named first: GCC 12 destroys a lambda twice in a full-expression with a co_await.
+  const auto executor = co_await asio::this_coro::executor;
   asio::co_spawn(
-      co_await asio::this_coro::executor,
+      executor,
       [connection, &results]() -> asio::awaitable<void> {
         while (const auto message = co_await connection->messages().next()) {
+          if (const auto* list = std::get_if<msg::displayList>(&*message)) {
+            if (!list->displays.empty()) results.display = list->displays.front().id;
+          }
           const auto* state = std::get_if<msg::cursorState>(&*message);
           if (!state) continue;
           results.echoed.try_emplace(state->seq, Clock::now());
@@ -93,7 +99,8 @@ asio::awaitable<void> client(std::shared_ptr<Connection> connection, std::string
   for (int i = 1; i <= moves; ++i) {
     const float x = 0.1f + 0.8f * float(i % 400) / 400;
     results.sent[std::uint32_t(i)] = Clock::now();
-    connection->send(msg::pointer{std::uint32_t(i), pointer::moveAbsolute{1, x, 0.5f}});
+    connection->send(
+        msg::pointer{std::uint32_t(i), pointer::moveAbsolute{results.display, x, 0.5f}});
     co_await sleepFor(std::chrono::milliseconds(10));
   }
 

@@ -30,6 +30,8 @@ packages=(
   # the cursor's image (XFixes, PNG) and display thumbnails (JPEG); the client's clipboard and the
   # tests' other X clients (xclip, xdotool) and window manager
   libturbojpeg0-dev xclip xdotool openbox
+  # the pointer: XInput 2 raw motion, so that a still pointer costs no look at the server
+  libxcb-xinput-dev
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils
