@@ -25,6 +25,7 @@ asio::awaitable<void> Viewer::run() {
   for (const auto& folder : {options_.saveCursor, options_.saveThumbnails}) {
     if (!folder.empty()) std::filesystem::create_directories(folder);
   }
+  if (!options_.saveCursor.empty()) cursorLog_.open(options_.saveCursor / "cursor.log");
   const auto executor = co_await asio::this_coro::executor;
   // The readers keep the viewer alive: they may wake once more after it has closed.
   asio::co_spawn(
@@ -141,9 +142,8 @@ asio::awaitable<void> Viewer::readAudio() {
 void Viewer::cursorState(const msg::cursorState& state) {
   cursorStatistics_.position();
   if (options_.saveCursor.empty()) return;
-  std::ofstream(options_.saveCursor / "cursor.log", std::ios::app)
-      << "state " << state.seq << " " << state.displayID << " " << state.x << " " << state.y << " "
-      << (state.visible ? "visible" : "hidden") << " " << state.shapeID << std::endl;
+  cursorLog_ << "state " << state.seq << " " << state.displayID << " " << state.x << " " << state.y
+             << " " << (state.visible ? "visible" : "hidden") << " " << state.shapeID << std::endl;
 }
 
 void Viewer::cursorShape(const msg::cursorShape& shape) {
@@ -152,9 +152,8 @@ void Viewer::cursorShape(const msg::cursorShape& shape) {
   const auto file = options_.saveCursor / ("cursor-" + std::to_string(shape.shapeID) + ".png");
   std::ofstream(file, std::ios::binary)
       .write(reinterpret_cast<const char*>(shape.png.data()), std::streamsize(shape.png.size()));
-  std::ofstream(options_.saveCursor / "cursor.log", std::ios::app)
-      << "shape " << shape.shapeID << " " << shape.hotspotX << " " << shape.hotspotY << " "
-      << shape.pointSize << std::endl;
+  cursorLog_ << "shape " << shape.shapeID << " " << shape.hotspotX << " " << shape.hotspotY << " "
+             << shape.pointSize << std::endl;
 }
 
 void Viewer::thumbnail(const msg::thumbnail& picture) {

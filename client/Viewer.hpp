@@ -4,6 +4,7 @@
 #include <asio/thread_pool.hpp>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -74,6 +75,7 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   std::unique_ptr<AudioOutput> audioOutput_;
   AudioStatistics audioStatistics_;
   CursorStatistics cursorStatistics_;
+  std::ofstream cursorLog_;  // with --save-cursor: a line per state and per shape
   std::uint32_t thumbnails_ = 0;
   asio::thread_pool clipboardThread_{1};
   std::optional<std::string> lastLocalClipboard_;  // touched on the clipboard thread only

@@ -120,14 +120,8 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   asio::awaitable<void> handlePointer(const PointerEvent& event, std::uint32_t seq);
 
   // The cursor (HostSessionCursor.cpp).
-  struct CursorKey {
-    std::uint32_t seq = 0;
-    std::uint32_t displayID = 0;
-    float x = 0, y = 0;
-    bool visible = true;
-    std::uint32_t shapeID = 0;
-    friend bool operator==(const CursorKey&, const CursorKey&) = default;
-  };
+  // What identifies a published state is the whole state.
+  using CursorKey = msg::cursorState;
   asio::awaitable<void> cursorPositionRound();
   asio::awaitable<void> cursorShapeRound();
   void publishCursor(std::chrono::duration<double> minInterval);

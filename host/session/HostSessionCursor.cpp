@@ -61,8 +61,7 @@ void HostSession::publishCursor(std::chrono::duration<double> minInterval) {
   if (currentShapeID_ != 0) sendCursorShape(currentShapeID_, false);
   cursorSent_ = key;
   lastCursorSendAt_ = now;
-  connection_->send(
-      msg::cursorState{key.seq, key.displayID, key.x, key.y, key.visible, key.shapeID});
+  connection_->send(key);
 }
 
 void HostSession::sendCursorShape(std::uint32_t id, bool force) {

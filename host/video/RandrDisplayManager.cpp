@@ -52,20 +52,7 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
   // code. Throws with a text for a person.
   static std::uint8_t prepare(X11Connection& x) {
     auto* c = x.get();
-    const auto* extension = xcb_get_extension_data(c, &xcb_randr_id);
-    if (!extension || !extension->present) {
-      throw std::runtime_error("the X server has no RANDR extension");
-    }
-    xcb_generic_error_t* error = nullptr;
-    const XcbReply<xcb_randr_query_version_reply_t> version(
-        xcb_randr_query_version_reply(c, xcb_randr_query_version(c, 1, 6), &error));
-    std::free(error);
-    if (!version) throw std::runtime_error("the X server did not tell its RANDR version");
-    const auto major = version->major_version, minor = version->minor_version;
-    if (major < 1 || (major == 1 && minor < 5)) {
-      throw std::runtime_error("the X server has RANDR " + std::to_string(major) + "." +
-                               std::to_string(minor) + "; monitors need 1.5");
-    }
+    const auto [major, minor] = requireMonitors(c, 6);
     // Monitors that clients set or delete are told only through the root's ConfigureNotify.
     const std::uint32_t rootEvents = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
     xcb_change_window_attributes(c, x.root(), XCB_CW_EVENT_MASK, &rootEvents);
@@ -77,7 +64,7 @@ struct RandrDisplayManager::Core : std::enable_shared_from_this<Core> {
     }
     xcb_randr_select_input(c, x.root(), randrEvents);
     xcb_flush(c);
-    return extension->first_event;
+    return xcb_get_extension_data(c, &xcb_randr_id)->first_event;
   }
 
   void handleEvent(const xcb_generic_event_t& event, std::uint8_t randrBase) {

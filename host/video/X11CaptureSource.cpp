@@ -263,14 +263,7 @@ class PixelBufferPool {
 
 // Pictures are copied from the server's memory as 32-bit B, G, R, X pixels.
 void requirePixelFormat(const X11Connection& connection) {
-  const xcb_setup_t* setup = xcb_get_setup(connection.get());
-  const std::uint8_t depth = connection.screen().root_depth;
-  bool thirtyTwoBits = false;
-  for (auto it = xcb_setup_pixmap_formats_iterator(setup); it.rem > 0; xcb_format_next(&it)) {
-    if (it.data->depth == depth) thirtyTwoBits = it.data->bits_per_pixel == 32;
-  }
-  if ((depth != 24 && depth != 32) || !thirtyTwoBits ||
-      setup->image_byte_order != XCB_IMAGE_ORDER_LSB_FIRST) {
+  if (!hasBGRXPixels(connection)) {
     throw std::runtime_error(
         "Screen capture needs an X screen of 24-bit colour with 32-bit little-endian pixels.");
   }

@@ -34,32 +34,9 @@ struct PixelRect {
 
 // Pictures are read from the server as 32-bit B, G, R, X pixels.
 void requirePixelFormat(const X11Connection& connection) {
-  const xcb_setup_t* setup = xcb_get_setup(connection.get());
-  const std::uint8_t depth = connection.screen().root_depth;
-  bool thirtyTwoBits = false;
-  for (auto it = xcb_setup_pixmap_formats_iterator(setup); it.rem > 0; xcb_format_next(&it)) {
-    if (it.data->depth == depth) thirtyTwoBits = it.data->bits_per_pixel == 32;
-  }
-  if ((depth != 24 && depth != 32) || !thirtyTwoBits ||
-      setup->image_byte_order != XCB_IMAGE_ORDER_LSB_FIRST) {
+  if (!hasBGRXPixels(connection)) {
     throw std::runtime_error(
         "thumbnails need an X screen of 24-bit colour with 32-bit little-endian pixels");
-  }
-}
-
-// Monitors came with RANDR 1.5, which the server must be told the client speaks.
-void requireMonitors(const X11Connection& connection) {
-  xcb_connection_t* c = connection.get();
-  const auto* extension = xcb_get_extension_data(c, &xcb_randr_id);
-  if (!extension || !extension->present) {
-    throw std::runtime_error("the X server has no RANDR extension");
-  }
-  xcb_generic_error_t* error = nullptr;
-  const XcbReply<xcb_randr_query_version_reply_t> version(
-      xcb_randr_query_version_reply(c, xcb_randr_query_version(c, 1, 5), &error));
-  std::free(error);
-  if (!version || (version->major_version == 1 && version->minor_version < 5)) {
-    throw std::runtime_error("the X server lacks RANDR 1.5 (monitors)");
   }
 }
 
@@ -175,7 +152,7 @@ struct X11Thumbnails::Core {
     try {
       auto candidate = X11Connection::open(strand, displayName);
       requirePixelFormat(*candidate);
-      requireMonitors(*candidate);
+      requireMonitors(candidate->get(), 5);
       connection = std::move(candidate);
     } catch (const std::exception& failure) {
       fail(failure.what());

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <stdexcept>
 
 #include "host/x11/X11Connection.hpp"
 #include "kit/log/Logger.hpp"
@@ -136,6 +137,25 @@ std::vector<DisplayInfo> displayListFromMonitors(const std::vector<RandrMonitor>
     return a.id < b.id;
   });
   return list;
+}
+
+std::pair<std::uint32_t, std::uint32_t> requireMonitors(xcb_connection_t* c,
+                                                        std::uint32_t clientMinor) {
+  const auto* extension = xcb_get_extension_data(c, &xcb_randr_id);
+  if (!extension || !extension->present) {
+    throw std::runtime_error("the X server has no RANDR extension");
+  }
+  xcb_generic_error_t* error = nullptr;
+  const XcbReply<xcb_randr_query_version_reply_t> version(
+      xcb_randr_query_version_reply(c, xcb_randr_query_version(c, 1, clientMinor), &error));
+  std::free(error);
+  if (!version) throw std::runtime_error("the X server did not tell its RANDR version");
+  const auto major = version->major_version, minor = version->minor_version;
+  if (major < 1 || (major == 1 && minor < 5)) {
+    throw std::runtime_error("the X server has RANDR " + std::to_string(major) + "." +
+                             std::to_string(minor) + "; monitors need 1.5");
+  }
+  return {major, minor};
 }
 
 }  // namespace kelvaron::host

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "kit/wire/WireTypes.hpp"
@@ -41,6 +42,11 @@ class MonitorNames {
 // The monitors of the screen of `root` with their names; nothing when the server refuses.
 std::vector<RandrMonitor> queryNamedMonitors(xcb_connection_t* c, xcb_window_t root,
                                              MonitorNames& names);
+
+// Tells the server that this client speaks RANDR 1.`clientMinor` and checks that it has monitors
+// (1.5); the server's version. Throws std::runtime_error with a text for a person.
+std::pair<std::uint32_t, std::uint32_t> requireMonitors(xcb_connection_t* c,
+                                                        std::uint32_t clientMinor);
 
 // Which monitor is the main display: the primary, else the first at the root's origin, else the
 // first. 0 for an empty list.

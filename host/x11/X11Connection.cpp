@@ -156,4 +156,15 @@ void X11Connection::reportClosed(std::string reason) {
   if (handler) handler(std::move(reason));
 }
 
+bool hasBGRXPixels(const X11Connection& connection) {
+  const xcb_setup_t* setup = xcb_get_setup(connection.get());
+  const std::uint8_t depth = connection.screen().root_depth;
+  bool thirtyTwoBits = false;
+  for (auto it = xcb_setup_pixmap_formats_iterator(setup); it.rem > 0; xcb_format_next(&it)) {
+    if (it.data->depth == depth) thirtyTwoBits = it.data->bits_per_pixel == 32;
+  }
+  return (depth == 24 || depth == 32) && thirtyTwoBits &&
+         setup->image_byte_order == XCB_IMAGE_ORDER_LSB_FIRST;
+}
+
 }  // namespace kelvaron::host

@@ -75,6 +75,10 @@ struct FreeXcbReply {
 template <class T>
 using XcbReply = std::unique_ptr<T, FreeXcbReply>;
 
+// Whether the server hands out the root's pixels as 32-bit little-endian B, G, R, X words (24 or
+// 32 bits of colour), the one layout the readers of the screen take.
+bool hasBGRXPixels(const X11Connection& connection);
+
 // The text for a person of an xcb connection error code.
 std::string describeX11Error(int code);
 
