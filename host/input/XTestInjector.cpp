@@ -257,20 +257,31 @@ void XTestInjector::release(InputOwner owner) {
   });
 }
 
-// The belief as the injector's thread last published it, once the pointer events asked for before
-// the call are done; while none is on its way, at once. A belief left unchecked for kRecheck gets
-// a reading, which the caller does not wait for; with no server, that reading tries to connect.
+// The belief, once the pointer events asked for before the call are done; while none is on its
+// way, at once. With no server to ask, a reading that connects is posted at most once per kRetry,
+// and the caller does not wait for it.
 std::optional<Point> XTestInjector::currentPointerPosition() {
   std::unique_lock lock(beliefLock_);
   const std::uint64_t asked = pointerAsked_;
   pointerApplied_.wait(lock, [&] { return pointerDone_ >= asked; });
-  // A server without XInput 2 tells of no motion: every look asks for the next reading.
-  const double recheck = published_ && !motionEvents_ ? 0 : kRecheck;
-  if (!readPosted_ && uptimeSeconds() - checkedAt_ >= recheck) {
+  if (probe_ && !probe_->broken()) {
+    lookThroughProbe();
+  } else if (!readPosted_ && uptimeSeconds() - checkedAt_ >= kRetry) {
     readPosted_ = true;
     asio::post(context_, [this] { readPointer(); });
   }
   return published_;
+}
+
+// An answer to a question asked before the injector's thread last changed the belief says less
+// than the belief: it is dropped. One that is merely behind the injector's own moves (the probe's
+// connection is not ordered with the injector's) is no news to the tracker.
+void XTestInjector::lookThroughProbe() {
+  const auto answer = probe_->look(beliefChanges_);
+  if (!answer || !answer->pointer || answer->mark != beliefChanges_) return;
+  const Point real{answer->pointer->x - origin_.x, answer->pointer->y - origin_.y};
+  tracker_.observe(real, uptimeSeconds());
+  published_ = tracker_.position();
 }
 
 void XTestInjector::schedulePointerRead() {
@@ -295,7 +306,9 @@ void XTestInjector::readPointer() {
 void XTestInjector::publish(std::uint64_t applied) {
   {
     std::lock_guard lock(beliefLock_);
-    published_ = server_ ? tracker_.position() : std::nullopt;
+    const std::optional<Point> belief = server_ ? tracker_.position() : std::nullopt;
+    if (belief != published_) ++beliefChanges_;
+    published_ = belief;
     pointerDone_ = std::max(pointerDone_, applied);
   }
   if (applied) pointerApplied_.notify_all();
@@ -314,12 +327,15 @@ bool XTestInjector::ensureServer() {
   }
   reportedNoServer_ = false;
   screenStale_ = true;
-  if (!server_->inputOpcode) {
-    log_.error("The X server has no XInput 2: the pointer is read again at every look");
+  std::unique_ptr<X11PointerProbe> probe;
+  try {
+    probe = std::make_unique<X11PointerProbe>(displayName_);
+  } catch (const std::exception& failure) {
+    log_.error("Moves by other X clients go unseen: %s", failure.what());
   }
   {
     std::lock_guard lock(beliefLock_);
-    motionEvents_ = server_->inputOpcode.has_value();
+    probe_ = std::move(probe);
   }
   // The connection and its handlers end with server_, on this thread.
   server_->x->startEvents([this](const xcb_generic_event_t& event) { handleEvent(event); },
@@ -328,6 +344,10 @@ bool XTestInjector::ensureServer() {
 }
 
 void XTestInjector::dropServer() {
+  {
+    std::lock_guard lock(beliefLock_);
+    probe_.reset();
+  }
   // The keys and buttons went with the server.
   server_.reset();
   heldKeys_.clear();
@@ -587,20 +607,38 @@ const XTestInjector::Screen& XTestInjector::screen() {
   }
   // A server that told of no monitors (or refused) is asked again at the next use.
   screenStale_ = monitors.empty() && server_->randrBase;
+  std::lock_guard lock(beliefLock_);
+  origin_ = screen_.origin;
   return screen_;
 }
 
 void XTestInjector::resync(double now, bool report) {
-  const std::optional<Point> expected = tracker_.position();
   const Point origin = screen().origin;
   const XcbReply<xcb_query_pointer_reply_t> pointer(
       xcb_query_pointer_reply(server_->c, xcb_query_pointer(server_->c, server_->root), nullptr));
   std::optional<Point> real;
   if (pointer) real = Point{pointer->root_x - origin.x, pointer->root_y - origin.y};
-  if (tracker_.observe(real, now) && expected && report) {
+  std::optional<Point> expected;
+  bool replaced = false;
+  {
+    std::lock_guard lock(beliefLock_);
+    expected = tracker_.position();
+    replaced = tracker_.observe(real, now);
+  }
+  if (replaced && expected && report) {
     sessionLog_.info("cursor resync: real %.*f,%.*f vs expected %.*f,%.*f", 1, real->x, 1, real->y,
                      1, expected->x, 1, expected->y);
   }
+}
+
+std::optional<Point> XTestInjector::believedPosition() {
+  std::lock_guard lock(beliefLock_);
+  return tracker_.position();
+}
+
+void XTestInjector::record(Point target, double now) {
+  std::lock_guard lock(beliefLock_);
+  tracker_.record(target, now);
 }
 
 void XTestInjector::moveTo(Point target, Point origin) {
@@ -617,10 +655,10 @@ void XTestInjector::moveRelative(float dx, float dy) {
   }
   const double now = uptimeSeconds();
   resync(now, true);
-  const Point base = tracker_.position().value_or(Point{});
+  const Point base = believedPosition().value_or(Point{});
   const Point target =
       clampToDisplays({base.x + double(dx), base.y + double(dy)}, screen().displays);
-  tracker_.record(target, now);
+  record(target, now);
   // The Mac's move events also carry the client's deltas, for games; X11's core events have none.
   moveTo(target, screen().origin);
 }
@@ -631,7 +669,7 @@ void XTestInjector::moveAbsolute(const DisplayInfo& display, float x, float y) {
   const Point target{f.x + unit(x) * f.width, f.y + unit(y) * f.height};
   const double now = uptimeSeconds();
   resync(now, true);
-  tracker_.record(target, now);
+  record(target, now);
   moveTo(target, screen().origin);
 }
 

@@ -15,6 +15,8 @@
 
 #include "host/input/HostScroll.hpp"
 #include "host/input/InputInjector.hpp"
+#include "host/input/PointerTracker.hpp"
+#include "host/x11/X11PointerProbe.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {
@@ -28,15 +30,14 @@ class KeyboardLayout;
 // clicks in quick succession, as the client sends them, and scrolling turns into wheel clicks.
 // Calls return at once: the work runs on the injector's own thread, in the order of the calls.
 // The pointer's position is kept by that thread as the server tells of motion (XInput 2 raw
-// motion, whoever moves it, and RANDR changes of the main display), so that reading it while
-// nothing moves costs neither a round trip nor a wait for that thread.
+// motion, whoever moves it, and RANDR changes of the main display); an application's warp, which
+// the server tells nobody of, is caught by a probe that each look at the position reads and asks
+// again without waiting. So a look costs neither a round trip nor a wait for that thread, and a
+// still pointer that nobody looks at costs nothing.
 class XTestInjector : public InputInjector {
  public:
-  // How long a belief about the pointer may stand unchecked while somebody reads it. An
-  // application's warp (xdotool's mousemove too) makes no raw motion: just under the session's
-  // position round (1/60 s), so that the round after a warp sees it. A still pointer that nobody
-  // reads costs nothing.
-  static constexpr double kRecheck = 0.015;  // seconds
+  // While there is no server to ask, a look tries to connect at most this often.
+  static constexpr double kRetry = 1.0;  // seconds
 
   // `displayName` empty: $DISPLAY. Connects at once, and again after the server went away;
   // events that find no server are dropped.
@@ -76,12 +77,16 @@ class XTestInjector : public InputInjector {
   // Reads the pointer from the server once for all that asked since the last reading.
   void schedulePointerRead();
   void readPointer();
+  // On the caller's thread, under beliefLock_: what the probe found since the last look.
+  void lookThroughProbe();
   // Asks the server where the pointer is; a reading elsewhere than the belief replaces it, which
   // is logged when `report`.
   void resync(double now, bool report);
   // Makes the belief (none without a server) what callers read; `applied`: the last pointer event
   // done.
   void publish(std::uint64_t applied = 0);
+  std::optional<Point> believedPosition();
+  void record(Point target, double now);
   void moveTo(Point target, Point origin);
   void moveRelative(float dx, float dy);
   void moveAbsolute(const DisplayInfo& display, float x, float y);
@@ -103,7 +108,6 @@ class XTestInjector : public InputInjector {
   bool closing_ = false;           // no more connections
   Screen screen_;
   bool screenStale_ = true;
-  PointerTracker tracker_;
   // Who is injecting now: what goes down is theirs.
   InputOwner owner_ = 0;
   std::map<std::uint32_t, InputOwner> heldKeys_;
@@ -111,14 +115,20 @@ class XTestInjector : public InputInjector {
   HostScroll::Remainder scrollRemainder_;
   Logger log_{"io.dovka.tovu.host", "input"};
   Logger sessionLog_{"io.dovka.tovu.host", "session"};
-  // What callers read of the pointer, kept by the injector's thread.
+  // The belief about the pointer and what callers read of it: kept by the injector's thread, and
+  // corrected by the probe's readings on the callers' threads.
   std::mutex beliefLock_;
   std::condition_variable pointerApplied_;
+  PointerTracker tracker_;
   std::optional<Point> published_;
+  std::unique_ptr<X11PointerProbe> probe_;  // while connected to a server
+  Point origin_;                            // of the main display, in the root window
+  // Changes the injector's thread made to the belief: a probe's answer to a question asked before
+  // the last of them is older than the belief.
+  std::uint64_t beliefChanges_ = 0;
   std::uint64_t pointerAsked_ = 0, pointerDone_ = 0;  // pointer events, in the order of the calls
   double checkedAt_ = -1e300;  // uptime of the last reading of the pointer, or attempt to connect
   bool readPosted_ = false;    // a reading is on its way
-  bool motionEvents_ = false;  // the server tells of every motion (XInput 2)
   // The injector's own thread, on which all of the above is touched, in the order of the calls.
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> keepRunning_;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -181,7 +182,10 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
     connection->dispatchQueuedEvents();
     if (connection->broken()) return lose(describeX11Error(xcb_connection_has_error(c())));
     const bool unchanged = last && (!shownSerial || *shownSerial == last->serial);
-    if (unchanged && token == last->token) return CursorPoll{last->token, last->visible, {}};
+    if (unchanged && token == last->token) {
+      settle();
+      return CursorPoll{last->token, last->visible, {}};
+    }
 
     xcb_generic_error_t* error = nullptr;
     const XcbReply<xcb_xfixes_get_cursor_image_reply_t> reply(
@@ -202,6 +206,7 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
     if (!bitmap) return fail("the X server's cursor image has no pixels");
     const std::uint64_t imageToken = cursorToken(*bitmap);
     last = Seen{reply->cursor_serial, imageToken, bitmap->visible};
+    if (!shownSerial || *shownSerial == last->serial) settle();
 
     CursorPoll result{imageToken, bitmap->visible, {}};
     if (token != imageToken) {
@@ -233,7 +238,9 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
             if (const auto self = weak.lock()) self->handleEvent(event);
           },
           // Found broken by the next poll, which lets go of it and says so.
-          [](std::string) {});
+          [weak = weak_from_this()](std::string) {
+            if (const auto self = weak.lock()) self->unsettle();
+          });
       connection = std::move(candidate);
     } catch (const std::exception& failure) {
       fail(failure.what());
@@ -272,6 +279,25 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
     }
     if ((event.response_type & 0x7f) != cursorNotify) return;
     shownSerial = reinterpret_cast<const xcb_xfixes_cursor_notify_event_t&>(event).cursor_serial;
+    if (!last || *shownSerial != last->serial) unsettle();
+  }
+
+  // What a poll given `token` finds while the server has told of no change since the last image
+  // was read: answered on the caller's thread, without a hop to the strand.
+  std::optional<CursorPoll> settledPoll(std::optional<std::uint64_t> token) {
+    std::lock_guard lock(settledLock);
+    if (!settled || token != settled->token) return std::nullopt;
+    return CursorPoll{settled->token, settled->visible, {}};
+  }
+
+  void settle() {
+    std::lock_guard lock(settledLock);
+    settled = last;
+  }
+
+  void unsettle() {
+    std::lock_guard lock(settledLock);
+    settled.reset();
   }
 
   std::nullopt_t lose(const std::string& reason) {
@@ -287,6 +313,7 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
 
   // Serials belong to one server: what was seen there means nothing on the next.
   void forget() {
+    unsettle();
     connection.reset();
     last.reset();
     shownSerial.reset();
@@ -309,6 +336,8 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
   std::uint8_t cursorNotify = 0;             // the response type of XFixes' cursor notification
   std::optional<std::uint32_t> shownSerial;  // the cursor shown, as the last notification told
   std::optional<Seen> last;
+  std::mutex settledLock;
+  std::optional<Seen> settled;  // `last` while it is the cursor shown, for polls on any thread
   std::optional<std::chrono::steady_clock::time_point> lastAttempt;
   bool failing = false;
 };
@@ -320,13 +349,15 @@ XFixesCursorSource::~XFixesCursorSource() = default;
 
 asio::awaitable<std::optional<CursorPoll>> XFixesCursorSource::poll(
     std::optional<std::uint64_t> token) {
-  return runOn(core_->strand, [core = core_, token]() -> std::optional<CursorPoll> {
+  if (auto known = core_->settledPoll(token)) co_return known;
+  auto work = runOn(core_->strand, [core = core_, token]() -> std::optional<CursorPoll> {
     try {
       return core->poll(token);
     } catch (const std::exception& failure) {
       return core->fail(failure.what());
     }
   });
+  co_return co_await std::move(work);
 }
 
 }  // namespace kelvaron::host

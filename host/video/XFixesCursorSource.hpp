@@ -10,8 +10,8 @@ namespace kelvaron::host {
 
 // The pointer's image on an X server, through XFixes. The server tells of every change of the
 // cursor shown (DisplayCursorNotify, read as it comes), so a poll that finds no change and is given
-// the token of the last image answers without asking the server anything; otherwise it reads the
-// image (GetCursorImage) and sends its PNG when the caller does not have it yet.
+// the token of the last image answers at once on the caller's thread; otherwise it reads the image
+// (GetCursorImage) and sends its PNG when the caller does not have it yet.
 //
 // Points are pixels on an X screen without scaling. On a HiDPI screen (Xft.dpi 192, a desktop's
 // scale factor of 2) cursor themes hand out images at that many times their size: a point would

@@ -51,8 +51,7 @@ std::string describeX11Error(int code) {
   }
 }
 
-std::shared_ptr<X11Connection> X11Connection::open(const Executor& executor,
-                                                   const std::string& displayName) {
+DisplayLink connectToDisplay(const std::string& displayName) {
   const char* environment = std::getenv("DISPLAY");
   const std::string shownName = !displayName.empty() ? displayName
                                 : environment        ? std::string(environment)
@@ -70,8 +69,14 @@ std::shared_ptr<X11Connection> X11Connection::open(const Executor& executor,
     xcb_disconnect(connection);
     throw std::runtime_error(connectFailure(shownName, XCB_CONN_CLOSED_INVALID_SCREEN));
   }
+  return {connection, roots.data};
+}
+
+std::shared_ptr<X11Connection> X11Connection::open(const Executor& executor,
+                                                   const std::string& displayName) {
+  const DisplayLink link = connectToDisplay(displayName);
   return std::shared_ptr<X11Connection>(
-      new X11Connection(makeStrand(executor), connection, roots.data));
+      new X11Connection(makeStrand(executor), link.connection, link.screen));
 }
 
 X11Connection::X11Connection(Executor strand, xcb_connection_t* connection,

@@ -68,6 +68,16 @@ class X11Connection : public std::enable_shared_from_this<X11Connection> {
   bool draining_ = false;
 };
 
+// A bare xcb connection and its default screen, for a user that reads its replies itself and
+// watches no events.
+struct DisplayLink {
+  xcb_connection_t* connection = nullptr;  // the caller's to xcb_disconnect
+  const xcb_screen_t* screen = nullptr;    // inside the connection's setup data
+};
+// Connects to `displayName` (empty: $DISPLAY). Throws std::runtime_error with a text for a person
+// when the server cannot be reached.
+DisplayLink connectToDisplay(const std::string& displayName);
+
 // An xcb reply or error, which the C library's free releases.
 struct FreeXcbReply {
   void operator()(void* reply) const { std::free(reply); }
