@@ -32,6 +32,9 @@ packages=(
   libturbojpeg0-dev xclip xdotool openbox
   # the pointer: XInput 2 raw motion, so that a still pointer costs no look at the server
   libxcb-xinput-dev
+  # windows and focus: EWMH, a window's own pixels (Composite), its process (X-Resource); desktop
+  # entries and icons through GIO
+  libxcb-ewmh-dev libxcb-composite0-dev libxcb-res0-dev libglib2.0-dev
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils
