@@ -3,6 +3,7 @@
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/post.hpp>
+#include <charconv>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -16,6 +17,18 @@
 #include "kit/wire/WireWriter.hpp"
 
 namespace kelvaron::client {
+
+namespace {
+
+// A window's ID written in decimal; nothing for anything else.
+std::optional<std::uint32_t> windowNumber(const std::string& text) {
+  std::uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+}  // namespace
 
 Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, std::ostream& out,
                Clock::time_point since)
@@ -56,6 +69,13 @@ asio::awaitable<void> Viewer::readMessages() {
            << std::endl;
       if (options_.audio) connection_->send(msg::setAudio{*options_.audio});
       if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
+      if (options_.listApps || !options_.focus.empty()) {
+        connection_->send(msg::setAppListUpdates{true});
+      }
+    } else if (const auto* apps = std::get_if<msg::appList>(&*message)) {
+      appList(apps->apps);
+    } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
+      streamMode(mode->info);
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
       refusal_ = reject->reason;
       ended_ = true;
@@ -166,6 +186,54 @@ void Viewer::thumbnail(const msg::thumbnail& picture) {
              std::streamsize(picture.jpeg.size()));
 }
 
+void Viewer::appList(const std::vector<AppInfo>& apps) {
+  if (options_.listApps) {
+    for (const AppInfo& app : apps) {
+      out_ << "App " << app.pid << " " << app.name << " (" << app.bundleID << ")"
+           << (app.isFrontmost ? " in front" : "") << std::endl;
+      for (const WindowInfo& w : app.windows) {
+        out_ << "  window " << w.id << " \"" << w.title << "\" " << w.frame.x << "," << w.frame.y
+             << " " << w.frame.width << "x" << w.frame.height << " on display " << w.displayID
+             << (w.isMinimized  ? ", minimised"
+                 : w.isOnScreen ? ""
+                                : ", off screen")
+             << std::endl;
+      }
+    }
+  }
+  if (options_.focus.empty() || focusAsked_) return;
+  // A number names a window; anything else an application, whose first window on screen is taken.
+  const std::optional<std::uint32_t> number = windowNumber(options_.focus);
+  for (const AppInfo& app : apps) {
+    const bool named = app.name == options_.focus || app.bundleID == options_.focus;
+    for (const WindowInfo& w : app.windows) {
+      if ((number && w.id == *number) || (!number && named && w.isOnScreen)) {
+        connection_->send(msg::focus{app.pid, w.id, options_.fit, true});
+        focusAsked_ = true;
+        return;
+      }
+    }
+  }
+  out_ << "No window of the host matches " << options_.focus << std::endl;
+}
+
+void Viewer::streamMode(const StreamModeInfo& info) {
+  if (const auto* focus = std::get_if<streammode::focus>(&info.mode)) {
+    focused_ = true;
+    out_ << "Stream mode: window " << focus->windowID << " of process " << focus->pid
+         << (info.fitApplied ? ", fitted" : "");
+  } else {
+    focused_ = false;
+    out_ << "Stream mode: desktop";
+  }
+  if (info.follow) {
+    out_ << (info.follow->kind == FocusFollowInfo::Kind::popup ? "; popup of " : "; following ")
+         << info.follow->appName << " \"" << info.follow->title << "\"";
+  }
+  if (info.notice) out_ << "; " << *info.notice;
+  out_ << std::endl;
+}
+
 void Viewer::clipboardFromHost(const std::string& text) {
   out_ << "Clipboard from the host: " << text.size() << " bytes" << std::endl;
   if (!options_.clipboard) return;
@@ -210,7 +278,9 @@ void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
     out_ << "First picture " << std::lround(waited.count()) << " ms after connecting" << std::endl;
   }
   latest_ = std::move(picture);
-  if (!typed_ && !options_.type.empty()) {
+  // With a window asked for, the text goes to it: once the host streams it, it is in front.
+  const bool ready = options_.focus.empty() || focused_;
+  if (ready && !typed_ && !options_.type.empty()) {
     connection_->send(msg::text{options_.type});
     out_ << "Typed " << options_.type.size() << " characters" << std::endl;
     typed_ = true;

@@ -29,6 +29,9 @@ struct ViewerOptions {
   bool clipboard = false;                // keeps this desktop's clipboard in step with the host's
   std::filesystem::path saveCursor;      // each pointer image as PNG, and a log of its states
   std::filesystem::path saveThumbnails;  // asks for the other displays' pictures, saved as JPEG
+  bool listApps = false;                 // prints the host's applications and windows
+  std::string focus;  // a window's ID, or an application's name or ID: streams only that window
+  bool fit = false;   // with `focus`: the window is first fitted to this screen
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
@@ -56,6 +59,8 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void cursorState(const msg::cursorState& state);
   void cursorShape(const msg::cursorShape& shape);
   void thumbnail(const msg::thumbnail& picture);
+  void appList(const std::vector<AppInfo>& apps);
+  void streamMode(const StreamModeInfo& info);
   void clipboardFromHost(const std::string& text);
   asio::awaitable<void> mirrorClipboard();
   // On the clipboard thread: this desktop's clipboard text when it changed since it was last
@@ -82,6 +87,8 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   std::optional<std::string> audioProblem_;
   std::optional<Picture> latest_;
   std::optional<std::string> refusal_;
+  bool focusAsked_ = false;
+  bool focused_ = false;  // the host streams the window asked for
   bool typed_ = false;
   bool ended_ = false;
 };

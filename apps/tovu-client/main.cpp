@@ -35,6 +35,10 @@ constexpr const char* kUsage = R"(Usage:
         --clipboard        keep this desktop's clipboard in step with the host's (needs xclip)
         --save-cursor DIR  save each pointer image as PNG, and its states in DIR/cursor.log
         --save-thumbnails DIR  ask for pictures of the host's other displays, saved as JPEG
+        --apps             print the host's applications and their windows, and each change
+        --focus WINDOW|APP stream one window (its ID, or an application's name or ID: its first
+                           window on screen); --type then types into it
+        --fit              with --focus: first fit the window to this screen's shape
   tovu-client hosts
       list the paired hosts
 
@@ -57,6 +61,9 @@ struct Arguments {
   bool clipboard = false;
   std::string saveCursor;
   std::string saveThumbnails;
+  bool listApps = false;
+  std::string focus;
+  bool fit = false;
   bool compare = false;
 };
 
@@ -89,6 +96,9 @@ apps::CommandLine commandLine(Arguments& arguments) {
       .flag("--clipboard", [&] { arguments.clipboard = true; })
       .option("--save-cursor", [&](const std::string& dir) { arguments.saveCursor = dir; })
       .option("--save-thumbnails", [&](const std::string& dir) { arguments.saveThumbnails = dir; })
+      .flag("--apps", [&] { arguments.listApps = true; })
+      .option("--focus", [&](const std::string& target) { arguments.focus = target; })
+      .flag("--fit", [&] { arguments.fit = true; })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -127,7 +137,10 @@ int main(int argc, char** argv) {
                                       arguments.audioOut,
                                       arguments.clipboard,
                                       arguments.saveCursor,
-                                      arguments.saveThumbnails};
+                                      arguments.saveThumbnails,
+                                      arguments.listApps,
+                                      arguments.focus,
+                                      arguments.fit};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

@@ -10,7 +10,10 @@
 #include "host/audio/AudioCapturing.hpp"
 #include "host/audio/AudioEncoding.hpp"
 #include "host/audio/AudioTapArbiter.hpp"
+#include "host/desktop/FitRestoreRegistry.hpp"
+#include "host/desktop/FocusFollowing.hpp"
 #include "host/desktop/PasteboardProviding.hpp"
+#include "host/desktop/WindowSystem.hpp"
 #include "host/input/ClickRecord.hpp"
 #include "host/input/InputInjector.hpp"
 #include "host/session/PowerManaging.hpp"
@@ -65,6 +68,24 @@ struct HostEnvironment {
   // Pictures of the displays not streamed, for the device's picker; none without a provider.
   std::shared_ptr<ThumbnailProviding> thumbnails;
   std::chrono::duration<double> thumbnailInterval{1.0};
+  // Applications and windows; without them the session offers no app list and no focus mode.
+  std::shared_ptr<AppProviding> apps;
+  std::shared_ptr<WindowControlling> windowControl;
+  std::shared_ptr<WindowTracking> windowTracker;
+  std::shared_ptr<WindowThumbnailProviding> windowThumbnails;
+  std::chrono::duration<double> appPollInterval{1.0};
+  std::chrono::duration<double> windowThumbnailInterval{1.0};
+  // Following the computer's focus in focus mode: without an observer the stream stays on the
+  // chosen window. Another window must stay in front for `focusDebounce` to be followed, and for
+  // `followGrace` after a switch nothing is followed while the computer's focus settles.
+  std::shared_ptr<FocusObserving> focusObserver;
+  std::chrono::duration<double> focusPollInterval{0.25};
+  std::chrono::duration<double> focusDebounce{0.3};
+  std::chrono::duration<double> followGrace{0.8};
+  // The undoing of window resizes, one for the process.
+  std::shared_ptr<FitRestoreRegistry> fitRegistry = std::make_shared<FitRestoreRegistry>();
+  // This process, whose own windows are never followed.
+  std::int32_t ownPID = 0;
   // Where a session's blocking work runs (connecting to the sound server); its own strand when
   // empty.
   Executor background;

@@ -137,6 +137,18 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     co_await writeClipboard(clipboard->text);
   } else if (const auto* thumbnails = std::get_if<msg::setThumbnails>(&message)) {
     setThumbnails(thumbnails->enabled);
+  } else if (const auto* focus = std::get_if<msg::focus>(&message)) {
+    co_await handleFocus(*focus);
+  } else if (std::holds_alternative<msg::unfocus>(message)) {
+    co_await unfocus(std::nullopt);
+  } else if (std::holds_alternative<msg::focusBack>(message)) {
+    co_await focusBack();
+  } else if (const auto* updates = std::get_if<msg::setAppListUpdates>(&message)) {
+    co_await setAppListUpdates(updates->enabled);
+  } else if (const auto* activate = std::get_if<msg::activateApp>(&message)) {
+    co_await activateApp(*activate);
+  } else if (const auto* windows = std::get_if<msg::windowThumbnails>(&message)) {
+    setWindowThumbnails(*windows);
   }
 }
 
@@ -223,6 +235,7 @@ void HostSession::sendRelayConfig() {
 HostStatusValue HostSession::currentHostStatus() const {
   if (lifecycleState_.state != HostState::ok) return lifecycleState_;
   if (captureProblem_) return *captureProblem_;
+  if (focusNotice_) return *focusNotice_;
   return {};
 }
 
@@ -350,6 +363,11 @@ asio::awaitable<void> HostSession::teardown() {
   tasks_.clear();
   if (thumbnailTask_) thumbnailTask_->cancel();
   thumbnailTask_.reset();
+  // Every window this session resized goes back to its size.
+  stopAppWork();
+  focus_.reset();
+  co_await restoreAllFits();
+  scope_ = scope::display{};
   // No key or button of this session stays down once it is gone; what others hold stays.
   env_.injector->release(inputOwner_);
   if (pipeline_) pipeline_->stop();

@@ -3,6 +3,7 @@
 #include <asio/awaitable.hpp>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "host/audio/AudioPipeline.hpp"
+#include "host/desktop/FocusFollowing.hpp"
 #include "host/session/CursorShapeRegistry.hpp"
 #include "host/session/HostEnvironment.hpp"
 #include "host/session/SessionStatus.hpp"
@@ -137,6 +139,77 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
                                              Sleeper sleep, std::chrono::duration<double> interval);
   void report() const;
 
+  // Focus mode (HostSessionFocus.cpp): one application's window instead of a whole display, and
+  // following the computer's focus meanwhile.
+  enum class SwitchOrigin : std::uint8_t { request, follow, back, fallback };
+  struct FocusRequest {
+    std::int32_t pid = 0;
+    std::uint32_t windowID = 0;
+    bool wantsFit = false;
+    bool moveCursor = false;
+    SwitchOrigin origin = SwitchOrigin::request;
+    std::optional<std::string> appName;
+  };
+  struct FocusSession {
+    std::int32_t pid = 0;
+    std::uint32_t windowID = 0;
+    std::string title;
+    bool wantsFit = false;
+    DisplayInfo display;
+    Rect windowFrame;                               // global points
+    Rect base;                                      // display-local points: the surface streamed
+    std::optional<std::uint32_t> desktopDisplayID;  // what to return to
+    bool fitApplied = false;
+    std::string appName;
+    std::optional<ObservedWindow> popup;
+    friend bool operator==(const FocusSession&, const FocusSession&) = default;
+  };
+  struct FittedWindow {
+    std::int32_t pid = 0;
+    AppWindowRef original;  // before the first fit
+    UUID registryID;
+  };
+  struct Fit {
+    bool applied = false;
+    Rect frame;
+    std::optional<std::string> notice;
+  };
+  asio::awaitable<void> handleFocus(const msg::focus& request);
+  asio::awaitable<void> performFocus(FocusRequest request);
+  // The reason it failed, for the log; nothing when it did what it could.
+  asio::awaitable<std::optional<std::string>> switchFocus(const FocusRequest& request);
+  asio::awaitable<std::optional<WindowRecord>> windowOnScreen(std::uint32_t windowID);
+  asio::awaitable<Fit> applyFit(const WindowRecord& window, PixelSize output);
+  asio::awaitable<void> restoreFit(std::uint32_t windowID);
+  void forgetFit(std::uint32_t windowID);
+  asio::awaitable<void> restoreAllFits();
+  asio::awaitable<void> unfocus(std::optional<std::string> notice);
+  asio::awaitable<void> applyFocusCapture(const DisplayInfo& display, bool resetSource);
+  PixelSize focusOutputSize() const;
+  void sendStreamMode(std::optional<std::string> notice, std::optional<FocusFollowInfo> follow);
+  void restartFocusLoop();
+  static asio::awaitable<void> focusLoop(std::weak_ptr<HostSession> weak, Sleeper sleep,
+                                         std::chrono::duration<double> interval);
+  asio::awaitable<void> followFocus();
+  asio::awaitable<void> refreshFocus(bool forced, bool popupChanged);
+  asio::awaitable<void> focusWindowClosed();
+  asio::awaitable<void> changePopup(std::optional<ObservedWindow> popup);
+  asio::awaitable<void> focusBack();
+  void moveCursorInto(const Rect& frame);
+  std::optional<DisplayInfo> focusedPointerDisplay() const;
+
+  // The application list (HostSessionApps.cpp).
+  asio::awaitable<void> setAppListUpdates(bool enabled);
+  asio::awaitable<void> publishApps();
+  asio::awaitable<void> publishRecents();
+  static asio::awaitable<void> appChangeLoop(std::weak_ptr<HostSession> weak, ChangeStream changes,
+                                             asio::awaitable<void> (HostSession::*publish)());
+  asio::awaitable<void> activateApp(const msg::activateApp& request);
+  void setWindowThumbnails(const msg::windowThumbnails& request);
+  static asio::awaitable<void> windowThumbnailLoop(std::weak_ptr<HostSession> weak,
+                                                   std::vector<std::uint32_t> ids);
+  void stopAppWork();
+
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
   void onStrand(std::function<void(HostSession&)> body);
 
@@ -188,6 +261,22 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::optional<std::uint64_t> shapeToken_;
   ChangeCountBox clipboardMark_;
   std::optional<Task> thumbnailTask_;
+  std::optional<FocusSession> focus_;
+  std::optional<Task> focusTask_;
+  std::map<std::uint32_t, FittedWindow> fitted_;
+  bool moveCursorOnSwitch_ = false;
+  bool fitOnSwitch_ = false;
+  FocusBackStack backStack_;
+  FocusDebouncer debouncer_;
+  double followIgnoreUntil_ = 0;  // uptime in seconds
+  // Said in hostStatus while focus mode shows other applications' windows too.
+  std::optional<HostStatusValue> focusNotice_;
+  std::vector<Task> appTasks_;
+  std::optional<std::vector<AppInfo>> lastAppList_;
+  std::optional<std::vector<std::int32_t>> lastRecentPIDs_;
+  std::optional<Task> windowThumbTask_;
+  std::vector<std::uint32_t> thumbWindowIDs_;
+  std::map<std::uint32_t, Data> windowThumbCache_;
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

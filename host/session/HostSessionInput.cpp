@@ -18,6 +18,8 @@ asio::awaitable<void> HostSession::handlePointer(const PointerEvent& event, std:
   if (const auto* absolute = std::get_if<pointer::moveAbsolute>(&event)) {
     const auto found = std::ranges::find(displays_, absolute->displayID, &DisplayInfo::id);
     if (found != displays_.end()) display = *found;
+    // In focus mode the client's coordinates span the surface, whatever display it names.
+    if (focus_) display = focusedPointerDisplay();
   }
   // Recorded before the click goes out, so that a focus change it causes finds it.
   if (const auto* press = std::get_if<pointer::button>(&event); press && press->isDown) {

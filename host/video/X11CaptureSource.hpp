@@ -46,6 +46,7 @@ class X11CaptureSource : public CaptureSource,
   asio::awaitable<void> update(DisplayInfo display, Viewport viewport) override;
   // Idempotent; once it returns, no frame is delivered until the next start.
   asio::awaitable<void> stop() override;
+  bool isolatesApps() const override { return false; }
 
   const Executor& executor() const { return strand_; }
 

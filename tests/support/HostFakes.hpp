@@ -1,16 +1,18 @@
 #pragma once
 
 // Stand-ins for the computer's parts of a session: displays, capture, encoders, input, power, the
-// cursor, the clipboard and thumbnails, each recording what it is asked.
+// cursor, the clipboard, thumbnails, applications and windows, each recording what it is asked.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -82,12 +84,14 @@ struct FakeCaptures {
   std::vector<std::string> log;
   std::optional<std::string> failure;
   CaptureSource::StopHandler endLast;  // ends the last capture started, as a lost X server does
+  bool isolatesApps = true;
+  CaptureScope scope;  // the last one set
 };
 
 class FakeCapture : public CaptureSource {
  public:
   explicit FakeCapture(std::shared_ptr<FakeCaptures> all) : all_(std::move(all)) {}
-  void setScope(CaptureScope) override {}
+  void setScope(CaptureScope scope) override { all_->scope = scope; }
   asio::awaitable<void> start(DisplayInfo display, Viewport viewport, FrameHandler,
                               StopHandler onStopped) override {
     if (all_->failure) throw CaptureError(*all_->failure);
@@ -103,6 +107,7 @@ class FakeCapture : public CaptureSource {
     all_->log.push_back("stop");
     co_return;
   }
+  bool isolatesApps() const override { return all_->isolatesApps; }
 
  private:
   void record(const char* what, const DisplayInfo& display, const Viewport& v) {
@@ -110,6 +115,81 @@ class FakeCapture : public CaptureSource {
                         std::to_string(v.outputWidth) + "x" + std::to_string(v.outputHeight));
   }
   std::shared_ptr<FakeCaptures> all_;
+};
+
+// Applications and windows as the test arranges them, and what the session asked of them
+// ("activate 10", "raise 100", "resize 100 480,0 1440x1080").
+class FakeWindows : public AppProviding,
+                    public WindowControlling,
+                    public WindowTracking,
+                    public WindowThumbnailProviding,
+                    public FocusObserving {
+ public:
+  std::vector<WindowRecord> list;  // front to back
+  std::vector<AppInfo> appList;
+  std::vector<std::int32_t> recent;
+  std::optional<Rect> visible;
+  std::set<std::uint32_t> unresizable;
+  FocusObservation observation;
+  std::map<std::uint32_t, Data> pictures;
+  std::vector<std::string> log;
+  ChangeStream appChanges = std::make_shared<AsyncQueue<ChangeSignal>>();
+
+  asio::awaitable<std::vector<AppInfo>> apps() override { co_return appList; }
+  ChangeStream changes() override { return appChanges; }
+  asio::awaitable<std::vector<std::int32_t>> recentPIDs() override { co_return recent; }
+  ChangeStream recentChanges() override { return std::make_shared<AsyncQueue<ChangeSignal>>(); }
+
+  asio::awaitable<void> activate(std::int32_t pid) override {
+    log.push_back("activate " + std::to_string(pid));
+    co_return;
+  }
+  asio::awaitable<bool> raise(std::int32_t, AppWindowRef ref) override {
+    log.push_back("raise " + std::to_string(ref.id));
+    WindowRecord* window = find(ref.id);
+    if (window) window->isOnScreen = true, window->isMinimized = false;
+    co_return window != nullptr;
+  }
+  asio::awaitable<std::optional<Rect>> resize(std::int32_t, AppWindowRef ref, Rect frame) override {
+    log.push_back("resize " + std::to_string(ref.id) + " " + describe(frame));
+    WindowRecord* window = find(ref.id);
+    if (!window || unresizable.contains(ref.id)) co_return std::nullopt;
+    window->frame = frame;
+    co_return frame;
+  }
+
+  asio::awaitable<std::optional<WindowRecord>> window(std::uint32_t id) override {
+    const WindowRecord* found = find(id);
+    co_return found ? std::optional(*found) : std::nullopt;
+  }
+  asio::awaitable<std::vector<WindowRecord>> windows(std::int32_t pid) override {
+    std::vector<WindowRecord> found;
+    for (const WindowRecord& w : list)
+      if (w.pid == pid) found.push_back(w);
+    co_return found;
+  }
+  asio::awaitable<std::optional<Rect>> visibleFrame(std::uint32_t) override { co_return visible; }
+
+  asio::awaitable<std::map<std::uint32_t, Data>> thumbnails(std::vector<std::uint32_t> ids,
+                                                            int) override {
+    std::map<std::uint32_t, Data> found;
+    for (const std::uint32_t id : ids)
+      if (pictures.contains(id)) found[id] = pictures[id];
+    co_return found;
+  }
+
+  asio::awaitable<FocusObservation> observe(FocusedWindow, std::vector<DisplayInfo>) override {
+    co_return observation;
+  }
+
+  WindowRecord* find(std::uint32_t id) {
+    const auto found = std::ranges::find(list, id, &WindowRecord::id);
+    return found == list.end() ? nullptr : &*found;
+  }
+  static std::string describe(const Rect& r) {
+    const auto n = [](double v) { return std::to_string(std::lround(v)); };
+    return n(r.x) + "," + n(r.y) + " " + n(r.width) + "x" + n(r.height);
+  }
 };
 
 // Records what reaches the injector.

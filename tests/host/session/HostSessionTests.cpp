@@ -627,6 +627,129 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   EXPECT_EQ(thumbnails->asked, (std::vector<std::uint32_t>{2, 3, 2, 3, 2, 3}));
 }
 
+// Focus mode as a person goes through it: a window with the pointer moved into it and the
+// client's coordinates spanning its surface, the computer's focus followed to another window and
+// back, a fit, the fitted window closing into its sibling, and every fit undone at the end.
+SESSION_TEST(FocusModeFollowsTheWindowAndTheComputersFocusAndUndoesEveryFit) {
+  const auto clock = std::make_shared<ManualClock>();
+  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
+  const auto windows = std::make_shared<FakeWindows>();
+  windows->list = {{100, 10, "first", {100, 100, 800, 600}, 0, true, false, "xterm"},
+                   {101, 10, "second", {200, 200, 400, 300}, 0, true, false, "xterm"}};
+  windows->visible = Rect{0, 0, 1920, 1080};
+  h.env.windowControl = windows;
+  h.env.windowTracker = windows;
+  h.env.focusObserver = windows;
+  h.env.focusDebounce = h.env.followGrace = 0s;
+  co_await h.open();
+  const auto expectMode = [&](streammode::focus mode, bool fit, NormalizedRect surface,
+                              std::optional<FocusFollowInfo> follow) -> asio::awaitable<void> {
+    co_await h.expect<msg::streamInfo>();
+    CO_EXPECT_MESSAGE(h, msg::streamMode, {mode, fit, std::nullopt, surface, follow});
+  };
+  const NormalizedRect firstSurface{92.f / 1920, 92.f / 1080, 816.f / 1920, 616.f / 1080};
+
+  h.client->send(msg::focus{10, 100, false, true});
+  co_await expectMode({10, 100}, false, firstSurface, std::nullopt);
+  EXPECT_EQ(windows->log, (std::vector<std::string>{"activate 10", "raise 100"}));
+  EXPECT_EQ(h.captures->scope, (CaptureScope{scope::app{10, {92, 92, 816, 616}}}));
+  EXPECT_EQ(h.injector->pointer.back().second->frame, (DisplayFrame{100, 100, 800, 600}));
+  h.client->send(msg::pointer{1, pointer::moveAbsolute{1, 0.5f, 0.5f}});
+  co_await h.roundTrip();
+  EXPECT_EQ(h.injector->pointer.back().second->frame, (DisplayFrame{92, 92, 816, 616}));
+
+  windows->observation.focused = ObservedWindow{10, 101, "second", "xterm", {200, 200, 400, 300}};
+  clock->advance(250ms);
+  // Named: GCC 12 mishandles a temporary with a destructor in a co_await.
+  const std::optional<FocusFollowInfo> followed =
+      FocusFollowInfo{FocusFollowInfo::Kind::window, "xterm", "second", true};
+  co_await expectMode({10, 101}, false, {192.f / 1920, 192.f / 1080, 416.f / 1920, 316.f / 1080},
+                      followed);
+  windows->observation.focused.reset();
+  h.client->send(msg::focusBack{});
+  co_await expectMode({10, 100}, false, firstSurface, std::nullopt);
+  h.client->send(msg::focusBack{});
+  CO_EXPECT_MESSAGE(h, msg::streamMode,
+                    {streammode::focus{10, 100}, false, "Nothing to go back to", firstSurface});
+
+  h.client->send(msg::focus{10, 100, true, false});
+  co_await expectMode({10, 100}, true, {0, 0, 1, 1}, std::nullopt);
+  EXPECT_EQ(windows->log.back(), "resize 100 0,0 1920x1080");
+  // The fitted window closes: its sibling takes over, fitted in turn.
+  windows->list.erase(windows->list.begin());
+  clock->advance(250ms);
+  co_await expectMode({10, 101}, true, {0, 0, 1, 1}, std::nullopt);
+  EXPECT_EQ(h.env.fitRegistry->size(), 1u);
+
+  h.client->close();
+  co_await h.waitForEnd();
+  EXPECT_EQ(windows->log.back(), "resize 101 200,200 400x300");
+  EXPECT_EQ(h.env.fitRegistry->size(), 0u);
+}
+
+// A window of another process, one that cannot be resized, a capture that cannot leave other
+// applications out: each is told, and the stream goes on. The app list goes out when it changes;
+// window pictures when theirs do.
+SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
+  const auto clock = std::make_shared<ManualClock>();
+  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
+  const auto windows = std::make_shared<FakeWindows>();
+  windows->list = {{300, 30, "fixed", {0, 0, 300, 200}, 0, true, false, "xcalc"}};
+  windows->unresizable = {300};
+  windows->appList = {
+      {30, "xcalc", "XCalc", {}, true, {{300, "fixed", {0, 0, 300, 200}, 1, true}}}};
+  windows->recent = {30};
+  windows->pictures = {{300, Data{1}}};
+  h.env.apps = windows;
+  h.env.windowControl = windows;
+  h.env.windowTracker = windows;
+  h.env.windowThumbnails = windows;
+  h.captures->isolatesApps = false;
+  co_await h.open();
+
+  h.client->send(msg::focus{31, 300, false, false});
+  CO_EXPECT_MESSAGE(
+      h, msg::streamMode,
+      {streammode::desktop{}, false, "That window is no longer available", {0, 0, 1, 1}});
+  h.client->send(msg::focus{30, 300, true, false});
+  co_await h.expect<msg::streamInfo>();
+  const auto status = co_await h.expect<msg::hostStatus>();
+  EXPECT_EQ(status.state, HostState::ok);
+  EXPECT_TRUE(status.detail && status.detail->find("no Composite") != std::string::npos);
+  CO_EXPECT_MESSAGE(h, msg::streamMode,
+                    {streammode::focus{30, 300},
+                     false,
+                     "Can\u2019t resize this window",
+                     {0, 0, 308.f / 1920, 208.f / 1080}});
+  h.client->send(msg::unfocus{});
+  CO_EXPECT_MESSAGE(h, msg::hostStatus, HostState::ok, std::nullopt);
+  co_await h.expect<msg::streamInfo>();
+  CO_EXPECT_MESSAGE(h, msg::streamMode, {streammode::desktop{}, false, std::nullopt, {0, 0, 1, 1}});
+  h.client->send(msg::unfocus{});
+  co_await h.roundTrip();
+
+  h.client->send(msg::setAppListUpdates{true});
+  CO_EXPECT_MESSAGE(h, msg::appList, windows->appList);
+  CO_EXPECT_MESSAGE(h, msg::recentApps, {30});
+  clock->advance(1s);
+  windows->appChanges->push({});
+  co_await h.roundTrip();
+  windows->appList[0].windows[0].title = "renamed";
+  clock->advance(1s);
+  CO_EXPECT_MESSAGE(h, msg::appList, windows->appList);
+  h.client->send(msg::activateApp{30, 300, false});
+  co_await h.roundTrip();
+  EXPECT_EQ(windows->log.back(), "raise 300");
+
+  h.client->send(msg::windowThumbnails{true, {300, 301}});
+  CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{1});
+  clock->advance(1s);
+  co_await h.roundTrip();
+  windows->pictures[300] = Data{2};
+  clock->advance(1s);
+  CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{2});
+}
+
 TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
   VirtualDisplay x(1280, 720);
   SKIP_WITHOUT_DISPLAY(x);
