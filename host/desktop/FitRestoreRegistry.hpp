@@ -1,6 +1,7 @@
 #pragma once
 
 #include <asio/awaitable.hpp>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <mutex>
