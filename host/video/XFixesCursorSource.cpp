@@ -1,6 +1,5 @@
 #include "host/video/XFixesCursorSource.hpp"
 
-#include <png.h>
 #include <xcb/xfixes.h>
 
 #include <algorithm>
@@ -9,11 +8,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
-#include <new>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "host/video/PngImage.hpp"
 #include "host/x11/X11Connection.hpp"
 #include "kit/log/Logger.hpp"
 
@@ -133,41 +132,6 @@ std::uint64_t cursorToken(const CursorBitmap& bitmap) {
   return hash;
 }
 
-void appendPngBytes(png_structp png, png_bytep bytes, png_size_t length) {
-  bool outOfMemory = false;
-  try {
-    auto& out = *static_cast<Data*>(png_get_io_ptr(png));
-    out.insert(out.end(), bytes, bytes + length);
-  } catch (const std::bad_alloc&) {
-    outOfMemory = true;
-  }
-  if (outOfMemory) png_error(png, "out of memory");  // leaves by longjmp, so not inside the catch
-}
-
-void flushNothing(png_structp) {}
-
-// An 8-bit RGBA PNG of IHDR, IDAT and IEND alone. libpng reports failure by longjmp: nothing with
-// a destructor lives in this frame, and `out` is the caller's.
-bool writePng(const std::uint8_t* rgba, int width, int height, Data* out) {
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  if (!png) return false;
-  png_infop info = png_create_info_struct(png);
-  if (!info || setjmp(png_jmpbuf(png))) {
-    png_destroy_write_struct(&png, &info);
-    return false;
-  }
-  png_set_write_fn(png, out, appendPngBytes, flushNothing);
-  png_set_IHDR(png, info, png_uint_32(width), png_uint_32(height), 8, PNG_COLOR_TYPE_RGB_ALPHA,
-               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  png_write_info(png, info);
-  for (int y = 0; y < height; ++y) {
-    png_write_row(png, rgba + std::size_t(y) * std::size_t(width) * 4);
-  }
-  png_write_end(png, nullptr);
-  png_destroy_write_struct(&png, &info);
-  return true;
-}
-
 }  // namespace
 
 // Everything lives on `strand`; the connection's own strand is made on it, so its events are
@@ -211,9 +175,9 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
     CursorPoll result{imageToken, bitmap->visible, {}};
     if (token != imageToken) {
       CursorShapeData shape;
-      if (!writePng(bitmap->rgba.data(), bitmap->width, bitmap->height, &shape.png)) {
-        return fail("the cursor's image could not be made a PNG");
-      }
+      auto png = encodePng(bitmap->rgba.data(), bitmap->width, bitmap->height);
+      if (!png) return fail("the cursor's image could not be made a PNG");
+      shape.png = std::move(*png);
       shape.hotspotX = float(bitmap->hotspotX);
       shape.hotspotY = float(bitmap->hotspotY);
       shape.pointSize = float(bitmap->pointWidth);
