@@ -266,6 +266,8 @@ int main(int argc, char** argv) {
         main,
         [&]() -> asio::awaitable<void> {
           co_await model->sessionsEnded();
+          // Sessions undo their own resizes; whatever one could not is undone here.
+          co_await composition.fitRegistry()->restoreAll();
           io.stop();
         },
         asio::detached);

@@ -1,10 +1,12 @@
 #include "host/app/HostComposition.hpp"
 
+#include <unistd.h>
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
 
 #include "host/app/TerminalPairingConfirmer.hpp"
 #include "host/audio/PulseAudioCapture.hpp"
+#include "host/desktop/X11FocusObserver.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
 #include "host/video/X11Thumbnails.hpp"
@@ -20,7 +22,9 @@ HostComposition::HostComposition(Executors executors, Options options)
       displays_(std::make_shared<RandrDisplayManager>(executors_.pool, options_.displayName)),
       injector_(std::make_shared<XTestInjector>(options_.displayName)),
       power_(std::make_shared<X11PowerManager>(options_.displayName)),
-      pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)) {
+      pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)),
+      windows_(std::make_shared<X11WindowSystem>(executors_.pool, options_.displayName)),
+      focusObserver_(std::make_shared<X11FocusObserver>(*windows_)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
 }
@@ -50,6 +54,12 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.pasteboard = pasteboard_;
   env.cursorSource = std::make_shared<XFixesCursorSource>(executors_.pool, options_.displayName);
   env.thumbnails = std::make_shared<X11Thumbnails>(executors_.pool, options_.displayName);
+  env.apps = windows_;
+  env.windowControl = windows_;
+  env.windowTracker = windows_;
+  env.focusObserver = focusObserver_;
+  env.fitRegistry = fitRegistry_;
+  env.ownPID = ::getpid();
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;
   env.screenRecordingGranted = [name = options_.displayName] {

@@ -6,7 +6,10 @@
 
 #include "host/app/AppModel.hpp"
 #include "host/app/X11PowerManager.hpp"
+#include "host/desktop/FitRestoreRegistry.hpp"
+#include "host/desktop/X11FocusObserver.hpp"
 #include "host/desktop/X11Pasteboard.hpp"
+#include "host/desktop/X11WindowSystem.hpp"
 #include "host/input/XTestInjector.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 
@@ -42,6 +45,9 @@ class HostComposition {
   // A session's environment, before the model adds its own parts.
   HostEnvironment environment(std::shared_ptr<EncoderFactory> encoders) const;
 
+  // What is left of the sessions' window resizes, undone when the host quits.
+  const std::shared_ptr<FitRestoreRegistry>& fitRegistry() const { return fitRegistry_; }
+
   // Whether the host can see the X display and drive its input (XTEST).
   static Permissions readPermissions(const std::string& displayName);
 
@@ -53,6 +59,10 @@ class HostComposition {
   const std::shared_ptr<X11PowerManager> power_;
   // One for the process: what a session wrote stays on the clipboard after it.
   const std::shared_ptr<X11Pasteboard> pasteboard_;
+  // The applications and windows, watched once for every session.
+  const std::shared_ptr<X11WindowSystem> windows_;
+  const std::shared_ptr<X11FocusObserver> focusObserver_;
+  const std::shared_ptr<FitRestoreRegistry> fitRegistry_ = std::make_shared<FitRestoreRegistry>();
 };
 
 }  // namespace kelvaron::host
