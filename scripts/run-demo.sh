@@ -2,7 +2,7 @@
 # The main job, on one machine: installs what is missing, builds, starts a virtual display with a
 # clock and a terminal on it and a sound server of its own playing quiet noise, starts the host,
 # pairs the reference client by token, streams picture and sound for a while typing into the
-# terminal, and says what happened.
+# terminal, then streams the terminal's window alone (focus mode), and says what happened.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -56,7 +56,9 @@ if [ -z "$link" ] || [ -z "$port" ] || [ -z "$display" ]; then
 fi
 echo "host: display $display, UDP port $port"
 
-# Something that moves, and somewhere to type.
+# A window manager, something that moves, and somewhere to type.
+DISPLAY=$display openbox --sm-disable >/dev/null 2>&1 &
+pids+=($!)
 DISPLAY=$display xclock -update 1 -geometry 320x320+80+120 >/dev/null 2>&1 &
 pids+=($!)
 DISPLAY=$display xterm -geometry 80x24+480+120 -e bash --norc >/dev/null 2>&1 &
@@ -74,8 +76,13 @@ build/release/apps/tovu-client connect "$host_id" --address "127.0.0.1:$port" \
   --type $'echo Hello from the Tovu client\n' --audio-out "$work/heard.wav" \
   --save-cursor "$work/cursor"
 
+echo "== focus mode: the terminal's window alone, typed into from the client"
+build/release/apps/tovu-client connect "$host_id" --address "127.0.0.1:$port" --seconds 4 \
+  --apps --focus XTerm --type $'echo Only this window is streamed\n' --save-frame "$work/focus.png"
+
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"
+echo "The terminal's window in focus mode: $work/focus.png"
 echo "What the client heard: $work/heard.wav"
 echo "The pointer's images and positions: $work/cursor"
 echo "The host's log: $work/host.log"

@@ -68,6 +68,26 @@ std::optional<std::uint32_t> colourAt(const fs::path& file, int x, int y) {
   return std::uint32_t(p[0]) << 16 | std::uint32_t(p[1]) << 8 | p[2];
 }
 
+bool near(std::uint32_t a, std::uint32_t b);
+
+// How many pixels of a PNG file are near `colour`, and how many it has; nothing if it cannot be
+// read.
+std::optional<std::pair<std::size_t, std::size_t>> countNear(const fs::path& file,
+                                                             std::uint32_t colour) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_file(&image, file.c_str())) return std::nullopt;
+  image.format = PNG_FORMAT_RGB;
+  std::vector<std::uint8_t> pixels(PNG_IMAGE_SIZE(image));
+  if (!png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr)) return std::nullopt;
+  std::size_t found = 0;
+  for (std::size_t i = 0; i + 2 < pixels.size(); i += 3) {
+    found += near(std::uint32_t(pixels[i]) << 16 | std::uint32_t(pixels[i + 1]) << 8 | pixels[i + 2],
+                  colour);
+  }
+  return std::pair(found, pixels.size() / 3);
+}
+
 bool near(std::uint32_t a, std::uint32_t b) {
   return std::ranges::all_of(std::array{16, 8, 0}, [&](int shift) {
     return std::abs(int((a >> shift) & 0xff) - int((b >> shift) & 0xff)) <= 24;
@@ -419,6 +439,49 @@ TEST(EndToEnd, TheCursorMovesByOthersAndPicturesOfTheOtherDisplayReachTheDevice)
     ++pictures;
   }
   EXPECT_GE(pictures, 3) << "about one a second of the other display, for 6 s";
+}
+
+// Focus mode from the device: the terminal's window alone, found by its application's name, with
+// what the device types going into it, and not a pixel of another application's window raised
+// over it.
+TEST(EndToEnd, FocusStreamsOneWindowWhichTheDeviceTypesInto) {
+  Host host;
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const fs::path work = ann.home.path();
+  ChildProcess windowManager({"env", "DISPLAY=" + host.display(), "openbox", "--sm-disable"},
+                             work / "openbox.log");
+  ChildProcess terminal({"env", "DISPLAY=" + host.display(), "xterm", "-xrm",
+                         "*vt100.background: #202080", "-geometry", "50x12+20+20", "-e", "sh"},
+                        work / "xterm.log");
+  ChildProcess logo({"env", "DISPLAY=" + host.display(), "xlogo", "-bg", "#00ff00", "-geometry",
+                     "200x200+200+60"},
+                    work / "xlogo.log");
+  for (const char* name : {"xterm", "xlogo"}) {
+    if (!onDisplay(host.display(), "timeout 10 xdotool search --sync --class " + std::string(name))
+             .succeeded())
+      GTEST_SKIP() << "no " << name << " under openbox: " << readFile(work / "openbox.log");
+  }
+
+  const fs::path log = work / "connect.log", picture = work / "focus.png";
+  const fs::path typed = work / "typed";
+  auto watching = ann.start(ann.connect(host.address(), "8",
+                                        {"--apps", "--focus", "XTerm", "--type",
+                                         "touch " + typed.string() + "\n", "--save-frame",
+                                         picture.string()}),
+                            log);
+  ASSERT_TRUE(waitFor(log, "Stream mode: window ", 1, 30s)) << readFile(log);
+  EXPECT_NE(readFile(log).find("App "), std::string::npos) << readFile(log);
+  // Over the streamed window, whose application stays in front.
+  onDisplay(host.display(), "xdotool search --class xlogo windowraise");
+  ASSERT_TRUE(waitFor(log, "Saved the last picture", 1, 30s)) << readFile(log);
+  EXPECT_TRUE(fs::exists(typed)) << readFile(log);
+  const auto background = countNear(picture, 0x202080);
+  const auto green = countNear(picture, 0x00ff00);
+  ASSERT_TRUE(background && green);
+  EXPECT_GT(background->first, background->second / 2) << "the terminal's window fills the picture";
+  EXPECT_EQ(green->first, 0u) << "pixels of the window over it";
 }
 
 // The device's desktop is a second X server; xclip copies and pastes on each side.
