@@ -59,6 +59,9 @@ class CaptureSource {
   // Applied to the running capture; another display restarts it.
   virtual asio::awaitable<void> update(DisplayInfo display, Viewport viewport) = 0;
   virtual asio::awaitable<void> stop() = 0;
+  // True when an `app` scope shows only that application's windows; false when it falls back to
+  // a crop of the screen.
+  virtual bool isolatesApps() const = 0;
 };
 
 using CaptureFactory = std::function<std::shared_ptr<CaptureSource>()>;

@@ -82,6 +82,7 @@ struct FakeCaptures {
   std::vector<std::string> log;
   std::optional<std::string> failure;
   CaptureSource::StopHandler endLast;  // ends the last capture started, as a lost X server does
+  bool isolatesApps = true;            // false: an app scope is a crop of the screen
 };
 
 class FakeCapture : public CaptureSource {
@@ -103,6 +104,7 @@ class FakeCapture : public CaptureSource {
     all_->log.push_back("stop");
     co_return;
   }
+  bool isolatesApps() const override { return all_->isolatesApps; }
 
  private:
   void record(const char* what, const DisplayInfo& display, const Viewport& v) {
