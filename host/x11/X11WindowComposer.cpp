@@ -6,6 +6,7 @@
 #include <xcb/shm.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <unordered_set>
 
@@ -155,14 +156,17 @@ X11WindowComposer::X11WindowComposer(xcb_connection_t* connection, const xcb_scr
   xcb_prefetch_extension_data(c, &xcb_shape_id);
   xcb_prefetch_extension_data(c, &xcb_damage_id);
   if (!present(c, &xcb_composite_id)) throw Unavailable("the X server lacks Composite");
-  // Each extension hears the client's version before anything else.
-  const auto compositeCookie = xcb_composite_query_version(c, 0, 4);
+  // Each extension hears the client's version before anything else; a request to an extension
+  // the server lacks would end the connection.
   const bool withShm = present(c, &xcb_shm_id);
   const bool withDamage = follow_ && present(c, &xcb_damage_id);
-  hasShape_ = present(c, &xcb_shape_id);
-  const auto shmCookie = xcb_shm_query_version(c);
-  const auto damageCookie = xcb_damage_query_version(c, 1, 1);
-  const auto shapeCookie = xcb_shape_query_version(c);
+  const bool withShape = present(c, &xcb_shape_id);
+  const auto compositeCookie = xcb_composite_query_version(c, 0, 4);
+  const auto shmCookie = withShm ? xcb_shm_query_version(c) : xcb_shm_query_version_cookie_t{};
+  const auto damageCookie =
+      withDamage ? xcb_damage_query_version(c, 1, 1) : xcb_damage_query_version_cookie_t{};
+  const auto shapeCookie =
+      withShape ? xcb_shape_query_version(c) : xcb_shape_query_version_cookie_t{};
   const XcbReply<xcb_composite_query_version_reply_t> composite(
       xcb_composite_query_version_reply(c, compositeCookie, nullptr));
   const XcbReply<xcb_shm_query_version_reply_t> shm(
@@ -170,18 +174,17 @@ X11WindowComposer::X11WindowComposer(xcb_connection_t* connection, const xcb_scr
   const XcbReply<xcb_damage_query_version_reply_t> damage(
       withDamage ? xcb_damage_query_version_reply(c, damageCookie, nullptr) : nullptr);
   const XcbReply<xcb_shape_query_version_reply_t> shape(
-      hasShape_ ? xcb_shape_query_version_reply(c, shapeCookie, nullptr) : nullptr);
-  if (!withShm) xcb_discard_reply(c, shmCookie.sequence);
-  if (!withDamage) xcb_discard_reply(c, damageCookie.sequence);
-  if (!hasShape_) xcb_discard_reply(c, shapeCookie.sequence);
-  hasShape_ = shape != nullptr;
+      withShape ? xcb_shape_query_version_reply(c, shapeCookie, nullptr) : nullptr);
   // Naming a window's pixmap came with 0.2.
   if (!composite || (composite->major_version == 0 && composite->minor_version < 2)) {
     throw Unavailable("the X server's Composite cannot name windows' pixmaps");
   }
   if (shm) shm_ = std::make_unique<X11SharedMemory>(c);
-  if (damage) damageNotify_ = xcb_get_extension_data(c, &xcb_damage_id)->first_event;
-  damageNotify_ = damage ? std::uint8_t(damageNotify_ + XCB_DAMAGE_NOTIFY) : 0;
+  if (damage) {
+    damageNotify_ =
+        std::uint8_t(xcb_get_extension_data(c, &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY);
+  }
+  hasShape_ = shape != nullptr;
 
   // Never MANUAL: only one client may hold it, a compositing manager's, and it would make this
   // one responsible for painting the screen.
@@ -493,7 +496,8 @@ std::size_t X11WindowComposer::compose(const std::vector<TopLevel>& windows, con
   pieces.reserve(windows.size());
   for (const TopLevel& window : windows) {
     const RootRect rect = intersection(outerRect(window), area);
-    if (rect.empty()) continue;
+    // Reads are addressed in 16-bit pixmap coordinates: a window wider than that is left out.
+    if (rect.empty() || rect.x - window.x > INT16_MAX || rect.y - window.y > INT16_MAX) continue;
     Piece& piece = pieces.emplace_back();
     piece.window = &window;
     piece.rect = rect;
