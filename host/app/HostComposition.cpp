@@ -7,6 +7,7 @@
 #include "host/app/TerminalPairingConfirmer.hpp"
 #include "host/audio/PulseAudioCapture.hpp"
 #include "host/desktop/X11FocusObserver.hpp"
+#include "host/desktop/X11WindowThumbnails.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
 #include "host/video/X11Thumbnails.hpp"
@@ -58,6 +59,8 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.windowControl = windows_;
   env.windowTracker = windows_;
   env.focusObserver = focusObserver_;
+  env.windowThumbnails =
+      std::make_shared<X11WindowThumbnails>(executors_.pool, options_.displayName);
   env.fitRegistry = fitRegistry_;
   env.ownPID = ::getpid();
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };

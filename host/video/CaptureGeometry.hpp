@@ -18,13 +18,14 @@ namespace scope {
 struct display {
   friend bool operator==(const display&, const display&) = default;
 };
-// That application's windows on the display; `base` is the region of interest in points.
+// That application's windows on the display; `base` is the region of interest in points of the
+// display.
 struct app {
   std::int32_t pid = 0;
   Rect base;
   friend bool operator==(const app&, const app&) = default;
 };
-// A part of the display in points.
+// A part of the display in points of the display.
 struct region {
   Rect base;
   friend bool operator==(const region&, const region&) = default;
@@ -46,8 +47,7 @@ struct PixelSize {
   friend bool operator==(const PixelSize&, const PixelSize&) = default;
 };
 
-// What to capture: a rectangle of the display in points (relative to the display for the
-// `display` scope, global for `app` and `region`) and the size to render it at.
+// What to capture: a rectangle of the display in its own points, and the size to render it at.
 struct SourceGeometry {
   Rect source;
   PixelSize output;

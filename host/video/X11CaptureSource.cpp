@@ -2,8 +2,6 @@
 
 #include <libyuv/planar_functions.h>
 #include <libyuv/scale_argb.h>
-#include <sys/ipc.h>
-#include <sys/shm.h>
 #include <xcb/damage.h>
 #include <xcb/randr.h>
 #include <xcb/shm.h>
@@ -11,17 +9,17 @@
 #include <algorithm>
 #include <asio/steady_timer.hpp>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <optional>
-#include <system_error>
 #include <vector>
 
 #include "host/video/RegionTagger.hpp"
 #include "host/x11/RandrMonitors.hpp"
 #include "host/x11/X11Connection.hpp"
+#include "host/x11/X11SharedMemory.hpp"
+#include "host/x11/X11WindowComposer.hpp"
 #include "kit/media/CaptureClock.hpp"
 
 namespace kelvaron::host {
@@ -58,6 +56,8 @@ struct GrabPlan {
   PixelRect area;    // the part of it on the root window; empty when there is none
   PixelSize output;
   PixelRect placement;  // where `area` lands in the output
+  // In an `app` scope, the process whose windows alone are shown, where they can be told apart.
+  std::optional<std::int32_t> appPid;
 
   bool clipped() const { return area != wanted; }
   std::size_t bytes() const {
@@ -101,13 +101,9 @@ PixelRect wholePixels(const Rect& rect) {
   return result;
 }
 
-// Where a display and the desktop's origin lie on the root window now. On X11 a point is a pixel.
-// The desktop's origin is the top left corner of the main display, as the display list chose it:
-// its frames, measured from there, and the monitors' places on the root give the offset, so the
-// rule of which monitor is the main one lives in one place only.
+// Where a display's top left corner lies on the root window now. On X11 a point is a pixel.
 struct RootPlacement {
   double displayX = 0, displayY = 0;
-  double originX = 0, originY = 0;
 };
 
 // Nothing when no monitor has `displayID`, which the display list made, clashes and all.
@@ -119,8 +115,7 @@ std::optional<RootPlacement> placeOnRoot(X11Connection& connection, MonitorNames
   const auto display = std::ranges::find(displays, displayID, &DisplayInfo::id);
   if (display == displays.end()) return std::nullopt;
   const auto monitor = std::ranges::find(monitors, display->name, &RandrMonitor::name);
-  const double x = monitor->x, y = monitor->y;
-  return RootPlacement{x, y, x - display->frame.x, y - display->frame.y};
+  return RootPlacement{double(monitor->x), double(monitor->y)};
 }
 
 PixelSize rootSize(X11Connection& connection) {
@@ -131,24 +126,22 @@ PixelSize rootSize(X11Connection& connection) {
   return {geometry->width, geometry->height};
 }
 
-// The source rectangle in root pixels: the `display` scope's is relative to the display, the
-// others' are in desktop points.
-Rect onRoot(Rect source, const RootPlacement& place, const CaptureScope& scope) {
-  const bool relativeToDisplay = std::holds_alternative<scope::display>(scope);
-  source.x += relativeToDisplay ? place.displayX : place.originX;
-  source.y += relativeToDisplay ? place.displayY : place.originY;
+// The source rectangle, in points of the display for every scope, in root pixels.
+Rect onRoot(Rect source, const RootPlacement& place) {
+  source.x += place.displayX;
+  source.y += place.displayY;
   return source;
 }
 
-// Every scope shows all windows here: an `app` scope captures everything within its base
-// rectangle, not yet only its application's windows (that comes with focus mode).
 GrabPlan planGrab(X11Connection& connection, MonitorNames& names, const DisplayInfo& display,
                   const Viewport& viewport, const CaptureScope& scope) {
   const auto place = placeOnRoot(connection, names, display.id);
   if (!place) throw CaptureError::displayNotFound(display.id);
   const SourceGeometry geometry = sourceGeometry(display, viewport, scope);
-  const PixelRect wanted = wholePixels(onRoot(geometry.source, *place, scope));
-  return clipToRoot(wanted, geometry.output, rootSize(connection));
+  const PixelRect wanted = wholePixels(onRoot(geometry.source, *place));
+  GrabPlan plan = clipToRoot(wanted, geometry.output, rootSize(connection));
+  if (const auto* app = std::get_if<scope::app>(&scope)) plan.appPid = app->pid;
+  return plan;
 }
 
 // The picture as B, G, R, X bytes: straight from the screen when the sizes agree, else scaled.
@@ -170,65 +163,6 @@ void render(const std::uint8_t* pixels, const GrabPlan& plan, PixelBuffer& buffe
   libyuv::ARGBScale(pixels, width * kBytesPerPixel, width, height, destination, buffer.stride,
                     int(to.width()), int(to.height()), libyuv::kFilterBox);
 }
-
-// A SysV shared-memory segment that the X server writes pictures into.
-class SharedImage {
- public:
-  explicit SharedImage(xcb_connection_t* connection) : connection_(connection) {}
-  ~SharedImage() { release(); }
-  SharedImage(const SharedImage&) = delete;
-  SharedImage& operator=(const SharedImage&) = delete;
-
-  // Room for at least `bytes`: a segment only grows, and is made anew when it must.
-  void reserve(std::size_t bytes) {
-    if (bytes <= capacity_) return;
-    const int id = ::shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
-    if (id < 0) {
-      throw std::system_error(errno, std::generic_category(),
-                              "Cannot make shared memory for screen capture");
-    }
-    void* address = ::shmat(id, nullptr, SHM_RDONLY);
-    const int attachError = address == reinterpret_cast<void*>(-1) ? errno : 0;
-    const xcb_shm_seg_t segment = xcb_generate_id(connection_);
-    const XcbReply<xcb_generic_error_t> refused(
-        attachError
-            ? nullptr
-            : xcb_request_check(connection_, xcb_shm_attach_checked(connection_, segment, id, 0)));
-    // Removed once both sides have let go of it, even if this process dies first.
-    ::shmctl(id, IPC_RMID, nullptr);
-    if (attachError) {
-      throw std::system_error(attachError, std::generic_category(),
-                              "Cannot map shared memory for screen capture");
-    }
-    if (refused || xcb_connection_has_error(connection_)) {
-      ::shmdt(address);
-      throw std::runtime_error(
-          "The X server cannot share memory with this process (does it run on another "
-          "machine?), and screen capture needs that.");
-    }
-    release();
-    segment_ = segment;
-    address_ = address;
-    capacity_ = bytes;
-  }
-
-  const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(address_); }
-  xcb_shm_seg_t segment() const { return segment_; }
-
-  void release() {
-    if (!address_) return;
-    xcb_shm_detach(connection_, segment_);  // a no-op on a broken connection
-    ::shmdt(address_);
-    address_ = nullptr;
-    capacity_ = 0;
-  }
-
- private:
-  xcb_connection_t* const connection_;
-  xcb_shm_seg_t segment_ = 0;
-  void* address_ = nullptr;
-  std::size_t capacity_ = 0;
-};
 
 // A few pixel buffers that go round: a buffer nobody else holds any more is written again, so
 // steady capture allocates nothing.
@@ -335,7 +269,11 @@ struct X11CaptureSource::Stream {
   // The request that last emptied the damage region: damage reported before it is in the next
   // picture already, and asks for no other.
   std::uint32_t subtractSequence = 0;
-  SharedImage image;
+  X11SharedMemory image;
+  // In an `app` scope: the application's windows, composed from their own pixels into `composed`.
+  std::unique_ptr<X11WindowComposer> composer;
+  bool composerRefused = false;  // the server cannot do it: the screen is cropped instead
+  std::vector<std::uint8_t> composed;
   PixelBufferPool pool;
   GrabPlan plan;
   // The rectangle in force and its history. Updates and grabs both run on the strand, so nothing
@@ -405,6 +343,7 @@ void X11CaptureSource::startOnStrand(const DisplayInfo& display, const Viewport&
   stream->sourceRect = normalizedRect(viewport.sourceRect);
   stream->plan = planGrab(*connection, stream->monitorNames, display, viewport, requestedScope());
   stream->image.reserve(stream->plan.bytes());
+  followApp(*stream);
   stream->damageNotify = xcb_get_extension_data(c, &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
   const xcb_damage_damage_t damage = xcb_generate_id(c);
   const XcbReply<xcb_generic_error_t> refused(xcb_request_check(
@@ -446,14 +385,36 @@ void X11CaptureSource::updateOnStrand(const DisplayInfo& display, const Viewport
     if (const auto previous = stream.tagger.rollback()) stream.sourceRect = *previous;
     throw;
   }
+  followApp(stream);
   stream.tagger.confirm(monotonicRawNs());
   captureSoon();  // a new rectangle shows without waiting for a change
 }
 
 void X11CaptureSource::stopOnStrand() { stream_.reset(); }
 
+void X11CaptureSource::followApp(Stream& stream) {
+  if (!stream.plan.appPid) {
+    // The redirection costs the server a pixmap per window: it lasts only as long as it serves.
+    stream.composer.reset();
+    stream.composed = {};
+    return;
+  }
+  if (stream.composer || stream.composerRefused) return;
+  try {
+    stream.composer = std::make_unique<X11WindowComposer>(stream.connection->get(),
+                                                          stream.connection->screen(), true);
+    isolates_ = true;
+  } catch (const X11WindowComposer::Unavailable& failure) {
+    stream.composerRefused = true;
+    isolates_ = false;
+    log_.error("An application's windows cannot be shown alone (%s); its capture shows the screen",
+               failure.what());
+  }
+}
+
 void X11CaptureSource::handleEvent(std::uint64_t generation, const xcb_generic_event_t& event) {
   if (!stream_ || stream_->generation != generation) return;
+  if (stream_->composer && stream_->composer->handleEvent(event)) return captureSoon();
   if (event.response_type == 0) {
     const auto& error = reinterpret_cast<const xcb_generic_error_t&>(event);
     log_.error("The X server reported error %u for request %u.%u", error.error_code,
@@ -510,6 +471,20 @@ void X11CaptureSource::captureNow(std::uint64_t generation) {
   stream.subtractSequence = xcb_damage_subtract(c, stream.damage, XCB_NONE, XCB_NONE).sequence;
   const std::uint64_t captureTimeNs = monotonicRawNs();
   const PixelRect& area = stream.plan.area;
+  if (stream.composer && stream.plan.appPid) {
+    stream.composed.resize(stream.plan.bytes());
+    const RootRect rect{std::int32_t(area.left), std::int32_t(area.top), std::int32_t(area.width()),
+                        std::int32_t(area.height())};
+    try {
+      stream.composer->composeApplication(*stream.plan.appPid, rect, stream.composed.data(),
+                                          int(area.width()) * kBytesPerPixel);
+    } catch (const std::exception& failure) {
+      log_.error("Composing the application's windows failed: %s", failure.what());
+      return;
+    }
+    if (stream.connection->broken()) return;  // reported by the dispatch
+    return deliver(stream, captureTimeNs, stream.composed.data());
+  }
   xcb_generic_error_t* error = nullptr;
   const XcbReply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(
       c,
@@ -519,19 +494,22 @@ void X11CaptureSource::captureNow(std::uint64_t generation) {
                         stream.image.segment(), 0),
       &error));
   const XcbReply<xcb_generic_error_t> refused(error);
-  if (image) return deliver(stream, captureTimeNs);
+  if (image) return deliver(stream, captureTimeNs, stream.image.data());
   if (stream.connection->broken()) return;  // reported by the dispatch
   // The screen shrank under the plan: grab what is left of it from now on.
   log_.error("Grabbing the screen failed (X error %u); fitting the capture to the screen",
              refused ? refused->error_code : 0u);
   try {
+    const auto appPid = stream.plan.appPid;
     stream.plan = clipToRoot(stream.plan.wanted, stream.plan.output, rootSize(*stream.connection));
+    stream.plan.appPid = appPid;
   } catch (const std::exception& failure) {
     log_.error("%s", failure.what());
   }
 }
 
-void X11CaptureSource::deliver(Stream& stream, std::uint64_t captureTimeNs) {
+void X11CaptureSource::deliver(Stream& stream, std::uint64_t captureTimeNs,
+                               const std::uint8_t* pixels) {
   const auto rect = stream.tagger.attribute(captureTimeNs, stream.sourceRect);
   if (!rect) return;  // taken while the rectangle was changing: its rectangle is unknown
   const auto buffer = stream.pool.take(stream.plan.output);
@@ -539,7 +517,7 @@ void X11CaptureSource::deliver(Stream& stream, std::uint64_t captureTimeNs) {
     captureSoon();  // the consumers are behind; the change must still reach them
     return;
   }
-  render(stream.image.data(), stream.plan, *buffer);
+  render(pixels, stream.plan, *buffer);
   if (onFrame_) onFrame_(CapturedFrame{buffer, stream.displayID, *rect, captureTimeNs});
 }
 

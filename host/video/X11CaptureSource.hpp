@@ -2,6 +2,7 @@
 
 #include <xcb/xcb.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -16,7 +17,10 @@ namespace kelvaron::host {
 // Captures one RANDR monitor of an X server through MIT-SHM, driven by DAMAGE: a picture is taken
 // only when the screen changed since the last one, at most 60 times a second, so a still screen
 // costs nothing. Each picture is scaled to the viewport's output size and tagged with the source
-// rectangle that was in force when it was taken.
+// rectangle that was in force when it was taken. In an `app` scope the picture holds only that
+// application's windows, composed from their own pixels (host/x11/X11WindowComposer), black where
+// none of them is; their drawing, even under other windows, and their mapping and moves count as
+// changes too.
 //
 // A serial-executor object: its state lives on its own strand, where frames are also delivered.
 // Each start opens a connection of its own to the display named at construction, whose events are
@@ -46,7 +50,9 @@ class X11CaptureSource : public CaptureSource,
   asio::awaitable<void> update(DisplayInfo display, Viewport viewport) override;
   // Idempotent; once it returns, no frame is delivered until the next start.
   asio::awaitable<void> stop() override;
-  bool isolatesApps() const override { return false; }
+  // Any thread. False once an `app` scope fell back to the screen within its rectangle because
+  // the server cannot compose windows from their own pixels (no Composite, or it refused).
+  bool isolatesApps() const override { return isolates_; }
 
   const Executor& executor() const { return strand_; }
 
@@ -64,12 +70,14 @@ class X11CaptureSource : public CaptureSource,
   void handleClosed(std::uint64_t generation, const std::string& reason);
   void captureSoon();
   void captureNow(std::uint64_t generation);
-  void deliver(Stream& stream, std::uint64_t captureTimeNs);
+  void deliver(Stream& stream, std::uint64_t captureTimeNs, const std::uint8_t* pixels);
+  void followApp(Stream& stream);
 
   const Executor strand_;
   const std::string displayName_;
   mutable std::mutex scopeLock_;
   CaptureScope scope_;  // guarded by scopeLock_: the scope the next start or update applies
+  std::atomic<bool> isolates_{true};
 
   // On the strand.
   std::unique_ptr<Stream> stream_;

@@ -1,7 +1,6 @@
 #include "host/video/X11Thumbnails.hpp"
 
 #include <libyuv/scale_argb.h>
-#include <turbojpeg.h>
 #include <xcb/randr.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "host/video/JpegEncoder.hpp"
 #include "host/x11/RandrMonitors.hpp"
 #include "host/x11/X11Connection.hpp"
 #include "kit/log/Logger.hpp"
@@ -54,9 +54,6 @@ std::pair<int, int> thumbnailSize(std::int64_t width, std::int64_t height, int m
 struct X11Thumbnails::Core {
   Core(const Executor& executor, std::string name)
       : strand(makeStrand(executor)), displayName(std::move(name)) {}
-  ~Core() {
-    if (jpeg) tjDestroy(jpeg);
-  }
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
 
@@ -122,24 +119,9 @@ struct X11Thumbnails::Core {
     libyuv::ARGBScale(xcb_get_image_data(image.get()), int(area.width()) * 4, int(area.width()),
                       int(area.height()), &pixels[std::size_t(top * width + left) * 4], width * 4,
                       int(right - left), int(bottom - top), libyuv::kFilterBox);
-    auto jpegData = compress(pixels.data(), width, height);
-    if (!jpegData) return std::nullopt;
+    Data jpegData = jpeg.encode(pixels.data(), width, height, width * 4, kJpegQuality);
     failing = false;
     return jpegData;
-  }
-
-  std::optional<Data> compress(const std::uint8_t* bgrx, int width, int height) {
-    if (!jpeg && !(jpeg = tjInitCompress())) return fail("TurboJPEG cannot start: out of memory");
-    unsigned char* out = nullptr;
-    unsigned long size = 0;
-    if (tjCompress2(jpeg, bgrx, width, width * 4, height, TJPF_BGRX, &out, &size, TJSAMP_420,
-                    kJpegQuality, 0) != 0) {
-      tjFree(out);
-      return fail(std::string("the thumbnail could not be made a JPEG: ") + tjGetErrorStr2(jpeg));
-    }
-    Data result(out, out + size);
-    tjFree(out);
-    return result;
   }
 
   // A working connection; a new one at most once a second.
@@ -185,7 +167,7 @@ struct X11Thumbnails::Core {
   std::shared_ptr<X11Connection> connection;
   MonitorNames monitorNames;  // of `connection`'s server
   std::optional<std::chrono::steady_clock::time_point> lastAttempt;
-  tjhandle jpeg = nullptr;
+  JpegEncoder jpeg;
   bool failing = false;
 };
 

@@ -84,8 +84,8 @@ struct FakeCaptures {
   std::vector<std::string> log;
   std::optional<std::string> failure;
   CaptureSource::StopHandler endLast;  // ends the last capture started, as a lost X server does
-  bool isolatesApps = true;
-  CaptureScope scope;  // the last one set
+  bool isolatesApps = true;  // false: an app scope is a crop of the screen
+  CaptureScope scope;        // the last one set
 };
 
 class FakeCapture : public CaptureSource {

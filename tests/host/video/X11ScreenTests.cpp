@@ -338,8 +338,8 @@ TEST_F(X11CaptureSourceTest, CapturesChangesOnlyAndStopsOnceWhenTheServerGoes) {
   });
 }
 
-// Regions are in desktop points, measured from the main display's top left corner, wherever that
-// lies on the screen. Another display restarts the capture there; a display that went away fails
+// Regions are in points of their display, wherever it lies on the screen and whichever display is
+// the main one. Another display restarts the capture there; a display that went away fails
 // the update, and the capture stays where it was.
 TEST_F(X11CaptureSourceTest, FollowsDisplaysAndRefusesOneThatVanished) {
   ASSERT_TRUE(painter->setMonitor("TOVU-RIGHT", 640, 0, 640, 720, true));
@@ -351,7 +351,7 @@ TEST_F(X11CaptureSourceTest, FollowsDisplaysAndRefusesOneThatVanished) {
 
     const CapturedFrame all = co_await start(whole, 640, 360);
     CO_ASSERT_TRUE(shows(all, 640, 360, kQuadrants));
-    source->setScope(scope::region{{-640, 0, 640, 360}});
+    source->setScope(scope::region{{0, 0, 640, 360}});
     const CapturedFrame topLeft = co_await update(whole, kWhole, 320, 180);
     CO_ASSERT_TRUE(shows(topLeft, 320, 180, Colours(4, kRed)));
 
