@@ -671,6 +671,17 @@ SESSION_TEST(FocusModeFollowsTheWindowAndTheComputersFocusAndUndoesEveryFit) {
   h.client->send(msg::focusBack{});
   CO_EXPECT_MESSAGE(h, msg::streamMode,
                     {streammode::focus{10, 100}, false, "Nothing to go back to", firstSurface});
+  // A menu beside the window widens the surface while it is open.
+  windows->observation.overlays = {
+      {10, 555, "menu", "xterm", {850, 300, 200, 300}, WindowKind::transient}};
+  clock->advance(250ms);
+  const std::optional<FocusFollowInfo> popup =
+      FocusFollowInfo{FocusFollowInfo::Kind::popup, "xterm", "menu", false};
+  co_await expectMode({10, 100}, false, {92.f / 1920, 92.f / 1080, 966.f / 1920, 616.f / 1080},
+                      popup);
+  windows->observation.overlays.clear();
+  clock->advance(250ms);
+  co_await expectMode({10, 100}, false, firstSurface, std::nullopt);
 
   h.client->send(msg::focus{10, 100, true, false});
   co_await expectMode({10, 100}, true, {0, 0, 1, 1}, std::nullopt);
@@ -694,7 +705,8 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   const auto clock = std::make_shared<ManualClock>();
   h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
   const auto windows = std::make_shared<FakeWindows>();
-  windows->list = {{300, 30, "fixed", {0, 0, 300, 200}, 0, true, false, "xcalc"}};
+  const WindowRecord fixed{300, 30, "fixed", {0, 0, 300, 200}, 0, true, false, "xcalc"};
+  windows->list = {fixed};
   windows->unresizable = {300};
   windows->appList = {
       {30, "xcalc", "XCalc", {}, true, {{300, "fixed", {0, 0, 300, 200}, 1, true}}}};
@@ -727,6 +739,18 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   CO_EXPECT_MESSAGE(h, msg::streamMode, {streammode::desktop{}, false, std::nullopt, {0, 0, 1, 1}});
   h.client->send(msg::unfocus{});
   co_await h.roundTrip();
+  // The focused window closes, and its application has no other.
+  h.client->send(msg::focus{30, 300, false, false});
+  co_await h.expect<msg::streamInfo>();
+  co_await h.expect<msg::hostStatus>();
+  co_await h.expect<msg::streamMode>();
+  windows->list.clear();
+  clock->advance(250ms);
+  co_await h.expect<msg::hostStatus>();
+  co_await h.expect<msg::streamInfo>();
+  CO_EXPECT_MESSAGE(h, msg::streamMode,
+                    {streammode::desktop{}, false, "The window was closed", {0, 0, 1, 1}});
+  windows->list = {fixed};
 
   h.client->send(msg::setAppListUpdates{true});
   CO_EXPECT_MESSAGE(h, msg::appList, windows->appList);
