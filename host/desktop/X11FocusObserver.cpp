@@ -71,7 +71,11 @@ FocusObservation observeNow(X11WindowCore& core, const FocusedWindow& focus,
           record.frame,
           kindOfFocused(record.ownerName, type, window.modal, window.hints.resizable())};
     }
-    if (isOverlay(record, focus, ownPID, displays)) {
+    // Docks and notifications stand where they stand whatever is in front: no popups of anyone's.
+    const bool standing = record.layer == kDockLayer ||
+                          window.type == "_NET_WM_WINDOW_TYPE_NOTIFICATION" ||
+                          window.type == "_NET_WM_WINDOW_TYPE_DOCK";
+    if (!standing && isOverlay(record, focus, ownPID, displays)) {
       observation.overlays.push_back({record.pid, record.id, record.title,
                                       appName.empty() ? record.ownerName : appName, record.frame,
                                       WindowKind::transient});

@@ -7,7 +7,6 @@ namespace kelvaron::host {
 
 namespace {
 
-constexpr std::chrono::seconds kReconnectInterval{1};
 constexpr std::size_t kIconWindows = 4;  // windows of one process asked for its icon
 
 // Which of the connection's screens `root` is, for the EWMH requests that name one.
@@ -24,7 +23,8 @@ int screenNumberOf(xcb_connection_t* c, xcb_window_t root) {
 
 X11WindowCore::X11WindowCore(const Executor& executor, std::string name)
     : strand(makeStrand(executor)),
-      displayName(std::move(name)),
+      link(strand, std::move(name), Logger("io.dovka.tovu.host", "windows"), "No windows",
+           [this] { forget(); }),
       appChanges(strand, std::chrono::milliseconds(300)),
       recent(strand) {}
 
@@ -33,21 +33,16 @@ X11WindowCore::~X11WindowCore() {
 }
 
 bool X11WindowCore::ensureConnected() {
-  if (connection && !connection->broken()) return true;
-  if (connection) lose(describeX11Error(xcb_connection_has_error(connection->get())));
-  const auto now = std::chrono::steady_clock::now();
-  if (lastAttempt && now - *lastAttempt < kReconnectInterval) return false;
-  lastAttempt = now;
-  try {
-    auto candidate = X11Connection::open(strand, displayName);
-    xcb_connection_t* c = candidate->get();
-    auto fresh = std::make_unique<X11WindowReader>(c, candidate->screen(),
-                                                   screenNumberOf(c, candidate->root()));
+  const bool fresh = !link.connection() || link.connection()->broken();
+  X11Connection* const connection = link.ensure([this](X11Connection& candidate) {
+    xcb_connection_t* c = candidate.get();
+    reader = std::make_unique<X11WindowReader>(c, candidate.screen(),
+                                               screenNumberOf(c, candidate.root()));
     // The window manager tells of new clients and of activation on the root's properties.
     const std::uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
-    xcb_change_window_attributes(c, candidate->root(), XCB_CW_EVENT_MASK, &mask);
+    xcb_change_window_attributes(c, candidate.root(), XCB_CW_EVENT_MASK, &mask);
     xcb_flush(c);
-    candidate->startEvents(
+    candidate.startEvents(
         [weak = weak_from_this()](const xcb_generic_event_t& event) {
           if (const auto self = weak.lock()) self->handleEvent(event);
         },
@@ -55,39 +50,35 @@ bool X11WindowCore::ensureConnected() {
         [weak = weak_from_this()](std::string) {
           if (const auto self = weak.lock()) self->appChanges.signal();
         });
-    connection = std::move(candidate);
-    reader = std::move(fresh);
-    ++generation;
-  } catch (const std::exception& failure) {
-    fail(failure.what());
+  });
+  if (!connection) {
+    reader.reset();  // of a candidate that would not do
     return false;
   }
-  if (std::exchange(failing, false)) log.info("The X display is there again");
-  if (std::exchange(everConnected, true)) appChanges.signal();
-  seedRecent();
+  if (fresh) {
+    ++generation;
+    if (std::exchange(everConnected, true)) appChanges.signal();
+    seedRecent();
+  }
   return true;
 }
 
 void X11WindowCore::settle() {
+  const auto& connection = link.connection();
   if (!connection) return;
   connection->dispatchQueuedEvents();
-  if (connection && connection->broken()) {
-    lose(describeX11Error(xcb_connection_has_error(connection->get())));
-  }
+  if (link.connection() && link.connection()->broken()) link.lose();
 }
 
-void X11WindowCore::lose(const std::string& reason) {
+// Processes, pids and icons belong to the server's session that went away.
+void X11WindowCore::forget() {
   reader.reset();
-  connection.reset();
-  processes.clear();  // pids belong to the processes of that session
+  processes.clear();
   iconless.clear();
   appChanges.signal();
-  fail("lost the X display: " + reason);
 }
 
-void X11WindowCore::fail(const std::string& reason) {
-  if (!std::exchange(failing, true)) log.error("No windows: %s", reason.c_str());
-}
+void X11WindowCore::fail(const std::string& reason) { link.fail(reason); }
 
 std::optional<X11WindowCore::Snapshot> X11WindowCore::snapshot(bool popups) {
   if (!ensureConnected()) return std::nullopt;
@@ -153,14 +144,14 @@ void X11WindowCore::handleEvent(const xcb_generic_event_t& event) {
     // Requests about windows that went away in the meantime fail; that is their answer.
     const auto& error = reinterpret_cast<const xcb_generic_error_t&>(event);
     if (error.error_code != XCB_WINDOW && error.error_code != XCB_MATCH) {
-      log.debug("The X server refused a request: error %u, request %u.%u", error.error_code,
-                error.major_code, error.minor_code);
+      link.log().debug("The X server refused a request: error %u, request %u.%u", error.error_code,
+                       error.major_code, error.minor_code);
     }
     return;
   }
   if ((event.response_type & 0x7f) != XCB_PROPERTY_NOTIFY || !reader) return;
   const auto& notify = reinterpret_cast<const xcb_property_notify_event_t&>(event);
-  if (notify.window != connection->root()) return;
+  if (notify.window != link.connection()->root()) return;
   const auto& ewmh = reader->ewmh();
   if (notify.atom == ewmh._NET_ACTIVE_WINDOW) {
     appChanges.signal();

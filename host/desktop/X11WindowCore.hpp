@@ -14,6 +14,7 @@
 #include "host/desktop/X11WindowReader.hpp"
 #include "host/video/ChangeBroadcaster.hpp"
 #include "host/x11/X11Connection.hpp"
+#include "host/x11/X11ConnectionKeeper.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {
@@ -57,24 +58,20 @@ struct X11WindowCore : std::enable_shared_from_this<X11WindowCore> {
   void fail(const std::string& reason);
 
   const Executor strand;
-  const std::string displayName;
-  const Logger log{"io.dovka.tovu.host", "windows"};
+  X11ConnectionKeeper link;
   ChangeBroadcaster appChanges;
   RecentAppTracker recent;
 
-  std::shared_ptr<X11Connection> connection;
-  std::unique_ptr<X11WindowReader> reader;
-  std::uint64_t generation = 0;  // moves with each new connection
+  std::unique_ptr<X11WindowReader> reader;  // of the link's connection
+  std::uint64_t generation = 0;             // moves with each new connection
   std::map<std::int32_t, Process> processes;
   std::map<std::string, Data> icons;  // by bundle ID
   std::set<std::int32_t> iconless;    // processes whose windows had no icon
-  std::optional<std::chrono::steady_clock::time_point> lastAttempt;
-  bool failing = false;
   bool everConnected = false;
 
  private:
   void handleEvent(const xcb_generic_event_t& event);
-  void lose(const std::string& reason);
+  void forget();
 };
 
 }  // namespace kelvaron::host

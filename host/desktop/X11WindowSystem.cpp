@@ -55,7 +55,7 @@ void requestActivation(X11WindowCore& core, xcb_window_t window, xcb_window_t ac
   xcb_ewmh_request_change_active_window(&ewmh, core.reader->screenNumber(), window,
                                         XCB_EWMH_CLIENT_SOURCE_TYPE_OTHER, XCB_CURRENT_TIME,
                                         active);
-  xcb_flush(core.connection->get());
+  xcb_flush(core.link.connection()->get());
 }
 
 std::vector<AppInfo> listApps(X11WindowCore& core) {
@@ -132,7 +132,7 @@ asio::awaitable<std::optional<Rect>> resizeWindow(std::shared_ptr<X11WindowCore>
           XCB_EWMH_MOVERESIZE_WINDOW_WIDTH | XCB_EWMH_MOVERESIZE_WINDOW_HEIGHT),
       std::uint32_t(std::int32_t(left)), std::uint32_t(std::int32_t(top)), std::uint32_t(width),
       std::uint32_t(height));
-  xcb_flush(core->connection->get());
+  xcb_flush(core->link.connection()->get());
 
   // Until the window has the size asked for, or has moved and stays where the window manager
   // put it, or the time is up.
@@ -148,7 +148,10 @@ asio::awaitable<std::optional<Rect>> resizeWindow(std::shared_ptr<X11WindowCore>
     core->settle();
     if (!area) co_return std::nullopt;  // gone
     const bool settled = last && *area == *last && *area != window.client;
-    if (*area == wanted || settled || Clock::now() >= deadline) {
+    if (*area == wanted || settled) co_return frameAround(window, *area);
+    // A window manager that did nothing in all that time refused.
+    if (Clock::now() >= deadline) {
+      if (*area == window.client) co_return std::nullopt;
       co_return frameAround(window, *area);
     }
     last = area;
@@ -227,7 +230,7 @@ asio::awaitable<bool> X11WindowSystem::raise(std::int32_t pid, AppWindowRef wind
     // For a window manager that activates without raising.
     xcb_ewmh_request_restack_window(&core->reader->ewmh(), core->reader->screenNumber(),
                                     target->record.id, XCB_NONE, XCB_STACK_MODE_ABOVE);
-    xcb_flush(core->connection->get());
+    xcb_flush(core->link.connection()->get());
     return true;
   });
   co_return co_await std::move(work);

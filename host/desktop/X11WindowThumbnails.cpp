@@ -9,6 +9,7 @@
 
 #include "host/video/JpegEncoder.hpp"
 #include "host/x11/X11Connection.hpp"
+#include "host/x11/X11ConnectionKeeper.hpp"
 #include "host/x11/X11WindowComposer.hpp"
 #include "kit/log/Logger.hpp"
 
@@ -23,25 +24,30 @@ constexpr int kMaxWidth = 2048;
 constexpr int kMaxHeight = 4096;
 // Windows answered per call: more than a window list holds.
 constexpr std::size_t kMaxWindows = 256;
-constexpr std::chrono::seconds kReconnectInterval{1};
 
 }  // namespace
 
 // Everything lives on `strand`.
 struct X11WindowThumbnails::Core {
   Core(const Executor& executor, std::string name)
-      : strand(makeStrand(executor)), displayName(std::move(name)) {}
+      : strand(makeStrand(executor)),
+        link(strand, std::move(name), Logger("io.dovka.tovu.host", "windows"),
+             "No window thumbnails", [this] { composer.reset(); }) {}
 
   std::map<std::uint32_t, Data> thumbnails(const std::vector<std::uint32_t>& ids, int width) {
     std::map<std::uint32_t, Data> made;
-    if (width < 1 || ids.empty() || !ensureConnected()) return made;
+    if (width < 1 || ids.empty()) return made;
+    X11Connection* const connection = link.ensure([this](X11Connection& fresh) {
+      composer = std::make_unique<X11WindowComposer>(fresh.get(), fresh.screen(), false);
+    });
+    if (!connection) return made;
     width = std::min(width, kMaxWidth);
     const std::size_t count = std::min(ids.size(), kMaxWindows);
     for (std::size_t i = 0; i < count; ++i) {
       if (made.contains(ids[i])) continue;
       const std::optional<WindowPicture> picture = composer->readFrameOf(ids[i]);
       if (connection->broken()) {
-        lose();
+        link.lose();
         return made;
       }
       if (!picture) continue;
@@ -53,50 +59,15 @@ struct X11WindowThumbnails::Core {
                         scaled.data(), width * 4, width, height, libyuv::kFilterBox);
       made[ids[i]] = jpeg.encode(scaled.data(), width, height, width * 4, kJpegQuality);
     }
-    failing = false;
+    link.succeeded();
     return made;
   }
 
-  // A working connection whose windows can be read; a new one at most once a second.
-  bool ensureConnected() {
-    if (connection && !connection->broken()) return true;
-    if (connection) lose();
-    const auto now = std::chrono::steady_clock::now();
-    if (lastAttempt && now - *lastAttempt < kReconnectInterval) return false;
-    lastAttempt = now;
-    try {
-      auto candidate = X11Connection::open(strand, displayName);
-      composer = std::make_unique<X11WindowComposer>(candidate->get(), candidate->screen(), false);
-      connection = std::move(candidate);
-    } catch (const std::exception& failure) {
-      composer.reset();
-      fail(failure.what());
-      return false;
-    }
-    return true;
-  }
-
-  void lose() {
-    const std::string reason = describeX11Error(xcb_connection_has_error(connection->get()));
-    composer.reset();
-    connection.reset();
-    fail("lost the X display: " + reason);
-  }
-
-  // One log line for a run of failures.
-  void fail(const std::string& reason) {
-    if (!std::exchange(failing, true)) log.error("No window thumbnails: %s", reason.c_str());
-  }
-
   const Executor strand;
-  const std::string displayName;
-  Logger log{"io.dovka.tovu.host", "windows"};
-
-  std::shared_ptr<X11Connection> connection;
-  std::unique_ptr<X11WindowComposer> composer;  // of `connection`, which outlives it
-  std::optional<std::chrono::steady_clock::time_point> lastAttempt;
+  X11ConnectionKeeper link;
+  // Of the link's connection, made and let go with it; declared after it, so gone before it.
+  std::unique_ptr<X11WindowComposer> composer;
   JpegEncoder jpeg;
-  bool failing = false;
 };
 
 X11WindowThumbnails::X11WindowThumbnails(const Executor& executor, std::string displayName)
@@ -111,7 +82,7 @@ asio::awaitable<std::map<std::uint32_t, Data>> X11WindowThumbnails::thumbnails(
                  try {
                    return core->thumbnails(ids, width);
                  } catch (const std::exception& failure) {
-                   core->fail(failure.what());
+                   core->link.fail(failure.what());
                    return {};
                  }
                });

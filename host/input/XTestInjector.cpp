@@ -297,6 +297,7 @@ void XTestInjector::readPointer() {
     checkedAt_ = uptimeSeconds();
   }
   if (ensureServer()) {
+    ensureProbe();
     resync(uptimeSeconds(), false);
     server_->x->dispatchQueuedEvents();
   }
@@ -327,20 +328,29 @@ bool XTestInjector::ensureServer() {
   }
   reportedNoServer_ = false;
   screenStale_ = true;
-  std::unique_ptr<X11PointerProbe> probe;
-  try {
-    probe = std::make_unique<X11PointerProbe>(displayName_);
-  } catch (const std::exception& failure) {
-    log_.error("Moves by other X clients go unseen: %s", failure.what());
-  }
-  {
-    std::lock_guard lock(beliefLock_);
-    probe_ = std::move(probe);
-  }
   // The connection and its handlers end with server_, on this thread.
   server_->x->startEvents([this](const xcb_generic_event_t& event) { handleEvent(event); },
                           [this](const std::string& reason) { connectionLost(reason); });
   return true;
+}
+
+// A probe of its own connection, made again when it broke while the server stayed.
+void XTestInjector::ensureProbe() {
+  {
+    std::lock_guard lock(beliefLock_);
+    if (probe_ && !probe_->broken()) return;
+  }
+  std::unique_ptr<X11PointerProbe> probe;
+  try {
+    probe = std::make_unique<X11PointerProbe>(displayName_);
+    reportedNoProbe_ = false;
+  } catch (const std::exception& failure) {
+    if (!std::exchange(reportedNoProbe_, true)) {
+      log_.error("Moves by other X clients are seen only once a second: %s", failure.what());
+    }
+  }
+  std::lock_guard lock(beliefLock_);
+  probe_ = std::move(probe);
 }
 
 void XTestInjector::dropServer() {

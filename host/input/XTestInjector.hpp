@@ -63,6 +63,7 @@ class XTestInjector : public InputInjector {
   void type(const std::string& text);
   void pointer(const PointerEvent& event, const std::optional<DisplayInfo>& display);
   bool ensureServer();
+  void ensureProbe();
   void dropServer();
   void handleEvent(const xcb_generic_event_t& event);
   void connectionLost(const std::string& reason);
@@ -105,7 +106,8 @@ class XTestInjector : public InputInjector {
   // Owned by the injector's thread.
   std::unique_ptr<Server> server_;
   bool reportedNoServer_ = false;  // one log line for a run of failed connections
-  bool closing_ = false;           // no more connections
+  bool reportedNoProbe_ = false;
+  bool closing_ = false;  // no more connections
   Screen screen_;
   bool screenStale_ = true;
   // Who is injecting now: what goes down is theirs.

@@ -116,6 +116,9 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
   if (const auto* ping = std::get_if<msg::ping>(&message)) {
     connection_->send(msg::pong{ping->value});
   } else if (const auto* select = std::get_if<msg::selectDisplay>(&message)) {
+    // Choosing a display leaves focus mode.
+    const std::optional<std::string> none;
+    co_await unfocus(none);
     co_await selectDisplay(select->displayID, std::nullopt);
   } else if (const auto* viewport = std::get_if<msg::viewport>(&message)) {
     co_await handleViewport(viewport->viewport);
@@ -140,7 +143,8 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
   } else if (const auto* focus = std::get_if<msg::focus>(&message)) {
     co_await handleFocus(*focus);
   } else if (std::holds_alternative<msg::unfocus>(message)) {
-    co_await unfocus(std::nullopt);
+    const std::optional<std::string> none;
+    co_await unfocus(none);
   } else if (std::holds_alternative<msg::focusBack>(message)) {
     co_await focusBack();
   } else if (const auto* updates = std::get_if<msg::setAppListUpdates>(&message)) {
@@ -365,6 +369,7 @@ asio::awaitable<void> HostSession::teardown() {
   thumbnailTask_.reset();
   // Every window this session resized goes back to its size.
   stopAppWork();
+  ++focusEpoch_;
   focus_.reset();
   co_await restoreAllFits();
   scope_ = scope::display{};

@@ -269,6 +269,8 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   FocusBackStack backStack_;
   FocusDebouncer debouncer_;
   double followIgnoreUntil_ = 0;  // uptime in seconds
+  // Moved by every switch of focus, unfocus and the end: a switch that waited sees it moved.
+  std::uint64_t focusEpoch_ = 0;
   // Said in hostStatus while focus mode shows other applications' windows too.
   std::optional<HostStatusValue> focusNotice_;
   std::vector<Task> appTasks_;

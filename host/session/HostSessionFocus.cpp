@@ -58,11 +58,19 @@ asio::awaitable<void> HostSession::performFocus(FocusRequest request) {
   const std::optional<std::string> failure = co_await switchFocus(request);
   if (!failure) co_return;
   log_.error("focus: %s", failure->c_str());
-  if (focus_ != before) co_await unfocus(std::nullopt);
+  // A window that cannot be followed is not tried again at every look.
+  debouncer_.reset();
+  followIgnoreUntil_ = uptimeSeconds() + env_.followGrace.count();
+  const std::optional<std::string> none;
+  if (focus_ != before) co_await unfocus(none);
   sendStreamMode(kNoLongerAvailable, std::nullopt);
 }
 
+// Another switch, an unfocus or the end of the session that comes while this one waits supersedes
+// it: it then stops, with nothing to report.
 asio::awaitable<std::optional<std::string>> HostSession::switchFocus(const FocusRequest& request) {
+  const std::uint64_t epoch = ++focusEpoch_;
+  const auto superseded = [&] { return focusEpoch_ != epoch; };
   const std::string id = std::to_string(request.windowID);
   if (request.origin == SwitchOrigin::request) backStack_.clear();
   const std::optional<std::uint32_t> desktopDisplayID = focus_ && focus_->desktopDisplayID
@@ -70,24 +78,28 @@ asio::awaitable<std::optional<std::string>> HostSession::switchFocus(const Focus
                                                         : current_ ? std::optional(current_->id)
                                                                    : std::nullopt;
   std::optional<WindowRecord> window = co_await env_.windowTracker->window(request.windowID);
+  if (superseded()) co_return std::nullopt;
   if (!window || window->pid != request.pid) co_return "window " + id + " not found";
   if (request.origin != SwitchOrigin::follow) {
     co_await env_.windowControl->activate(request.pid);
     const AppWindowRef ref = refOf(*window);
     co_await env_.windowControl->raise(request.pid, ref);
+    if (superseded()) co_return std::nullopt;
   }
   if (!window->isOnScreen) {
     window = co_await windowOnScreen(request.windowID);
+    if (superseded()) co_return std::nullopt;
     if (!window) co_return "window " + id + " did not come on screen";
   }
   Fit fit{false, window->frame, std::nullopt};
   if (request.wantsFit) {
     fit = co_await applyFit(*window, focusOutputSize());
+    if (superseded()) co_return std::nullopt;
     if (request.origin == SwitchOrigin::follow) fit.notice.reset();
   }
-  if (request.moveCursor && fit.frame.width > 0 && fit.frame.height > 0) moveCursorInto(fit.frame);
   const std::optional<DisplayInfo> display = displayOf(fit.frame, displays_);
-  if (!display) co_return std::nullopt;
+  if (!display) co_return "window " + id + " is on no display";
+  if (request.moveCursor && fit.frame.width > 0 && fit.frame.height > 0) moveCursorInto(fit.frame);
 
   std::string appName = request.appName.value_or("");
   if (!request.appName && lastAppList_) {
@@ -121,6 +133,7 @@ asio::awaitable<std::optional<std::string>> HostSession::switchFocus(const Focus
   log_.info("focus pid=%d window=%u fit=%d on display %u", request.pid, request.windowID,
             int(fit.applied), display->id);
   co_await applyFocusCapture(*display, true);
+  if (superseded()) co_return std::nullopt;
   sendStreamMode(fit.notice, follow);
   restartFocusLoop();
   co_return std::nullopt;
@@ -169,22 +182,23 @@ asio::awaitable<HostSession::Fit> HostSession::applyFit(const WindowRecord& wind
   const DisplayFrame& f = display->frame;
   const Rect visible = visibleFrame.value_or(Rect{f.x, f.y, f.width, f.height});
   const Rect wanted = fitFrame(window.frame, visible, *display, output);
+  // The way back is kept before the resize, which an ending session may leave half done.
+  const bool fittedBefore = fitted_.contains(window.id);
+  if (!fittedBefore) {
+    const AppWindowRef original = refOf(window);
+    const UUID registryID = AuthCrypto::randomUUID();
+    env_.fitRegistry->add(registryID, [control = env_.windowControl, pid = window.pid, original] {
+      return resizeBack(control, pid, original);
+    });
+    fitted_[window.id] = FittedWindow{window.pid, original, registryID};
+  }
   const AppWindowRef ref = refOf(window);
   const std::optional<Rect> frame = co_await env_.windowControl->resize(window.pid, ref, wanted);
   if (!frame) {
     log_.error("fit: the window manager refused to resize window %u", window.id);
+    if (!fittedBefore) forgetFit(window.id);
     co_return Fit{false, window.frame, kCannotResize};
   }
-  AppWindowRef original = refOf(window);
-  if (const auto earlier = fitted_.find(window.id); earlier != fitted_.end()) {
-    original = earlier->second.original;
-    env_.fitRegistry->remove(earlier->second.registryID);
-  }
-  const UUID registryID = AuthCrypto::randomUUID();
-  env_.fitRegistry->add(registryID, [control = env_.windowControl, pid = window.pid, original] {
-    return resizeBack(control, pid, original);
-  });
-  fitted_[window.id] = FittedWindow{window.pid, original, registryID};
   co_return Fit{true, *frame, std::nullopt};
 }
 
@@ -208,16 +222,16 @@ void HostSession::forgetFit(std::uint32_t windowID) {
   fitted_.erase(entry);
 }
 
+// Also the fits that a switch still under way adds meanwhile.
 asio::awaitable<void> HostSession::restoreAllFits() {
-  std::vector<std::uint32_t> ids;
-  for (const auto& [id, fitted] : fitted_) ids.push_back(id);
-  for (const std::uint32_t id : ids) co_await restoreFit(id);
+  while (!fitted_.empty()) co_await restoreFit(fitted_.begin()->first);
 }
 
 // ---- Leaving focus mode ----
 
 asio::awaitable<void> HostSession::unfocus(std::optional<std::string> notice) {
   if (!focus_) co_return;
+  ++focusEpoch_;
   if (focusTask_) focusTask_->cancel();
   focusTask_.reset();
   const std::optional<std::uint32_t> desktopDisplayID = focus_->desktopDisplayID;
@@ -314,14 +328,17 @@ asio::awaitable<void> HostSession::followFocus() {
   const double now = uptimeSeconds();
   if (now < followIgnoreUntil_) co_return;
   const FocusedWindow streamed{focus_->pid, focus_->windowID, focus_->windowFrame};
+  const std::uint64_t epoch = focusEpoch_;
   const std::vector<DisplayInfo> displays = displays_;
   const FocusObservation observation = co_await env_.focusObserver->observe(streamed, displays);
-  if (!focus_) co_return;
+  // What was seen in front of another window, or before a switch settled, says nothing now.
+  if (!focus_ || focusEpoch_ != epoch || uptimeSeconds() < followIgnoreUntil_) co_return;
   const FollowTarget target = classify(observation, streamed, env_.ownPID, displays_);
   debouncer_.delay = env_.focusDebounce.count();
   const std::optional<FollowKey> committed = debouncer_.offer(keyOf(target), now);
   if (!committed && focus_->popup) {
-    co_await changePopup(std::nullopt);
+    const std::optional<ObservedWindow> none;
+    co_await changePopup(none);
     co_return;
   }
   if (!committed) co_return;
@@ -354,8 +371,9 @@ asio::awaitable<void> HostSession::changePopup(std::optional<ObservedWindow> pop
 // The focused window's place, kept up with: a move or resize moves the surface, a popup widens it,
 // a closed window ends focus or falls back to another of its application.
 asio::awaitable<void> HostSession::refreshFocus(bool forced, bool popupChanged) {
+  const std::uint64_t epoch = focusEpoch_;
   const std::optional<WindowRecord> window = co_await env_.windowTracker->window(focus_->windowID);
-  if (!focus_) co_return;
+  if (!focus_ || focusEpoch_ != epoch) co_return;
   if (!window) {
     co_await focusWindowClosed();
     co_return;
@@ -384,8 +402,9 @@ asio::awaitable<void> HostSession::refreshFocus(bool forced, bool popupChanged) 
 
 asio::awaitable<void> HostSession::focusWindowClosed() {
   const std::uint32_t closed = focus_->windowID;
+  const std::uint64_t epoch = focusEpoch_;
   const std::vector<WindowRecord> windows = co_await env_.windowTracker->windows(focus_->pid);
-  if (!focus_) co_return;
+  if (!focus_ || focusEpoch_ != epoch) co_return;
   const auto next = std::ranges::find_if(
       windows, [&](const WindowRecord& w) { return w.id != closed && w.isOnScreen; });
   forgetFit(closed);
@@ -404,9 +423,10 @@ asio::awaitable<void> HostSession::focusWindowClosed() {
 
 asio::awaitable<void> HostSession::focusBack() {
   if (!focus_) co_return;
+  const std::uint64_t epoch = focusEpoch_;
   while (const std::optional<BackEntry> entry = backStack_.pop()) {
     const std::optional<WindowRecord> window = co_await env_.windowTracker->window(entry->windowID);
-    if (!focus_) co_return;
+    if (!focus_ || focusEpoch_ != epoch) co_return;
     if (window && window->pid == entry->pid && window->isOnScreen) {
       const FocusRequest request{entry->pid,          entry->windowID,    focus_->wantsFit,
                                  moveCursorOnSwitch_, SwitchOrigin::back, entry->appName};

@@ -13,6 +13,7 @@
 #include "host/video/JpegEncoder.hpp"
 #include "host/x11/RandrMonitors.hpp"
 #include "host/x11/X11Connection.hpp"
+#include "host/x11/X11ConnectionKeeper.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {
@@ -21,7 +22,6 @@ namespace {
 
 constexpr int kJpegQuality = 60;
 constexpr int kMinHeight = 2;
-constexpr std::chrono::seconds kReconnectInterval{1};
 
 // A rectangle of whole pixels on the root window; right and bottom are exclusive.
 struct PixelRect {
@@ -53,12 +53,19 @@ std::pair<int, int> thumbnailSize(std::int64_t width, std::int64_t height, int m
 // Everything lives on `strand`.
 struct X11Thumbnails::Core {
   Core(const Executor& executor, std::string name)
-      : strand(makeStrand(executor)), displayName(std::move(name)) {}
+      : strand(makeStrand(executor)),
+        link(strand, std::move(name), Logger("io.dovka.tovu.host", "display"), "No thumbnail",
+             [this] { monitorNames = {}; }) {}
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
 
   std::optional<Data> thumbnail(std::uint32_t displayID, int maxWidth) {
-    if (maxWidth < 1 || !ensureConnected()) return std::nullopt;
+    if (maxWidth < 1) return std::nullopt;
+    X11Connection* const connection = link.ensure([](X11Connection& fresh) {
+      requirePixelFormat(fresh);
+      requireMonitors(fresh.get(), 5);
+    });
+    if (!connection) return std::nullopt;
     xcb_connection_t* c = connection->get();
     const auto geometryCookie = xcb_get_geometry(c, connection->root());
     const std::vector<RandrMonitor> monitors =
@@ -67,7 +74,7 @@ struct X11Thumbnails::Core {
     const XcbReply<xcb_get_geometry_reply_t> root(
         xcb_get_geometry_reply(c, geometryCookie, &geometryError));
     std::free(geometryError);
-    if (connection->broken()) return lose();
+    if (connection->broken()) return link.lose();
     if (!root) return fail("the X server did not tell the size of its screen");
 
     // The display as the display list names it, clashes of IDs settled the same way.
@@ -94,7 +101,7 @@ struct X11Thumbnails::Core {
         &error));
     const XcbReply<xcb_generic_error_t> refused(error);
     if (!image) {
-      if (connection->broken()) return lose();
+      if (connection->broken()) return link.lose();
       // The screen may have shrunk since its size was read: the next thumbnail reads it again.
       return fail("the X server refused to read the screen (X error " +
                   std::to_string(refused ? refused->error_code : 0) + ")");
@@ -120,55 +127,16 @@ struct X11Thumbnails::Core {
                       int(area.height()), &pixels[std::size_t(top * width + left) * 4], width * 4,
                       int(right - left), int(bottom - top), libyuv::kFilterBox);
     Data jpegData = jpeg.encode(pixels.data(), width, height, width * 4, kJpegQuality);
-    failing = false;
+    link.succeeded();
     return jpegData;
   }
 
-  // A working connection; a new one at most once a second.
-  bool ensureConnected() {
-    if (connection && !connection->broken()) return true;
-    if (connection) lose();
-    const auto now = std::chrono::steady_clock::now();
-    if (lastAttempt && now - *lastAttempt < kReconnectInterval) return false;
-    lastAttempt = now;
-    try {
-      auto candidate = X11Connection::open(strand, displayName);
-      requirePixelFormat(*candidate);
-      requireMonitors(candidate->get(), 5);
-      connection = std::move(candidate);
-    } catch (const std::exception& failure) {
-      fail(failure.what());
-      return false;
-    }
-    return true;
-  }
-
-  std::nullopt_t lose() {
-    const std::string reason = describeX11Error(xcb_connection_has_error(connection->get()));
-    forget();
-    return fail("lost the X display: " + reason);
-  }
-
-  // One log line for a run of failures.
-  std::nullopt_t fail(const std::string& reason) {
-    if (!std::exchange(failing, true)) log.error("No thumbnail: %s", reason.c_str());
-    return std::nullopt;
-  }
-
-  void forget() {
-    connection.reset();
-    monitorNames = {};
-  }
+  std::nullopt_t fail(const std::string& reason) { return link.fail(reason); }
 
   const Executor strand;
-  const std::string displayName;
-  Logger log{"io.dovka.tovu.host", "display"};
-
-  std::shared_ptr<X11Connection> connection;
-  MonitorNames monitorNames;  // of `connection`'s server
-  std::optional<std::chrono::steady_clock::time_point> lastAttempt;
+  X11ConnectionKeeper link;
+  MonitorNames monitorNames;  // of the connection's server
   JpegEncoder jpeg;
-  bool failing = false;
 };
 
 X11Thumbnails::X11Thumbnails(const Executor& executor, std::string displayName)

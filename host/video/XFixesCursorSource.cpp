@@ -14,6 +14,7 @@
 
 #include "host/video/PngImage.hpp"
 #include "host/x11/X11Connection.hpp"
+#include "host/x11/X11ConnectionKeeper.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {
@@ -25,7 +26,6 @@ namespace {
 // an X client made its cursor. Pointers are 16 to 64 points; large accessibility themes stay well
 // below this.
 constexpr int kMaxSidePoints = 256;
-constexpr std::chrono::seconds kReconnectInterval{1};
 
 constexpr std::uint64_t kFnvOffsetBasis = 0xcbf29ce484222325;
 constexpr std::uint64_t kFnvPrime = 0x100000001b3;
@@ -138,13 +138,17 @@ std::uint64_t cursorToken(const CursorBitmap& bitmap) {
 // handled in step with the polls.
 struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
   Core(const Executor& executor, std::string name)
-      : strand(makeStrand(executor)), displayName(std::move(name)) {}
+      : strand(makeStrand(executor)),
+        link(strand, std::move(name), Logger("io.dovka.tovu.host", "cursor"), "No cursor image",
+             [this] { forget(); }) {}
 
   std::optional<CursorPoll> poll(std::optional<std::uint64_t> token) {
-    if (!ensureConnected()) return std::nullopt;
+    X11Connection* const connection = link.ensure([this](X11Connection& fresh) { ready(fresh); });
+    if (!connection) return std::nullopt;
     // The notifications that came since the last poll, read without a round trip.
     connection->dispatchQueuedEvents();
-    if (connection->broken()) return lose(describeX11Error(xcb_connection_has_error(c())));
+    if (connection->broken()) return link.lose();
+    xcb_connection_t* const c = connection->get();
     const bool unchanged = last && (!shownSerial || *shownSerial == last->serial);
     if (unchanged && token == last->token) {
       settle();
@@ -153,12 +157,12 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
 
     xcb_generic_error_t* error = nullptr;
     const XcbReply<xcb_xfixes_get_cursor_image_reply_t> reply(
-        xcb_xfixes_get_cursor_image_reply(c(), xcb_xfixes_get_cursor_image(c()), &error));
+        xcb_xfixes_get_cursor_image_reply(c, xcb_xfixes_get_cursor_image(c), &error));
     const XcbReply<xcb_generic_error_t> refused(error);
     // Notifications that came while the reply was read; those before it are in the image.
     connection->dispatchQueuedEvents();
     if (!reply) {
-      if (connection->broken()) return lose(describeX11Error(xcb_connection_has_error(c())));
+      if (connection->broken()) return link.lose();
       return fail("the X server refused the cursor's image (X error " +
                   std::to_string(refused ? refused->error_code : 0) + ")");
     }
@@ -183,34 +187,21 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
       shape.pointSize = float(bitmap->pointWidth);
       result.shape = std::move(shape);
     }
-    failing = false;
+    link.succeeded();
     return result;
   }
 
-  // A working connection that reports cursor changes; a new one at most once a second.
-  bool ensureConnected() {
-    if (connection && !connection->broken()) return true;
-    if (connection) lose(describeX11Error(xcb_connection_has_error(c())));
-    const auto now = std::chrono::steady_clock::now();
-    if (lastAttempt && now - *lastAttempt < kReconnectInterval) return false;
-    lastAttempt = now;
-    try {
-      auto candidate = X11Connection::open(strand, displayName);
-      cursorNotify = prepare(*candidate);
-      candidate->startEvents(
-          [weak = weak_from_this()](const xcb_generic_event_t& event) {
-            if (const auto self = weak.lock()) self->handleEvent(event);
-          },
-          // Found broken by the next poll, which lets go of it and says so.
-          [weak = weak_from_this()](std::string) {
-            if (const auto self = weak.lock()) self->unsettle();
-          });
-      connection = std::move(candidate);
-    } catch (const std::exception& failure) {
-      fail(failure.what());
-      return false;
-    }
-    return true;
+  // Tells of its events from now on.
+  void ready(X11Connection& fresh) {
+    cursorNotify = prepare(fresh);
+    fresh.startEvents(
+        [weak = weak_from_this()](const xcb_generic_event_t& event) {
+          if (const auto self = weak.lock()) self->handleEvent(event);
+        },
+        // Found broken by the next poll, which lets go of it and says so.
+        [weak = weak_from_this()](std::string) {
+          if (const auto self = weak.lock()) self->unsettle();
+        });
   }
 
   // Checks for XFixes and asks for every change of the cursor shown; gives the response type of
@@ -237,8 +228,8 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
   void handleEvent(const xcb_generic_event_t& event) {
     if (event.response_type == 0) {
       const auto& error = reinterpret_cast<const xcb_generic_error_t&>(event);
-      log.error("The X server refused a cursor request: error %u, request %u.%u", error.error_code,
-                error.major_code, error.minor_code);
+      link.log().error("The X server refused a cursor request: error %u, request %u.%u",
+                       error.error_code, error.major_code, error.minor_code);
       return;
     }
     if ((event.response_type & 0x7f) != cursorNotify) return;
@@ -264,26 +255,14 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
     settled.reset();
   }
 
-  std::nullopt_t lose(const std::string& reason) {
-    forget();
-    return fail("lost the X display: " + reason);
-  }
-
-  // One log line for a run of failures.
-  std::nullopt_t fail(const std::string& reason) {
-    if (!std::exchange(failing, true)) log.error("No cursor image: %s", reason.c_str());
-    return std::nullopt;
-  }
+  std::nullopt_t fail(const std::string& reason) { return link.fail(reason); }
 
   // Serials belong to one server: what was seen there means nothing on the next.
   void forget() {
     unsettle();
-    connection.reset();
     last.reset();
     shownSerial.reset();
   }
-
-  xcb_connection_t* c() const { return connection->get(); }
 
   // The last image read: its cursor, token and visibility.
   struct Seen {
@@ -293,17 +272,12 @@ struct XFixesCursorSource::Core : std::enable_shared_from_this<Core> {
   };
 
   const Executor strand;
-  const std::string displayName;
-  Logger log{"io.dovka.tovu.host", "cursor"};
-
-  std::shared_ptr<X11Connection> connection;
+  X11ConnectionKeeper link;
   std::uint8_t cursorNotify = 0;             // the response type of XFixes' cursor notification
   std::optional<std::uint32_t> shownSerial;  // the cursor shown, as the last notification told
   std::optional<Seen> last;
   std::mutex settledLock;
   std::optional<Seen> settled;  // `last` while it is the cursor shown, for polls on any thread
-  std::optional<std::chrono::steady_clock::time_point> lastAttempt;
-  bool failing = false;
 };
 
 XFixesCursorSource::XFixesCursorSource(const Executor& executor, std::string displayName)

@@ -24,6 +24,9 @@ std::optional<X11PointerProbe::Answer> X11PointerProbe::look(std::uint64_t mark)
     // Reads what the socket holds, and never waits for more.
     if (!xcb_poll_for_reply(connection_, asked_->sequence, &reply, &error)) return std::nullopt;
     const XcbReply<xcb_generic_error_t> refused(error);
+    // The server sends every client some events unasked (MappingNotify at each keymap change):
+    // read with the reply, they would pile up here.
+    while (xcb_generic_event_t* event = xcb_poll_for_queued_event(connection_)) std::free(event);
     const XcbReply<xcb_query_pointer_reply_t> pointer(
         static_cast<xcb_query_pointer_reply_t*>(reply));
     answer = Answer{{}, asked_->mark};

@@ -17,6 +17,9 @@ namespace kelvaron::host {
 
 namespace {
 
+// The largest side of a window read whole, in pixels.
+constexpr std::int32_t kMaxFrameSide = 8192;
+
 constexpr int kBytesPerPixel = 4;
 constexpr std::uint32_t kOpaqueBlack = 0xff000000;
 // The root's children looked at, the topmost ones: far more than a desktop has.
@@ -247,9 +250,16 @@ bool X11WindowComposer::handleEvent(const xcb_generic_event_t& event) {
       return true;
     }
     case XCB_CONFIGURE_NOTIFY: {
-      // A new size is seen at the next picture, which names the pixmap again.
+      // A window of a new size has a new pixmap: the next picture names it again. Forgotten now,
+      // as the size may have come back by then to that of the old, frozen one.
       const auto& configure = reinterpret_cast<const xcb_configure_notify_event_t&>(event);
-      return configure.event == root_ && shown(configure.window);
+      if (configure.event != root_ || !shown(configure.window)) return false;
+      const Named& named = named_.at(configure.window);
+      const std::int32_t border = 2 * configure.border_width;
+      if (named.width != configure.width + border || named.height != configure.height + border) {
+        forget(configure.window);
+      }
+      return true;
     }
     default:
       break;
@@ -690,6 +700,8 @@ std::optional<WindowPicture> X11WindowComposer::readFrameOf(xcb_window_t client)
                                    geometry->width + 2 * border, geometry->height + 2 * border,
                                    border, geometry->depth, attributes->override_redirect != 0}};
   const TopLevel& frame = one.front();
+  // A client may make its window as large as X allows; a picture of it need not be.
+  if (frame.width > kMaxFrameSide || frame.height > kMaxFrameSide) return std::nullopt;
   WindowPicture picture{frame.width, frame.height, {}};
   picture.bgrx.resize(std::size_t(frame.width) * std::size_t(frame.height) * kBytesPerPixel);
   if (compose(one, outerRect(frame), picture.bgrx.data(), frame.width * kBytesPerPixel, false) ==

@@ -257,7 +257,8 @@ TEST(X11WindowSystem, BringsForwardRestoresAndResizesThroughTheWindowManager) {
   icons.resize(icons.size() + 64 * 64, 0x800000ff);
   const xcb_window_t fixed = desktop.fixedWindow(icons);
   std::optional<WindowRecord> own;
-  ASSERT_TRUE(eventually([&] { return (own = await(system.window(fixed))).has_value(); }));
+  // Listed once the window manager has shown it.
+  ASSERT_TRUE(eventually([&] { return (own = await(system.window(fixed))) && own->isOnScreen; }));
   EXPECT_EQ(await(system.resize(own->pid, refOf(*own), {0, 0, 400, 300})), std::nullopt);
   const AppInfo* ownApp = nullptr;
   const auto apps = await(system.apps());
