@@ -9,6 +9,8 @@
 
 #include "host/desktop/WindowIcon.hpp"
 #include "host/x11/X11Connection.hpp"
+#include "kit/wire/FrameReader.hpp"
+#include "kit/wire/WireWriter.hpp"
 
 namespace kelvaron::host {
 
@@ -35,41 +37,12 @@ std::string_view bytes(const Property& property) {
           std::size_t(xcb_get_property_value_length(property.get()))};
 }
 
-// Valid UTF-8 as it is; each broken sequence becomes U+FFFD, NULs are dropped. A sequence cut off
-// by the end of a value read only in part is dropped.
+// A text property as well-formed UTF-8, repaired as the wire's reader does, without NULs; a value
+// read only in part loses the character the cut went through.
 std::string repairedUTF8(std::string_view text, bool cut) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    if (lead < 0x80) {
-      if (lead != 0) out += char(lead);
-      ++i;
-      continue;
-    }
-    const std::size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
-                               : lead >= 0xE0 && lead <= 0xEF ? 3
-                               : lead >= 0xF0 && lead <= 0xF4 ? 4
-                                                              : 0;
-    // The second byte's range excludes overlong forms, surrogates and code points past U+10FFFF.
-    const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-    const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    std::size_t valid = length > 0 ? 1 : 0;
-    while (valid > 0 && valid < length && i + valid < text.size()) {
-      const auto next = static_cast<unsigned char>(text[i + valid]);
-      if (next < (valid == 1 ? low : 0x80) || next > (valid == 1 ? high : 0xBF)) break;
-      ++valid;
-    }
-    if (length > 0 && valid == length) {
-      out.append(text.substr(i, length));
-      i += length;
-    } else if (cut && length > 0 && i + valid == text.size()) {
-      break;
-    } else {
-      out += "\xEF\xBF\xBD";  // one for the longest start of a sequence, as Unicode advises
-      i += std::max<std::size_t>(valid, 1);
-    }
-  }
+  if (cut && !text.empty()) text = text.substr(0, utf8PrefixLength(text, text.size() - 1));
+  std::string out = validUTF8(text);
+  std::erase(out, '\0');
   return out;
 }
 
