@@ -84,8 +84,8 @@ struct FakeCaptures {
   std::vector<std::string> log;
   std::optional<std::string> failure;
   CaptureSource::StopHandler endLast;  // ends the last capture started, as a lost X server does
-  bool isolatesApps = true;  // false: an app scope is a crop of the screen
-  CaptureScope scope;        // the last one set
+  bool isolatesApps = true;            // false: an app scope is a crop of the screen
+  CaptureScope scope;                  // the last one set
 };
 
 class FakeCapture : public CaptureSource {
@@ -134,6 +134,9 @@ class FakeWindows : public AppProviding,
   std::map<std::uint32_t, Data> pictures;
   std::vector<std::string> log;
   ChangeStream appChanges = std::make_shared<AsyncQueue<ChangeSignal>>();
+  // Looking up a window held here waits until the test lets it go (`letGo`).
+  std::map<std::uint32_t, std::shared_ptr<AsyncQueue<int>>> held;
+  std::vector<std::uint32_t> lookedUp;
 
   asio::awaitable<std::vector<AppInfo>> apps() override { co_return appList; }
   ChangeStream changes() override { return appChanges; }
@@ -159,6 +162,11 @@ class FakeWindows : public AppProviding,
   }
 
   asio::awaitable<std::optional<WindowRecord>> window(std::uint32_t id) override {
+    lookedUp.push_back(id);
+    if (const auto hold = held.find(id); hold != held.end()) {
+      const auto gate = hold->second;
+      co_await gate->next();
+    }
     const WindowRecord* found = find(id);
     co_return found ? std::optional(*found) : std::nullopt;
   }
@@ -182,6 +190,10 @@ class FakeWindows : public AppProviding,
     co_return observation;
   }
 
+  void letGo(std::uint32_t id) {
+    if (const auto hold = held.find(id); hold != held.end()) hold->second->push(0);
+    held.erase(id);
+  }
   WindowRecord* find(std::uint32_t id) {
     const auto found = std::ranges::find(list, id, &WindowRecord::id);
     return found == list.end() ? nullptr : &*found;

@@ -698,6 +698,43 @@ SESSION_TEST(FocusModeFollowsTheWindowAndTheComputersFocusAndUndoesEveryFit) {
   EXPECT_EQ(h.env.fitRegistry->size(), 0u);
 }
 
+// A switch that waits for the window system loses to one that began after it: following the
+// computer's focus never overrides the person's own choice made meanwhile.
+SESSION_TEST(ASwitchThatWaitedLosesToANewerOne) {
+  const auto clock = std::make_shared<ManualClock>();
+  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
+  const auto windows = std::make_shared<FakeWindows>();
+  windows->list = {{100, 10, "first", {100, 100, 800, 600}, 0, true, false, "xterm"},
+                   {101, 10, "second", {200, 200, 400, 300}, 0, true, false, "xterm"}};
+  h.env.windowControl = windows;
+  h.env.windowTracker = windows;
+  h.env.focusObserver = windows;
+  h.env.focusDebounce = h.env.followGrace = 0s;
+  co_await h.open();
+  h.client->send(msg::focus{10, 100, false, false});
+  co_await h.expect<msg::streamInfo>();
+  co_await h.expect<msg::streamMode>();
+
+  windows->held = {{100, std::make_shared<AsyncQueue<int>>()},
+                   {101, std::make_shared<AsyncQueue<int>>()}};
+  windows->observation.focused = ObservedWindow{10, 101, "second", "xterm", {200, 200, 400, 300}};
+  clock->advance(250ms);                              // following to window 101 waits for it
+  h.client->send(msg::focus{10, 100, false, false});  // and this for window 100
+  const auto asked = [&](std::uint32_t id) { return std::ranges::count(windows->lookedUp, id); };
+  // Messages wait for each other: the ping of a round trip would wait for the focus.
+  for (int i = 0; i < 200 && !(asked(101) && asked(100) >= 2); ++i) co_await sleepFor(10ms);
+  windows->observation.focused.reset();
+  windows->letGo(100);
+  co_await h.expect<msg::streamInfo>();
+  CO_EXPECT_MESSAGE(h, msg::streamMode,
+                    {streammode::focus{10, 100},
+                     false,
+                     std::nullopt,
+                     {92.f / 1920, 92.f / 1080, 816.f / 1920, 616.f / 1080}});
+  windows->letGo(101);
+  co_await h.roundTrip();  // nothing more: the follow saw it was superseded
+}
+
 // A window of another process, one that cannot be resized, a capture that cannot leave other
 // applications out: each is told, and the stream goes on. The app list goes out when it changes;
 // window pictures when theirs do.
