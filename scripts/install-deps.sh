@@ -35,6 +35,9 @@ packages=(
   # windows and focus: EWMH, a window's own pixels (Composite), its process (X-Resource); desktop
   # entries and icons through GIO
   libxcb-ewmh-dev libxcb-composite0-dev libxcb-res0-dev libglib2.0-dev
+  # installed applications' icons: the freedesktop icon theme lookup (GtkIconTheme, no display
+  # needed) and gdk-pixbuf's PNG and SVG loaders
+  libgtk-3-dev
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils
