@@ -25,7 +25,8 @@ HostComposition::HostComposition(Executors executors, Options options)
       power_(std::make_shared<X11PowerManager>(options_.displayName)),
       pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)),
       windows_(std::make_shared<X11WindowSystem>(executors_.pool, options_.displayName)),
-      focusObserver_(std::make_shared<X11FocusObserver>(*windows_)) {
+      focusObserver_(std::make_shared<X11FocusObserver>(*windows_)),
+      installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
 }
@@ -62,6 +63,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.windowThumbnails =
       std::make_shared<X11WindowThumbnails>(executors_.pool, options_.displayName);
   env.fitRegistry = fitRegistry_;
+  env.installedApps = installedApps_;
   env.ownPID = ::getpid();
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;

@@ -12,6 +12,7 @@
 #include "host/audio/AudioTapArbiter.hpp"
 #include "host/desktop/FitRestoreRegistry.hpp"
 #include "host/desktop/FocusFollowing.hpp"
+#include "host/desktop/InstalledApps.hpp"
 #include "host/desktop/PasteboardProviding.hpp"
 #include "host/desktop/WindowSystem.hpp"
 #include "host/input/ClickRecord.hpp"
@@ -74,6 +75,8 @@ struct HostEnvironment {
   std::shared_ptr<WindowTracking> windowTracker;
   std::shared_ptr<WindowThumbnailProviding> windowThumbnails;
   std::chrono::duration<double> appPollInterval{1.0};
+  // Every installed application, for the device's launcher; none offered without it.
+  std::shared_ptr<InstalledAppsProviding> installedApps;
   std::chrono::duration<double> windowThumbnailInterval{1.0};
   // Following the computer's focus in focus mode: without an observer the stream stays on the
   // chosen window. Another window must stay in front for `focusDebounce` to be followed, and for

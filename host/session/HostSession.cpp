@@ -153,6 +153,10 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     co_await activateApp(*activate);
   } else if (const auto* windows = std::get_if<msg::windowThumbnails>(&message)) {
     setWindowThumbnails(*windows);
+  } else if (std::holds_alternative<msg::requestInstalledApps>(message)) {
+    sendInstalledApps();
+  } else if (const auto* icons = std::get_if<msg::requestAppIcons>(&message)) {
+    sendAppIcons(icons->bundleIDs);
   }
 }
 

@@ -210,6 +210,16 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
                                                    std::vector<std::uint32_t> ids);
   void stopAppWork();
 
+  // The installed applications and their icons (HostSessionInstalled.cpp), each answered from a
+  // task of its own that holds the session weakly.
+  void sendInstalledApps();
+  void sendAppIcons(std::vector<std::string> bundleIDs);
+  static asio::awaitable<void> installedAppsAnswer(
+      std::weak_ptr<HostSession> weak, std::shared_ptr<InstalledAppsProviding> provider);
+  static asio::awaitable<void> appIconsAnswer(std::weak_ptr<HostSession> weak,
+                                              std::shared_ptr<InstalledAppsProviding> provider,
+                                              std::vector<std::string> bundleIDs);
+
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
   void onStrand(std::function<void(HostSession&)> body);
 

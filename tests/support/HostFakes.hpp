@@ -289,4 +289,27 @@ class FakeThumbnails : public ThumbnailProviding {
   }
 };
 
+// Installed applications as the test sets them; listing waits for `gate` when there is one, and
+// every icon asked for is noted.
+class FakeInstalledApps : public InstalledAppsProviding {
+ public:
+  std::vector<InstalledApp> list;
+  std::map<std::string, Data> icons;
+  std::vector<std::string> asked;
+  std::shared_ptr<AsyncQueue<int>> gate;
+
+  asio::awaitable<std::vector<InstalledApp>> apps() override {
+    if (gate) co_await gate->next();
+    co_return list;
+  }
+  asio::awaitable<std::optional<Data>> icon(std::string bundleID) override {
+    asked.push_back(bundleID);
+    const auto found = icons.find(bundleID);
+    co_return found == icons.end() ? std::nullopt : std::optional(found->second);
+  }
+  asio::awaitable<std::optional<std::string>> entryPath(std::string) override {
+    co_return std::nullopt;
+  }
+};
+
 }  // namespace kelvaron::test

@@ -811,6 +811,34 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{2});
 }
 
+// The list waits for its scan in a task of its own while later messages are answered; icons go
+// out for the first 24 names asked, and a name without an icon gets nothing.
+SESSION_TEST(InstalledAppsAndTheirIconsAreAnsweredWithoutHoldingUpWhatFollows) {
+  const auto installed = std::make_shared<FakeInstalledApps>();
+  installed->list = {{"org.example.Alpha", "Alpha", 11}, {"org.example.Beta", "Beta", 0}};
+  installed->gate = std::make_shared<AsyncQueue<int>>();
+  std::vector<std::string> ids;
+  for (int i = 0; i < 30; ++i) {
+    ids.push_back("app" + std::to_string(i));
+    if (i % 5 != 1) installed->icons[ids.back()] = Data{std::uint8_t(i)};
+  }
+  h.env.installedApps = installed;
+  co_await h.open();
+
+  h.client->send(msg::requestInstalledApps{});
+  co_await h.roundTrip();
+  installed->gate->push(1);
+  CO_EXPECT_MESSAGE(h, msg::installedApps, installed->list);
+
+  h.client->send(msg::requestAppIcons{ids});
+  for (int i = 0; i < 24; ++i) {
+    if (i % 5 == 1) continue;
+    CO_EXPECT_MESSAGE(h, msg::appIcon, ids[std::size_t(i)], Data{std::uint8_t(i)});
+  }
+  co_await h.roundTrip();
+  EXPECT_EQ(installed->asked, std::vector(ids.begin(), ids.begin() + 24));
+}
+
 TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
   VirtualDisplay x(1280, 720);
   SKIP_WITHOUT_DISPLAY(x);
