@@ -28,6 +28,31 @@ std::optional<std::uint32_t> windowNumber(const std::string& text) {
   return value;
 }
 
+// The 64-bit FNV-1a of an icon, as the host hashes it for the list: 0 for none.
+std::uint64_t iconHashOf(const Data& png) {
+  if (png.empty()) return 0;
+  std::uint64_t hash = 0xcbf29ce484222325ull;
+  for (const std::uint8_t byte : png) {
+    hash ^= byte;
+    hash *= 0x100000001b3ull;
+  }
+  return hash;
+}
+
+// An application's ID as a file name: nothing that leaves the folder or hides the file.
+std::string iconFileName(const std::string& bundleID) {
+  std::string name;
+  for (const char c : bundleID) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '-' || c == '_';
+    name += plain ? c : '_';
+  }
+  if (name.empty() || name.front() == '.') name.insert(name.begin(), '_');
+  return name.substr(0, 200) + ".png";
+}
+
+constexpr std::size_t kIconsPerRequest = 24;
+
 }  // namespace
 
 Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, std::ostream& out,
@@ -35,7 +60,7 @@ Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, st
     : connection_(std::move(connection)), options_(std::move(options)), out_(out), since_(since) {}
 
 asio::awaitable<void> Viewer::run() {
-  for (const auto& folder : {options_.saveCursor, options_.saveThumbnails}) {
+  for (const auto& folder : {options_.saveCursor, options_.saveThumbnails, options_.saveIcons}) {
     if (!folder.empty()) std::filesystem::create_directories(folder);
   }
   if (!options_.saveCursor.empty()) cursorLog_.open(options_.saveCursor / "cursor.log");
@@ -72,8 +97,13 @@ asio::awaitable<void> Viewer::readMessages() {
       if (options_.listApps || !options_.focus.empty()) {
         connection_->send(msg::setAppListUpdates{true});
       }
+      if (options_.listInstalled) connection_->send(msg::requestInstalledApps{});
     } else if (const auto* apps = std::get_if<msg::appList>(&*message)) {
       appList(apps->apps);
+    } else if (const auto* installed = std::get_if<msg::installedApps>(&*message)) {
+      installedApps(installed->apps);
+    } else if (const auto* icon = std::get_if<msg::appIcon>(&*message)) {
+      appIcon(*icon);
     } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
       streamMode(mode->info);
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
@@ -215,6 +245,34 @@ void Viewer::appList(const std::vector<AppInfo>& apps) {
     }
   }
   out_ << "No window of the host matches " << options_.focus << std::endl;
+}
+
+// Every application is printed; the icons of those that have one are asked for, as many as the
+// host answers per request each time.
+void Viewer::installedApps(const std::vector<InstalledApp>& apps) {
+  out_ << "Installed: " << apps.size() << " applications" << std::endl;
+  std::vector<std::string> wanted;
+  for (const InstalledApp& app : apps) {
+    out_ << "Installed " << app.bundleID << " \"" << app.name << "\" icon " << std::hex
+         << app.iconHash << std::dec << std::endl;
+    iconHashes_[app.bundleID] = app.iconHash;
+    if (app.iconHash != 0) wanted.push_back(app.bundleID);
+  }
+  for (std::size_t start = 0; start < wanted.size(); start += kIconsPerRequest) {
+    const auto end =
+        wanted.begin() + std::ptrdiff_t(std::min(wanted.size(), start + kIconsPerRequest));
+    connection_->send(msg::requestAppIcons{{wanted.begin() + std::ptrdiff_t(start), end}});
+  }
+}
+
+void Viewer::appIcon(const msg::appIcon& icon) {
+  const auto listed = iconHashes_.find(icon.bundleID);
+  const bool matches = listed != iconHashes_.end() && listed->second == iconHashOf(icon.png);
+  out_ << "Icon " << icon.bundleID << ": " << icon.png.size() << " bytes"
+       << (matches ? "" : ", not the one listed") << std::endl;
+  if (options_.saveIcons.empty()) return;
+  std::ofstream(options_.saveIcons / iconFileName(icon.bundleID), std::ios::binary)
+      .write(reinterpret_cast<const char*>(icon.png.data()), std::streamsize(icon.png.size()));
 }
 
 void Viewer::streamMode(const StreamModeInfo& info) {

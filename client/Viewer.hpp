@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +31,8 @@ struct ViewerOptions {
   std::filesystem::path saveCursor;      // each pointer image as PNG, and a log of its states
   std::filesystem::path saveThumbnails;  // asks for the other displays' pictures, saved as JPEG
   bool listApps = false;                 // prints the host's applications and windows
+  bool listInstalled = false;            // prints the host's installed applications, asks icons
+  std::filesystem::path saveIcons;       // with `listInstalled`: each icon as DIR/<ID>.png
   std::string focus;  // a window's ID, or an application's name or ID: streams only that window
   bool fit = false;   // with `focus`: the window is first fitted to this screen
 };
@@ -60,6 +63,8 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void cursorShape(const msg::cursorShape& shape);
   void thumbnail(const msg::thumbnail& picture);
   void appList(const std::vector<AppInfo>& apps);
+  void installedApps(const std::vector<InstalledApp>& apps);
+  void appIcon(const msg::appIcon& icon);
   void streamMode(const StreamModeInfo& info);
   void clipboardFromHost(const std::string& text);
   asio::awaitable<void> mirrorClipboard();
@@ -82,6 +87,7 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   CursorStatistics cursorStatistics_;
   std::ofstream cursorLog_;  // with --save-cursor: a line per state and per shape
   std::uint32_t thumbnails_ = 0;
+  std::map<std::string, std::uint64_t> iconHashes_;  // of the installed applications, by ID
   asio::thread_pool clipboardThread_{1};
   std::optional<std::string> lastLocalClipboard_;  // touched on the clipboard thread only
   std::optional<std::string> audioProblem_;

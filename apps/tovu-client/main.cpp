@@ -36,6 +36,9 @@ constexpr const char* kUsage = R"(Usage:
         --save-cursor DIR  save each pointer image as PNG, and its states in DIR/cursor.log
         --save-thumbnails DIR  ask for pictures of the host's other displays, saved as JPEG
         --apps             print the host's applications and their windows, and each change
+        --installed        print the host's installed applications (ID, name, icon hash) and
+                           fetch their icons
+        --save-icons DIR   with --installed: save each icon as DIR/<ID>.png
         --focus WINDOW|APP stream one window (its ID, or an application's name or ID: its first
                            window on screen); --type then types into it
         --fit              with --focus: first fit the window to this screen's shape
@@ -62,6 +65,8 @@ struct Arguments {
   std::string saveCursor;
   std::string saveThumbnails;
   bool listApps = false;
+  bool listInstalled = false;
+  std::string saveIcons;
   std::string focus;
   bool fit = false;
   bool compare = false;
@@ -97,6 +102,12 @@ apps::CommandLine commandLine(Arguments& arguments) {
       .option("--save-cursor", [&](const std::string& dir) { arguments.saveCursor = dir; })
       .option("--save-thumbnails", [&](const std::string& dir) { arguments.saveThumbnails = dir; })
       .flag("--apps", [&] { arguments.listApps = true; })
+      .flag("--installed", [&] { arguments.listInstalled = true; })
+      .option("--save-icons",
+              [&](const std::string& dir) {
+                arguments.saveIcons = dir;
+                arguments.listInstalled = true;
+              })
       .option("--focus", [&](const std::string& target) { arguments.focus = target; })
       .flag("--fit", [&] { arguments.fit = true; })
       .operands([&](const std::string& word) {
@@ -139,6 +150,8 @@ int main(int argc, char** argv) {
                                       arguments.saveCursor,
                                       arguments.saveThumbnails,
                                       arguments.listApps,
+                                      arguments.listInstalled,
+                                      arguments.saveIcons,
                                       arguments.focus,
                                       arguments.fit};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));

@@ -443,7 +443,7 @@ TEST(EndToEnd, TheCursorMovesByOthersAndPicturesOfTheOtherDisplayReachTheDevice)
 
 // Focus mode from the device: the terminal's window alone, found by its application's name, with
 // what the device types going into it, and not a pixel of another application's window raised
-// over it.
+// over it. The device lists the installed applications on the way.
 TEST(EndToEnd, FocusStreamsOneWindowWhichTheDeviceTypesInto) {
   Host host;
   HOST_OR_SKIP(host);
@@ -467,12 +467,16 @@ TEST(EndToEnd, FocusStreamsOneWindowWhichTheDeviceTypesInto) {
   const fs::path log = work / "connect.log", picture = work / "focus.png";
   const fs::path typed = work / "typed";
   auto watching = ann.start(ann.connect(host.address(), "8",
-                                        {"--apps", "--focus", "XTerm", "--type",
+                                        {"--apps", "--installed", "--focus", "XTerm", "--type",
                                          "touch " + typed.string() + "\n", "--save-frame",
                                          picture.string()}),
                             log);
   ASSERT_TRUE(waitFor(log, "Stream mode: window ", 1, 30s)) << readFile(log);
   EXPECT_NE(readFile(log).find("App "), std::string::npos) << readFile(log);
+  // The terminal's desktop entry is among the installed applications; icons match their hashes.
+  EXPECT_NE(readFile(log).find("Installed debian-xterm \"XTerm\""), std::string::npos)
+      << readFile(log);
+  EXPECT_EQ(readFile(log).find("not the one listed"), std::string::npos) << readFile(log);
   // Over the streamed window, whose application stays in front.
   onDisplay(host.display(), "xdotool search --class xlogo windowraise");
   ASSERT_TRUE(waitFor(log, "Saved the last picture", 1, 30s)) << readFile(log);
