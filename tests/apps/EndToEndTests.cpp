@@ -466,11 +466,11 @@ TEST(EndToEnd, FocusStreamsOneWindowWhichTheDeviceTypesInto) {
 
   const fs::path log = work / "connect.log", picture = work / "focus.png";
   const fs::path typed = work / "typed";
-  auto watching = ann.start(ann.connect(host.address(), "8",
-                                        {"--apps", "--installed", "--focus", "XTerm", "--type",
-                                         "touch " + typed.string() + "\n", "--save-frame",
-                                         picture.string()}),
-                            log);
+  auto watching =
+      ann.start(ann.connect(host.address(), "8",
+                            {"--apps", "--installed", "--focus", "XTerm", "--type",
+                             "touch " + typed.string() + "\n", "--save-frame", picture.string()}),
+                log);
   ASSERT_TRUE(waitFor(log, "Stream mode: window ", 1, 30s)) << readFile(log);
   EXPECT_NE(readFile(log).find("App "), std::string::npos) << readFile(log);
   // The terminal's desktop entry is among the installed applications; icons match their hashes.
