@@ -62,9 +62,9 @@ std::optional<Picture> decode(const Data& bytes) {
 }
 
 // Entries in a private $XDG_DATA_HOME and $XDG_DATA_DIRS, with a small hicolor theme. The folders
-// are read from the environment when the object is made; GIO reads $XDG_CURRENT_DESKTOP once per
-// process, so it is set before anything of GIO runs and this program holds no other test that
-// uses GIO.
+// are read from the environment when the object is made, but GLib reads $XDG_CURRENT_DESKTOP and
+// finds the MIME database through the data folders once per process: both are set before anything
+// of GLib runs, and this program holds no other test.
 TEST(DesktopEntryApps, ListsWhatTheDesktopShowsWithIconsAndRescansWhenAFolderChanges) {
   TempDirectory root;
   const fs::path home = root / "home", first = root / "first", second = root / "second";
@@ -152,6 +152,10 @@ TEST(DesktopEntryApps, ListsWhatTheDesktopShowsWithIconsAndRescansWhenAFolderCha
   write(home / "applications/org.example.Later.desktop", entry("Later", ""));
   EXPECT_EQ(await(apps.apps()).size(), grown.size() + 1);
   EXPECT_EQ(apps.scanCount(), 3u);
+  // Once the interval has passed, the next request scans again though nothing moved.
+  DesktopEntryApps eager(pool.get_executor(), std::chrono::seconds(0));
+  EXPECT_EQ(await(eager.apps()), await(eager.apps()));
+  EXPECT_EQ(eager.scanCount(), 2u);
 }
 
 }  // namespace
