@@ -209,9 +209,9 @@ struct DesktopEntryApps::Core {
     fs::directory_iterator it(folder, error);
     if (error) return;
     std::vector<fs::directory_entry> children;
+    // A failed step ends the iterator, and with it the listing of this folder.
     for (; it != fs::directory_iterator() && seen < kMaxFilesSeen; it.increment(error), ++seen) {
       children.push_back(*it);
-      if (error) break;
     }
     if (seen >= kMaxFilesSeen) problem("too many files under " + folder.string());
     std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) {
