@@ -37,7 +37,7 @@ packages=(
   libxcb-ewmh-dev libxcb-composite0-dev libxcb-res0-dev libglib2.0-dev
   # installed applications' icons: the freedesktop icon theme lookup (GtkIconTheme, no display
   # needed) and gdk-pixbuf's PNG and SVG loaders
-  libgtk-3-dev
+  libgtk-3-dev librsvg2-common
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils
