@@ -29,8 +29,8 @@ std::vector<std::optional<std::int32_t>> X11WindowOwners::processes(
   std::vector<xcb_res_query_client_ids_cookie_t> asked;
   asked.reserve(windows.size());
   for (const xcb_window_t window : windows) {
-    const xcb_res_client_id_spec_t spec{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
-    asked.push_back(xcb_res_query_client_ids(connection_, 1, &spec));
+    const xcb_res_client_id_spec_t which{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
+    asked.push_back(xcb_res_query_client_ids(connection_, 1, &which));
   }
   std::vector<std::optional<std::int32_t>> found(windows.size());
   bool missing = false;
