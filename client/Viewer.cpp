@@ -28,17 +28,6 @@ std::optional<std::uint32_t> windowNumber(const std::string& text) {
   return value;
 }
 
-// The 64-bit FNV-1a of an icon, as the host hashes it for the list: 0 for none.
-std::uint64_t iconHashOf(const Data& png) {
-  if (png.empty()) return 0;
-  std::uint64_t hash = 0xcbf29ce484222325ull;
-  for (const std::uint8_t byte : png) {
-    hash ^= byte;
-    hash *= 0x100000001b3ull;
-  }
-  return hash;
-}
-
 // An application's ID as a file name: nothing that leaves the folder or hides the file.
 std::string iconFileName(const std::string& bundleID) {
   std::string name;

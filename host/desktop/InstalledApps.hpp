@@ -25,16 +25,4 @@ class InstalledAppsProviding {
   virtual asio::awaitable<std::optional<std::string>> entryPath(std::string bundleID) = 0;
 };
 
-// The 64-bit FNV-1a of an icon's bytes, and 0 for none: what a device compares with the hash of
-// the icon it keeps.
-inline std::uint64_t iconHashOf(const Data& png) {
-  if (png.empty()) return 0;
-  std::uint64_t hash = 0xcbf29ce484222325ull;
-  for (const std::uint8_t byte : png) {
-    hash ^= byte;
-    hash *= 0x100000001b3ull;
-  }
-  return hash;
-}
-
 }  // namespace kelvaron::host

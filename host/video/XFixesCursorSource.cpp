@@ -27,9 +27,6 @@ namespace {
 // below this.
 constexpr int kMaxSidePoints = 256;
 
-constexpr std::uint64_t kFnvOffsetBasis = 0xcbf29ce484222325;
-constexpr std::uint64_t kFnvPrime = 0x100000001b3;
-
 // The cursor's image at twice its size in points, straight-alpha R, G, B, A.
 struct CursorBitmap {
   int width = 0, height = 0;  // in pixels
@@ -119,15 +116,10 @@ std::optional<CursorBitmap> cursorBitmap(const xcb_xfixes_get_cursor_image_reply
 // FNV-1a over the bitmap's bytes, then one step each for the hot spot and the size in points,
 // each the bit pattern of a double.
 std::uint64_t cursorToken(const CursorBitmap& bitmap) {
-  std::uint64_t hash = kFnvOffsetBasis;
-  for (const std::uint8_t byte : bitmap.rgba) {
-    hash ^= byte;
-    hash *= kFnvPrime;
-  }
+  std::uint64_t hash = fnv1a(bitmap.rgba);
   for (const double value :
        {bitmap.hotspotX, bitmap.hotspotY, bitmap.pointWidth, bitmap.pointHeight}) {
-    hash ^= std::bit_cast<std::uint64_t>(value);
-    hash *= kFnvPrime;
+    hash = fnv1aStep(hash, std::bit_cast<std::uint64_t>(value));
   }
   return hash;
 }

@@ -40,8 +40,8 @@ std::vector<std::optional<std::int32_t>> X11WindowOwners::processes(
     if (reply) {
       for (auto ids = xcb_res_query_client_ids_ids_iterator(reply.get()); ids.rem;
            xcb_res_client_id_value_next(&ids)) {
-        if (!(ids.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID)) continue;
-        if (ids.data->length < 4) continue;
+        const auto& [which, length] = *ids.data;
+        if (!(which.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) || length < 4) continue;
         std::uint32_t pid = 0;
         std::memcpy(&pid, xcb_res_client_id_value_value(ids.data), sizeof pid);
         if (pid > 0 && pid <= 0x7fffffff) found[i] = std::int32_t(pid);

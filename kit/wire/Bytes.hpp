@@ -106,4 +106,16 @@ struct UUID {
   }
 };
 
+// 64-bit FNV-1a, as the wire's icon hashes and cursor tokens use it.
+inline constexpr std::uint64_t kFnv1aBasis = 0xcbf29ce484222325;
+// One step: `value` folded into `hash`.
+constexpr std::uint64_t fnv1aStep(std::uint64_t hash, std::uint64_t value) {
+  return (hash ^ value) * 0x100000001b3;
+}
+// The hash of `bytes`, continuing from `hash`.
+inline std::uint64_t fnv1a(std::span<const std::uint8_t> bytes, std::uint64_t hash = kFnv1aBasis) {
+  for (const std::uint8_t byte : bytes) hash = fnv1aStep(hash, byte);
+  return hash;
+}
+
 }  // namespace kelvaron

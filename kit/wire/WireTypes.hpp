@@ -221,6 +221,10 @@ struct StreamModeInfo {
   friend bool operator==(const StreamModeInfo&, const StreamModeInfo&) = default;
 };
 
+// The hash of an icon that `InstalledApp` carries, which a device compares with the hash of the
+// icon it keeps: the FNV-1a of the PNG's bytes, and 0 for none.
+inline std::uint64_t iconHashOf(const Data& png) { return png.empty() ? 0 : fnv1a(png); }
+
 struct InstalledApp {
   std::string bundleID;
   std::string name;

@@ -82,8 +82,8 @@ std::optional<std::pair<std::size_t, std::size_t>> countNear(const fs::path& fil
   if (!png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr)) return std::nullopt;
   std::size_t found = 0;
   for (std::size_t i = 0; i + 2 < pixels.size(); i += 3) {
-    found += near(std::uint32_t(pixels[i]) << 16 | std::uint32_t(pixels[i + 1]) << 8 | pixels[i + 2],
-                  colour);
+    found += near(
+        std::uint32_t(pixels[i]) << 16 | std::uint32_t(pixels[i + 1]) << 8 | pixels[i + 2], colour);
   }
   return std::pair(found, pixels.size() / 3);
 }
@@ -205,6 +205,30 @@ class Host {
 
 #define HOST_OR_SKIP(host) \
   if (!(host).up()) GTEST_SKIP() << (host).why()
+
+// Programs on the host's screen under openbox, as on a person's desktop; `problem` says which one
+// did not show. Each program is named by its command, which is also its window class.
+struct Desktop {
+  Desktop(const std::string& display, const fs::path& logs,
+          const std::vector<std::vector<std::string>>& programs) {
+    const auto start = [&](const std::vector<std::string>& command) {
+      std::vector<std::string> line = {"env", "DISPLAY=" + display};
+      line.insert(line.end(), command.begin(), command.end());
+      running.push_back(std::make_unique<ChildProcess>(line, logs / (command[0] + ".log")));
+    };
+    start({"openbox", "--sm-disable"});
+    for (const auto& program : programs) start(program);
+    for (const auto& program : programs) {
+      if (!onDisplay(display, "timeout 10 xdotool search --sync --class " + program[0])
+               .succeeded()) {
+        problem = "no " + program[0] + " under openbox: " + readFile(logs / "openbox.log");
+        return;
+      }
+    }
+  }
+  std::vector<std::unique_ptr<ChildProcess>> running;
+  std::string problem;
+};
 
 TEST(EndToEnd, PairsByTokenStreamsTypesAndSignsInBySignatureAlone) {
   Host host;
@@ -398,12 +422,8 @@ TEST(EndToEnd, TheCursorMovesByOthersAndPicturesOfTheOtherDisplayReachTheDevice)
   const Device ann{{}, "Ann's iPad"};
   ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
   const fs::path work = ann.home.path();
-  ChildProcess windowManager({"env", "DISPLAY=" + host.display(), "openbox", "--sm-disable"},
-                             work / "openbox.log");
-  ChildProcess terminal({"env", "DISPLAY=" + host.display(), "xterm", "-geometry", "40x10+0+0"},
-                        work / "xterm.log");
-  if (!onDisplay(host.display(), "timeout 10 xdotool search --sync --class xterm").succeeded())
-    GTEST_SKIP() << "no xterm under openbox: " << readFile(work / "openbox.log");
+  const Desktop desktop(host.display(), work, {{"xterm", "-geometry", "40x10+0+0"}});
+  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
   ScreenPainter painter(host.display());
   ASSERT_TRUE(painter.setMonitor("TOVU-RIGHT", 400, 0, 400, 600, true));
 
@@ -450,19 +470,11 @@ TEST(EndToEnd, FocusStreamsOneWindowWhichTheDeviceTypesInto) {
   const Device ann{{}, "Ann's iPad"};
   ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
   const fs::path work = ann.home.path();
-  ChildProcess windowManager({"env", "DISPLAY=" + host.display(), "openbox", "--sm-disable"},
-                             work / "openbox.log");
-  ChildProcess terminal({"env", "DISPLAY=" + host.display(), "xterm", "-xrm",
-                         "*vt100.background: #202080", "-geometry", "50x12+20+20", "-e", "sh"},
-                        work / "xterm.log");
-  ChildProcess logo({"env", "DISPLAY=" + host.display(), "xlogo", "-bg", "#00ff00", "-geometry",
-                     "200x200+200+60"},
-                    work / "xlogo.log");
-  for (const char* name : {"xterm", "xlogo"}) {
-    if (!onDisplay(host.display(), "timeout 10 xdotool search --sync --class " + std::string(name))
-             .succeeded())
-      GTEST_SKIP() << "no " << name << " under openbox: " << readFile(work / "openbox.log");
-  }
+  const Desktop desktop(
+      host.display(), work,
+      {{"xterm", "-xrm", "*vt100.background: #202080", "-geometry", "50x12+20+20", "-e", "sh"},
+       {"xlogo", "-bg", "#00ff00", "-geometry", "200x200+200+60"}});
+  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
 
   const fs::path log = work / "connect.log", picture = work / "focus.png";
   const fs::path typed = work / "typed";

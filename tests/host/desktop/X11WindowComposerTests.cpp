@@ -3,7 +3,6 @@
 
 #include "host/x11/X11WindowComposer.hpp"
 
-#include <turbojpeg.h>
 #include <xcb/xcb.h>
 
 #include <gtest/gtest.h>
@@ -20,6 +19,7 @@
 #include "kit/media/CaptureClock.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/ChildProcess.hpp"
+#include "tests/support/JpegPicture.hpp"
 #include "tests/support/TempDirectory.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
@@ -175,36 +175,6 @@ TEST_F(TerminalUnderLogo, AnAppScopeShowsOnlyThatApplicationsWindows) {
       30s);
 }
 
-// A JPEG decoded to R, G, B bytes; empty when it is none.
-struct Picture {
-  int width = 0, height = 0;
-  std::vector<std::uint8_t> rgb;
-  // The share of pixels within JPEG's error of the colour (0xRRGGBB).
-  double share(std::uint32_t colour) const {
-    int near = 0;
-    for (std::size_t i = 0; i + 2 < rgb.size(); i += 3) {
-      bool all = true;
-      for (int c = 0; c < 3; ++c)
-        all = all && std::abs(rgb[i + c] - int(colour >> (16 - 8 * c) & 0xff)) < 40;
-      near += all;
-    }
-    return rgb.empty() ? 0 : double(near) / double(rgb.size() / 3);
-  }
-};
-
-Picture decodeJpeg(const Data& jpeg) {
-  Picture picture;
-  const std::unique_ptr<void, int (*)(tjhandle)> decoder(tjInitDecompress(), tjDestroy);
-  int subsampling = 0, colourspace = 0;
-  if (tjDecompressHeader3(decoder.get(), jpeg.data(), jpeg.size(), &picture.width, &picture.height,
-                          &subsampling, &colourspace) != 0)
-    return {};
-  picture.rgb.resize(std::size_t(picture.width) * std::size_t(picture.height) * 3);
-  const bool decoded = tjDecompress2(decoder.get(), jpeg.data(), jpeg.size(), picture.rgb.data(),
-                                     picture.width, 0, picture.height, TJPF_RGB, 0) == 0;
-  return decoded ? picture : Picture{};
-}
-
 // Each window's thumbnail is its frame in its proportions, from its own pixels: the xterm's shows
 // no xlogo though xlogo covers a third of it. An id of no window, and a window that went away,
 // give nothing.
@@ -227,7 +197,7 @@ TEST_F(TerminalUnderLogo, WindowThumbnailsShowEachWindowWholeFromItsOwnPixels) {
   auto made = ask({terminalWindow, logoWindow, nothing});
   ASSERT_TRUE(made.contains(terminalWindow) && made.contains(logoWindow));
   EXPECT_FALSE(made.contains(nothing));
-  const Picture terminalPicture = decodeJpeg(made[terminalWindow]);
+  const JpegPicture terminalPicture = decodeJpeg(made[terminalWindow]);
   const int frameWidth = frame->width + 2 * frame->border_width;
   const int frameHeight = frame->height + 2 * frame->border_width;
   EXPECT_EQ(terminalPicture.width, 240);

@@ -1,7 +1,6 @@
 // The pointer's image and the displays' thumbnails, read from real Xvfb servers.
 
 #include <png.h>
-#include <turbojpeg.h>
 #include <xcb/xfixes.h>
 
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 #include "host/video/XFixesCursorSource.hpp"
 #include "host/x11/X11Connection.hpp"
 #include "tests/support/AsyncTest.hpp"
+#include "tests/support/JpegPicture.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
@@ -191,34 +191,6 @@ TEST(XFixesCursorSource, SendsEachPointerImageOnceAndAsksTheServerOnlyAfterAChan
   });
 }
 
-// A JPEG decoded to R, G, B bytes; empty when it is none.
-struct Picture {
-  int width = 0, height = 0;
-  std::vector<std::uint8_t> rgb;
-  // Whether the pixel at (x, y) is `colour` (0xRRGGBB), within JPEG's error.
-  bool is(int x, int y, std::uint32_t colour) const {
-    if (x >= width || y >= height) return false;
-    const std::uint8_t* p = &rgb[std::size_t(y * width + x) * 3];
-    const auto near = [&](int i) {
-      return std::abs(p[i] - int(colour >> (16 - 8 * i) & 0xff)) < 25;
-    };
-    return near(0) && near(1) && near(2);
-  }
-};
-
-Picture decodeJpeg(const Data& jpeg) {
-  Picture picture;
-  const std::unique_ptr<void, int (*)(tjhandle)> decoder(tjInitDecompress(), tjDestroy);
-  int subsampling = 0, colourspace = 0;
-  if (tjDecompressHeader3(decoder.get(), jpeg.data(), jpeg.size(), &picture.width, &picture.height,
-                          &subsampling, &colourspace) != 0)
-    return {};
-  picture.rgb.resize(std::size_t(picture.width) * std::size_t(picture.height) * 3);
-  const bool decoded = tjDecompress2(decoder.get(), jpeg.data(), jpeg.size(), picture.rgb.data(),
-                                     picture.width, 0, picture.height, TJPF_RGB, 0) == 0;
-  return decoded ? picture : Picture{};
-}
-
 constexpr std::uint32_t kRed = 0xff0000, kBlue = 0x0000ff, kBlack = 0;
 
 // A display's thumbnail is a JPEG as wide as asked, never wider than the display, in its
@@ -262,7 +234,7 @@ TEST(X11Thumbnails, ShowsEachDisplayInItsProportions) {
       const auto jpeg = co_await std::move(asking);
       EXPECT_EQ(jpeg.has_value(), c.width > 0);
       if (!jpeg || c.width == 0) continue;
-      const Picture picture = decodeJpeg(*jpeg);
+      const JpegPicture picture = decodeJpeg(*jpeg);
       EXPECT_EQ(std::pair(picture.width, picture.height), std::pair(c.width, c.height));
       for (const auto& [x, y, rgb] : c.colours) EXPECT_TRUE(picture.is(x, y, rgb)) << x << "," << y;
     }
