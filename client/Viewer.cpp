@@ -3,7 +3,6 @@
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/post.hpp>
-#include <charconv>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -18,38 +17,17 @@
 
 namespace kelvaron::client {
 
-namespace {
-
-// A window's ID written in decimal; nothing for anything else.
-std::optional<std::uint32_t> windowNumber(const std::string& text) {
-  std::uint32_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
-// An application's ID as a file name: nothing that leaves the folder or hides the file.
-std::string iconFileName(const std::string& bundleID) {
-  std::string name;
-  for (const char c : bundleID) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '.' || c == '-' || c == '_';
-    name += plain ? c : '_';
-  }
-  if (name.empty() || name.front() == '.') name.insert(name.begin(), '_');
-  return name.substr(0, 200) + ".png";
-}
-
-constexpr std::size_t kIconsPerRequest = 24;
-
-}  // namespace
-
 Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, std::ostream& out,
                Clock::time_point since)
-    : connection_(std::move(connection)), options_(std::move(options)), out_(out), since_(since) {}
+    : connection_(std::move(connection)),
+      options_(std::move(options)),
+      out_(out),
+      since_(since),
+      apps_(*connection_, options_.apps, out) {}
 
 asio::awaitable<void> Viewer::run() {
-  for (const auto& folder : {options_.saveCursor, options_.saveThumbnails, options_.saveIcons}) {
+  for (const auto& folder :
+       {options_.saveCursor, options_.saveThumbnails, options_.apps.saveIcons}) {
     if (!folder.empty()) std::filesystem::create_directories(folder);
   }
   if (!options_.saveCursor.empty()) cursorLog_.open(options_.saveCursor / "cursor.log");
@@ -67,7 +45,7 @@ asio::awaitable<void> Viewer::run() {
   }
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
   int second = 0;
-  while (Clock::now() < end && !ended_) {
+  while (Clock::now() < end && !ended_ && !apps_.done()) {
     co_await sleepFor(std::chrono::seconds(1));
     endSecond(++second);
   }
@@ -78,21 +56,13 @@ asio::awaitable<void> Viewer::run() {
 
 asio::awaitable<void> Viewer::readMessages() {
   while (const auto message = co_await connection_->messages().next()) {
+    if (apps_.handle(*message)) continue;
     if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
       out_ << "Connected to " << ack->hostName << "; profile " << profileLabel(ack->profile)
            << std::endl;
       if (options_.audio) connection_->send(msg::setAudio{*options_.audio});
       if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
-      if (options_.listApps || !options_.focus.empty()) {
-        connection_->send(msg::setAppListUpdates{true});
-      }
-      if (options_.listInstalled) connection_->send(msg::requestInstalledApps{});
-    } else if (const auto* apps = std::get_if<msg::appList>(&*message)) {
-      appList(apps->apps);
-    } else if (const auto* installed = std::get_if<msg::installedApps>(&*message)) {
-      installedApps(installed->apps);
-    } else if (const auto* icon = std::get_if<msg::appIcon>(&*message)) {
-      appIcon(*icon);
+      apps_.greeted();
     } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
       streamMode(mode->info);
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
@@ -205,65 +175,6 @@ void Viewer::thumbnail(const msg::thumbnail& picture) {
              std::streamsize(picture.jpeg.size()));
 }
 
-void Viewer::appList(const std::vector<AppInfo>& apps) {
-  if (options_.listApps) {
-    for (const AppInfo& app : apps) {
-      out_ << "App " << app.pid << " " << app.name << " (" << app.bundleID << ")"
-           << (app.isFrontmost ? " in front" : "") << std::endl;
-      for (const WindowInfo& w : app.windows) {
-        out_ << "  window " << w.id << " \"" << w.title << "\" " << w.frame.x << "," << w.frame.y
-             << " " << w.frame.width << "x" << w.frame.height << " on display " << w.displayID
-             << (w.isMinimized  ? ", minimised"
-                 : w.isOnScreen ? ""
-                                : ", off screen")
-             << std::endl;
-      }
-    }
-  }
-  if (options_.focus.empty() || focusAsked_) return;
-  // A number names a window; anything else an application, whose first window on screen is taken.
-  const std::optional<std::uint32_t> number = windowNumber(options_.focus);
-  for (const AppInfo& app : apps) {
-    const bool named = app.name == options_.focus || app.bundleID == options_.focus;
-    for (const WindowInfo& w : app.windows) {
-      if ((number && w.id == *number) || (!number && named && w.isOnScreen)) {
-        connection_->send(msg::focus{app.pid, w.id, options_.fit, true});
-        focusAsked_ = true;
-        return;
-      }
-    }
-  }
-  out_ << "No window of the host matches " << options_.focus << std::endl;
-}
-
-// Every application is printed; the icons of those that have one are asked for, as many as the
-// host answers per request each time.
-void Viewer::installedApps(const std::vector<InstalledApp>& apps) {
-  out_ << "Installed: " << apps.size() << " applications" << std::endl;
-  std::vector<std::string> wanted;
-  for (const InstalledApp& app : apps) {
-    out_ << "Installed " << app.bundleID << " \"" << app.name << "\" icon " << std::hex
-         << app.iconHash << std::dec << std::endl;
-    iconHashes_[app.bundleID] = app.iconHash;
-    if (app.iconHash != 0) wanted.push_back(app.bundleID);
-  }
-  for (std::size_t start = 0; start < wanted.size(); start += kIconsPerRequest) {
-    const auto end =
-        wanted.begin() + std::ptrdiff_t(std::min(wanted.size(), start + kIconsPerRequest));
-    connection_->send(msg::requestAppIcons{{wanted.begin() + std::ptrdiff_t(start), end}});
-  }
-}
-
-void Viewer::appIcon(const msg::appIcon& icon) {
-  const auto listed = iconHashes_.find(icon.bundleID);
-  const bool matches = listed != iconHashes_.end() && listed->second == iconHashOf(icon.png);
-  out_ << "Icon " << icon.bundleID << ": " << icon.png.size() << " bytes"
-       << (matches ? "" : ", not the one listed") << std::endl;
-  if (options_.saveIcons.empty()) return;
-  std::ofstream(options_.saveIcons / iconFileName(icon.bundleID), std::ios::binary)
-      .write(reinterpret_cast<const char*>(icon.png.data()), std::streamsize(icon.png.size()));
-}
-
 void Viewer::streamMode(const StreamModeInfo& info) {
   if (const auto* focus = std::get_if<streammode::focus>(&info.mode)) {
     focused_ = true;
@@ -326,7 +237,7 @@ void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
   }
   latest_ = std::move(picture);
   // With a window asked for, the text goes to it: once the host streams it, it is in front.
-  const bool ready = options_.focus.empty() || focused_;
+  const bool ready = options_.apps.focus.empty() || focused_;
   if (ready && !typed_ && !options_.type.empty()) {
     connection_->send(msg::text{options_.type});
     out_ << "Typed " << options_.type.size() << " characters" << std::endl;
@@ -358,7 +269,11 @@ void Viewer::leave() {
   out_ << cursorStatistics_.summary() << std::endl;
   if (thumbnails_ > 0) out_ << "Received " << thumbnails_ << " thumbnails" << std::endl;
   if (refusal_) throw FlowError("refused: " + *refusal_);
-  if (statistics_.totalFrames() == 0) throw FlowError("the host sent no picture");
+  if (const auto failure = apps_.failure()) throw FlowError(*failure);
+  // An errand is done with or without a picture.
+  if (statistics_.totalFrames() == 0 && !options_.apps.errand) {
+    throw FlowError("the host sent no picture");
+  }
   if (options_.audio && audioStatistics_.totalPackets() == 0) {
     throw FlowError("the host sent no sound" + (audioProblem_ ? ": " + *audioProblem_ : ""));
   }

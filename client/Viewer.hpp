@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "client/AppsView.hpp"
 #include "client/AudioDecoder.hpp"
 #include "client/AudioOutput.hpp"
 #include "client/ClientDevice.hpp"
@@ -30,16 +31,13 @@ struct ViewerOptions {
   bool clipboard = false;                // keeps this desktop's clipboard in step with the host's
   std::filesystem::path saveCursor;      // each pointer image as PNG, and a log of its states
   std::filesystem::path saveThumbnails;  // asks for the other displays' pictures, saved as JPEG
-  bool listApps = false;                 // prints the host's applications and windows
-  bool listInstalled = false;            // prints the host's installed applications, asks icons
-  std::filesystem::path saveIcons;       // with `listInstalled`: each icon as DIR/<ID>.png
-  std::string focus;  // a window's ID, or an application's name or ID: streams only that window
-  bool fit = false;   // with `focus`: the window is first fitted to this screen
+  AppsOptions apps;
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
 // figures, decodes the pictures, sends the feedback, types, saves the last picture, plays or
-// records the sound, and mirrors the clipboard and saves the cursor and thumbnails when asked.
+// records the sound, mirrors the clipboard, saves the cursor and thumbnails, and shows the host's
+// applications when asked.
 class Viewer : public std::enable_shared_from_this<Viewer> {
  public:
   using Clock = std::chrono::steady_clock;
@@ -62,9 +60,6 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void cursorState(const msg::cursorState& state);
   void cursorShape(const msg::cursorShape& shape);
   void thumbnail(const msg::thumbnail& picture);
-  void appList(const std::vector<AppInfo>& apps);
-  void installedApps(const std::vector<InstalledApp>& apps);
-  void appIcon(const msg::appIcon& icon);
   void streamMode(const StreamModeInfo& info);
   void clipboardFromHost(const std::string& text);
   asio::awaitable<void> mirrorClipboard();
@@ -87,13 +82,12 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   CursorStatistics cursorStatistics_;
   std::ofstream cursorLog_;  // with --save-cursor: a line per state and per shape
   std::uint32_t thumbnails_ = 0;
-  std::map<std::string, std::uint64_t> iconHashes_;  // of the installed applications, by ID
+  AppsView apps_;
   asio::thread_pool clipboardThread_{1};
   std::optional<std::string> lastLocalClipboard_;  // touched on the clipboard thread only
   std::optional<std::string> audioProblem_;
   std::optional<Picture> latest_;
   std::optional<std::string> refusal_;
-  bool focusAsked_ = false;
   bool focused_ = false;  // the host streams the window asked for
   bool typed_ = false;
   bool ended_ = false;

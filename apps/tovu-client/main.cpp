@@ -3,6 +3,7 @@
 // the client library's; this program reads the command line and runs the one asked for.
 
 #include <chrono>
+#include <cstdint>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -42,6 +43,18 @@ constexpr const char* kUsage = R"(Usage:
         --focus WINDOW|APP stream one window (its ID, or an application's name or ID: its first
                            window on screen); --type then types into it
         --fit              with --focus: first fit the window to this screen's shape
+  tovu-client apps <host> [--installed] [--save-icons DIR]
+      print the host's running applications and their windows (with --installed also the
+      installed ones, fetching their icons), then leave
+  tovu-client launch <host> <ID> [--alone] [--on-no-window wait|new-window|cancel]
+      open an installed application (its ID as "apps --installed" prints it) and print each
+      step until its window is shown
+        --alone            show only its window (focus mode) rather than the whole display
+        --on-no-window A   when no window comes in time: wait on, ask it for a new window, or
+                           cancel (default: leave it to the host and stop here)
+  tovu-client quit <host> <PID>
+      ask the application of a process (as "apps" prints it) to quit, as closing its windows
+      would; it may first ask about unsaved work
   tovu-client hosts
       list the paired hosts
 
@@ -54,6 +67,7 @@ The client's identity and paired hosts live in $XDG_DATA_HOME/tovu-client/.
 struct Arguments {
   std::string command;
   std::string subject;  // the link, or the host
+  std::string object;   // what the apps commands act on
   std::optional<QUICConnection::Endpoint> address;
   std::optional<std::string> name;
   std::optional<double> seconds;
@@ -70,7 +84,16 @@ struct Arguments {
   std::string focus;
   bool fit = false;
   bool compare = false;
+  bool alone = false;
+  std::optional<LaunchAction> onNoWindow;
 };
+
+std::optional<LaunchAction> launchActionNamed(const std::string& name) {
+  if (name == "wait") return LaunchAction::keepWaiting;
+  if (name == "new-window") return LaunchAction::newWindow;
+  if (name == "cancel") return LaunchAction::cancel;
+  return std::nullopt;
+}
 
 // The arguments, each written where the command line says.
 apps::CommandLine commandLine(Arguments& arguments) {
@@ -110,11 +133,21 @@ apps::CommandLine commandLine(Arguments& arguments) {
               })
       .option("--focus", [&](const std::string& target) { arguments.focus = target; })
       .flag("--fit", [&] { arguments.fit = true; })
+      .flag("--alone", [&] { arguments.alone = true; })
+      .option("--on-no-window",
+              [&](const std::string& name) {
+                arguments.onNoWindow = launchActionNamed(name);
+                if (!arguments.onNoWindow) {
+                  throw apps::UsageError("--on-no-window wants wait, new-window or cancel");
+                }
+              })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
         } else if (arguments.subject.empty()) {
           arguments.subject = word;
+        } else if (arguments.object.empty()) {
+          arguments.object = word;
         } else {
           throw apps::UsageError("unexpected " + word + " (see --help)");
         }
@@ -123,7 +156,31 @@ apps::CommandLine commandLine(Arguments& arguments) {
 }
 
 bool isCommand(const std::string& word) {
-  return word == "list" || word == "pair" || word == "connect" || word == "hosts";
+  return word == "list" || word == "pair" || word == "connect" || word == "hosts" ||
+         word == "apps" || word == "launch" || word == "quit";
+}
+
+// What the apps, launch and quit commands ask of the viewer; a usage error as text.
+std::optional<std::string> addErrand(const Arguments& arguments, client::AppsOptions& apps) {
+  const std::string& command = arguments.command;
+  if (command != "apps" && command != "launch" && command != "quit") {
+    if (!arguments.object.empty()) return "unexpected " + arguments.object + " (see --help)";
+    return std::nullopt;
+  }
+  apps.errand = true;
+  if (command == "apps") {
+    apps.listApps = true;
+  } else if (arguments.object.empty()) {
+    return command == "launch" ? "launch wants an application's ID" : "quit wants a process ID";
+  } else if (command == "launch") {
+    apps.launch = arguments.object;
+    apps.launchAlone = arguments.alone;
+    apps.onNoWindow = arguments.onNoWindow;
+  } else {
+    apps.quit = apps::parseNumber<std::int32_t>(arguments.object, 1, INT32_MAX);
+    if (!apps.quit) return "quit wants a process ID";
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -140,6 +197,13 @@ int main(int argc, char** argv) {
     return line.fail("that is no pairing link");
   }
 
+  client::AppsOptions apps{.listApps = arguments.listApps,
+                           .listInstalled = arguments.listInstalled,
+                           .saveIcons = arguments.saveIcons,
+                           .focus = arguments.focus,
+                           .fit = arguments.fit};
+  if (const auto problem = addErrand(arguments, apps)) return line.fail(*problem);
+
   const client::HostDirectory directory(arguments.address);
   const client::ViewerOptions viewing{std::chrono::duration<double>(arguments.seconds.value_or(10)),
                                       arguments.saveFrame,
@@ -149,11 +213,7 @@ int main(int argc, char** argv) {
                                       arguments.clipboard,
                                       arguments.saveCursor,
                                       arguments.saveThumbnails,
-                                      arguments.listApps,
-                                      arguments.listInstalled,
-                                      arguments.saveIcons,
-                                      arguments.focus,
-                                      arguments.fit};
+                                      apps};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

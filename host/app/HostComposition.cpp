@@ -26,7 +26,9 @@ HostComposition::HostComposition(Executors executors, Options options)
       pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)),
       windows_(std::make_shared<X11WindowSystem>(executors_.pool, options_.displayName)),
       focusObserver_(std::make_shared<X11FocusObserver>(*windows_)),
-      installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)) {
+      installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)),
+      launcher_(std::make_shared<GioAppLauncher>(executors_.pool, installedApps_, windows_,
+                                                 options_.displayName)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
 }
@@ -64,6 +66,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
       std::make_shared<X11WindowThumbnails>(executors_.pool, options_.displayName);
   env.fitRegistry = fitRegistry_;
   env.installedApps = installedApps_;
+  env.launcher = launcher_;
   env.ownPID = ::getpid();
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;

@@ -7,6 +7,7 @@
 #include "host/app/AppModel.hpp"
 #include "host/app/X11PowerManager.hpp"
 #include "host/desktop/DesktopEntryApps.hpp"
+#include "host/desktop/GioAppLauncher.hpp"
 #include "host/desktop/FitRestoreRegistry.hpp"
 #include "host/desktop/X11FocusObserver.hpp"
 #include "host/desktop/X11Pasteboard.hpp"
@@ -66,6 +67,7 @@ class HostComposition {
   const std::shared_ptr<FitRestoreRegistry> fitRegistry_ = std::make_shared<FitRestoreRegistry>();
   // The installed applications, scanned for every session and their icons kept.
   const std::shared_ptr<DesktopEntryApps> installedApps_;
+  const std::shared_ptr<GioAppLauncher> launcher_;
 };
 
 }  // namespace kelvaron::host

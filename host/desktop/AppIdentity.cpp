@@ -9,14 +9,13 @@
 #include <string_view>
 #include <system_error>
 
+#include "host/desktop/GObjectOwned.hpp"
+
 namespace kelvaron::host {
 
 namespace {
 
-struct Unref {
-  void operator()(gpointer object) const { g_object_unref(object); }
-};
-using DesktopEntry = std::unique_ptr<GDesktopAppInfo, Unref>;
+using DesktopEntry = Owned<GDesktopAppInfo>;
 
 constexpr std::string_view kSuffix = ".desktop";
 

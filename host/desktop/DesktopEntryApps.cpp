@@ -14,6 +14,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "host/desktop/GObjectOwned.hpp"
 #include "host/video/PngImage.hpp"
 #include "kit/async/Uptime.hpp"
 #include "kit/log/Logger.hpp"
@@ -35,18 +36,6 @@ constexpr int kMaxDepth = 3;
 constexpr std::size_t kMaxNameBytes = 256;
 constexpr std::size_t kMaxLoggedProblems = 256;
 constexpr std::string_view kSuffix = ".desktop";
-
-template <class T>
-struct GObjectPtr {
-  struct Unref {
-    void operator()(T* object) const {
-      if (object) g_object_unref(object);
-    }
-  };
-  using type = std::unique_ptr<T, Unref>;
-};
-template <class T>
-using Owned = typename GObjectPtr<T>::type;
 
 struct KeyFileFree {
   void operator()(GKeyFile* file) const { g_key_file_free(file); }
@@ -401,6 +390,7 @@ asio::awaitable<std::optional<Data>> DesktopEntryApps::icon(std::string bundleID
 asio::awaitable<std::optional<std::string>> DesktopEntryApps::entryPath(std::string bundleID) {
   return runOn(core_->strand,
                [core = core_, id = std::move(bundleID)]() -> std::optional<std::string> {
+                 core->appsNow();  // a launch may come before any list
                  const auto found = core->paths.find(id);
                  if (found == core->paths.end()) return std::nullopt;
                  return found->second;

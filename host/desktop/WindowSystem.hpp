@@ -83,6 +83,10 @@ class WindowControlling {
   // The frame the window really has afterwards; nothing when it could not be resized.
   virtual asio::awaitable<std::optional<Rect>> resize(std::int32_t pid, AppWindowRef window,
                                                       Rect frame) = 0;
+  // Asks each of the process's windows to close, as their close buttons would, so that the
+  // application may ask to keep unsaved work; never forces. False when it has no window a person
+  // works in.
+  virtual asio::awaitable<bool> closeAll(std::int32_t pid) = 0;
 };
 
 class WindowTracking {

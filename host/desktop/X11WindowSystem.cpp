@@ -243,6 +243,27 @@ asio::awaitable<std::optional<Rect>> X11WindowSystem::resize(std::int32_t pid, A
   co_return co_await std::move(work);
 }
 
+asio::awaitable<bool> X11WindowSystem::closeAll(std::int32_t pid) {
+  auto work = runOn(core_->strand, [core = core_, pid] {
+    const auto snapshot = core->snapshot(false);
+    if (!snapshot) return false;
+    bool regular = false;
+    for (const X11Window& window : snapshot->windows) {
+      regular = regular || (window.record.pid == pid && window.record.layer == kNormalLayer);
+    }
+    if (!regular) return false;
+    for (const X11Window& window : snapshot->windows) {
+      if (window.record.pid != pid) continue;
+      xcb_ewmh_request_close_window(&core->reader->ewmh(), core->reader->screenNumber(),
+                                    window.record.id, XCB_CURRENT_TIME,
+                                    XCB_EWMH_CLIENT_SOURCE_TYPE_OTHER);
+    }
+    xcb_flush(core->link.connection()->get());
+    return true;
+  });
+  co_return co_await std::move(work);
+}
+
 asio::awaitable<std::optional<WindowRecord>> X11WindowSystem::window(std::uint32_t id) {
   auto work = runOn(core_->strand, [core = core_, id]() -> std::optional<WindowRecord> {
     const auto snapshot = core->snapshot(false);

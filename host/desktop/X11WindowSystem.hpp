@@ -39,6 +39,8 @@ class X11WindowSystem : public AppProviding, public WindowControlling, public Wi
   // Waits up to half a second for the window manager to apply the new size.
   asio::awaitable<std::optional<Rect>> resize(std::int32_t pid, AppWindowRef window,
                                               Rect frame) override;
+  // Through the window manager (_NET_CLOSE_WINDOW), as a pager would.
+  asio::awaitable<bool> closeAll(std::int32_t pid) override;
 
   asio::awaitable<std::optional<WindowRecord>> window(std::uint32_t id) override;
   asio::awaitable<std::vector<WindowRecord>> windows(std::int32_t pid) override;

@@ -13,6 +13,7 @@
 #include "host/desktop/FitRestoreRegistry.hpp"
 #include "host/desktop/FocusFollowing.hpp"
 #include "host/desktop/InstalledApps.hpp"
+#include "host/desktop/LaunchCoordinator.hpp"
 #include "host/desktop/PasteboardProviding.hpp"
 #include "host/desktop/WindowSystem.hpp"
 #include "host/input/ClickRecord.hpp"
@@ -77,6 +78,10 @@ struct HostEnvironment {
   std::chrono::duration<double> appPollInterval{1.0};
   // Every installed application, for the device's launcher; none offered without it.
   std::shared_ptr<InstalledAppsProviding> installedApps;
+  // Opening them; without it the device's launches go unanswered. How long a launch waits for a
+  // window before the device is asked what to do.
+  std::shared_ptr<AppLaunching> launcher;
+  std::chrono::duration<double> launchTimeout{15};
   std::chrono::duration<double> windowThumbnailInterval{1.0};
   // Following the computer's focus in focus mode: without an observer the stream stays on the
   // chosen window. Another window must stay in front for `focusDebounce` to be followed, and for

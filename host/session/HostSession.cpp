@@ -157,6 +157,12 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     sendInstalledApps();
   } else if (const auto* icons = std::get_if<msg::requestAppIcons>(&message)) {
     sendAppIcons(icons->bundleIDs);
+  } else if (const auto* launch = std::get_if<msg::launchApp>(&message)) {
+    launchApp(*launch);
+  } else if (const auto* control = std::get_if<msg::launchControl>(&message)) {
+    co_await launchControl(*control);
+  } else if (const auto* quit = std::get_if<msg::quitApp>(&message)) {
+    co_await quitApp(quit->pid);
   }
 }
 

@@ -220,6 +220,17 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
                                               std::shared_ptr<InstalledAppsProviding> provider,
                                               std::vector<std::string> bundleIDs);
 
+  // Launching and quitting applications (HostSessionLaunch.cpp). The coordinator is made at the
+  // first need; none without a launcher and a window system.
+  LaunchCoordinator* launchCoordinator();
+  void launchApp(const msg::launchApp& request);
+  asio::awaitable<void> launchControl(const msg::launchControl& request);
+  static asio::awaitable<LaunchState> revealLaunched(std::weak_ptr<HostSession> weak,
+                                                     std::int32_t pid, std::uint32_t windowID,
+                                                     bool focus);
+  static asio::awaitable<void> askForNewWindow(std::weak_ptr<HostSession> weak, std::int32_t pid);
+  asio::awaitable<void> quitApp(std::int32_t pid);
+
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
   void onStrand(std::function<void(HostSession&)> body);
 
@@ -289,6 +300,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::optional<Task> windowThumbTask_;
   std::vector<std::uint32_t> thumbWindowIDs_;
   std::map<std::uint32_t, Data> windowThumbCache_;
+  std::shared_ptr<LaunchCoordinator> launchCoordinator_;
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

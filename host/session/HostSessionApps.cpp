@@ -140,6 +140,7 @@ void HostSession::stopAppWork() {
   windowThumbTask_.reset();
   if (focusTask_) focusTask_->cancel();
   focusTask_.reset();
+  if (launchCoordinator_) launchCoordinator_->stop();
 }
 
 }  // namespace kelvaron::host

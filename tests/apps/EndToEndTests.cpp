@@ -500,6 +500,60 @@ TEST(EndToEnd, FocusStreamsOneWindowWhichTheDeviceTypesInto) {
   EXPECT_EQ(green->first, 0u) << "pixels of the window over it";
 }
 
+// Launching from the device: a terminal of a desktop entry of the test's own opens and is brought
+// to the front; launched again, it is shown at once, alone; an entry that never shows a window is
+// given up after the host's time limit; and the terminal quits when asked.
+TEST(EndToEnd, TheDeviceLaunchesAnApplicationAndQuitsIt) {
+  TempDirectory data;
+  const fs::path entries = data.path() / "applications";
+  fs::create_directories(entries);
+  std::ofstream(entries / "tovu-term.desktop")
+      << "[Desktop Entry]\nType=Application\nName=Tovu Term\n"
+         "Exec=xterm -class TovuTerm -geometry 60x15+40+40\nStartupWMClass=TovuTerm\n";
+  std::ofstream(entries / "tovu-sleeper.desktop")
+      << "[Desktop Entry]\nType=Application\nName=Sleeper\nExec=sleep 30\n";
+  Host host(false, {"--no-advertise"}, {"XDG_DATA_DIRS=" + data.path().string() + ":/usr/share"});
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const Desktop desktop(host.display(), ann.home.path(), {});
+  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
+  const auto run = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin() + 2, {"--address", host.address(), "--seconds", "40"});
+    return ann.run(arguments);
+  };
+
+  const CommandResult opened = run({"launch", ann.host(), "tovu-term"});
+  EXPECT_TRUE(opened.succeeded()) << opened.output;
+  const auto brought = opened.output.find("Launch tovu-term: brought to the front after ");
+  EXPECT_TRUE(brought != std::string::npos &&
+              opened.output.find("Launch tovu-term: launching after ") < brought)
+      << opened.output;
+  const CommandResult again = run({"launch", ann.host(), "tovu-term", "--alone"});
+  EXPECT_NE(again.output.find("Connected to"), std::string::npos) << again.output;
+  EXPECT_EQ(again.output.find("launching"), std::string::npos) << again.output;
+  EXPECT_NE(again.output.find("Launch tovu-term: shown alone after "), std::string::npos)
+      << again.output;
+
+  const CommandResult sleeper =
+      run({"launch", ann.host(), "tovu-sleeper", "--on-no-window", "cancel"});
+  EXPECT_NE(sleeper.output.find("Launch tovu-sleeper: no window yet after 15"), std::string::npos)
+      << sleeper.output;
+  EXPECT_NE(sleeper.output.find("Launch tovu-sleeper: cancelled after "), std::string::npos)
+      << sleeper.output;
+
+  const std::string listed = run({"apps", ann.host()}).output;
+  const auto line = listed.find(" Tovu Term (tovu-term)");
+  ASSERT_NE(line, std::string::npos) << listed;
+  const std::string pid =
+      listed.substr(listed.rfind("App ", line) + 4, line - listed.rfind("App ", line) - 4);
+  const CommandResult quit = run({"quit", ann.host(), pid});
+  EXPECT_TRUE(quit.succeeded()) << quit.output;
+  EXPECT_NE(quit.output.find("Process " + pid + " has no windows left"), std::string::npos)
+      << quit.output;
+  EXPECT_FALSE(onDisplay(host.display(), "xdotool search --class TovuTerm").succeeded());
+}
+
 // The device's desktop is a second X server; xclip copies and pastes on each side.
 TEST(EndToEnd, TheClipboardGoesEachWayOnceAndNeverBack) {
   Host host;

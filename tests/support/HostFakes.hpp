@@ -160,6 +160,10 @@ class FakeWindows : public AppProviding,
     window->frame = frame;
     co_return frame;
   }
+  asio::awaitable<bool> closeAll(std::int32_t pid) override {
+    log.push_back("close " + std::to_string(pid));
+    co_return std::erase_if(list, [pid](const WindowRecord& w) { return w.pid == pid; }) > 0;
+  }
 
   asio::awaitable<std::optional<WindowRecord>> window(std::uint32_t id) override {
     lookedUp.push_back(id);
