@@ -32,10 +32,6 @@ T await(asio::awaitable<T> work) {
   return std::move(*result);
 }
 
-void await(asio::awaitable<void> work) {
-  runAsync([&](asio::io_context&) -> asio::awaitable<void> { co_await std::move(work); });
-}
-
 bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + 10s;
   while (!condition()) {
@@ -201,7 +197,7 @@ TEST(X11WindowSystem, ListsRaisesAndResizesApplicationsWindowsThroughTheWindowMa
   EXPECT_EQ(await(system.windows(xterm.pid())), std::vector{*record});
 
   ASSERT_TRUE(eventually([&] { return desktop.active() == logo; }));
-  await(system.activate(xterm.pid()));
+  runAsync([&](asio::io_context&) { return system.activate(xterm.pid()); });
   EXPECT_TRUE(
       eventually([&] { return desktop.active() == terminal && desktop.topmost() == terminal; }));
   EXPECT_TRUE(eventually([&] { return await(system.recentPIDs()).at(0) == xterm.pid(); }));
