@@ -100,13 +100,9 @@ class FakeCapture : public CaptureSource {
     co_return;
   }
   asio::awaitable<void> update(DisplayInfo display, Viewport viewport) override {
-    record("update", display, viewport);
-    co_return;
+    co_return record("update", display, viewport);
   }
-  asio::awaitable<void> stop() override {
-    all_->log.push_back("stop");
-    co_return;
-  }
+  asio::awaitable<void> stop() override { co_return all_->log.push_back("stop"); }
   bool isolatesApps() const override { return all_->isolatesApps; }
 
  private:
@@ -144,8 +140,7 @@ class FakeWindows : public AppProviding,
   ChangeStream recentChanges() override { return std::make_shared<AsyncQueue<ChangeSignal>>(); }
 
   asio::awaitable<void> activate(std::int32_t pid) override {
-    log.push_back("activate " + std::to_string(pid));
-    co_return;
+    co_return log.push_back("activate " + std::to_string(pid));
   }
   asio::awaitable<bool> raise(std::int32_t, AppWindowRef ref) override {
     log.push_back("raise " + std::to_string(ref.id));

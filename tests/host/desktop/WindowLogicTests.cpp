@@ -28,19 +28,17 @@ RunningAppRecord app(std::int32_t pid, std::string name, bool frontmost = false,
   return {pid, "app." + name, name, true, frontmost, hidden};
 }
 
-// Each window as (id, display, on screen, minimised).
-using Listed = std::vector<std::tuple<std::uint32_t, std::uint32_t, bool, bool>>;
-Listed listed(const AppInfo& app) {
-  Listed windows;
-  for (const auto& w : app.windows)
-    windows.emplace_back(w.id, w.displayID, w.isOnScreen, w.isMinimized);
-  return windows;
-}
-
-std::vector<std::string> names(const std::vector<AppInfo>& apps) {
-  std::vector<std::string> result;
-  for (const auto& app : apps) result.push_back(app.name);
-  return result;
+// "name: id@display ..." for each application; a window off screen is marked "-", a minimised
+// one "m".
+std::string listing(const std::vector<AppInfo>& apps) {
+  std::string text;
+  for (const auto& app : apps) {
+    text += (text.empty() ? "" : "; ") + app.name + ":";
+    for (const auto& w : app.windows)
+      text += " " + std::to_string(w.id) + "@" + std::to_string(w.displayID) +
+              (w.isOnScreen ? "" : "-") + (w.isMinimized ? "m" : "");
+  }
+  return text;
 }
 
 TEST(AppListing, KeepsWorkWindowsOnScreenFirstAndOffScreenOnesOnlyWhenReachable) {
@@ -56,27 +54,18 @@ TEST(AppListing, KeepsWorkWindowsOnScreenFirstAndOffScreenOnesOnlyWhenReachable)
       window(12, 1, big, true, kFloatingLayer),  // not an ordinary layer
       window(13, 1, {2000, 50, 100, 60}),        // just big enough, on the second display
       window(21, 2, big, false),                 // hidden application: kept as it is
-      window(31, 3, big, false),                 // the probe says minimised
-      window(32, 3, big, false),                 // the probe knows nothing of it
-      window(33, 3, big),
-      window(41, 4, big, false),                 // nobody to ask, nothing else shown
-      window(42, 4, big, true, kFloatingLayer),  // (but a floating window)
-      window(51, 5, big, false),                 // nobody to ask, but another is shown
-      window(52, 5, big),
-      window(61, 6, big),
-  };
+      // The probe says 31 is minimised and knows nothing of 32.
+      window(31, 3, big, false), window(32, 3, big, false), window(33, 3, big),
+      // Nobody to ask: 41 stays, as 4 shows nothing else (but a floating window); 51 goes.
+      window(41, 4, big, false), window(42, 4, big, true, kFloatingLayer),
+      window(51, 5, big, false), window(52, 5, big), window(61, 6, big)};
   input.minimized = {{3, {31}}};
   input.icons = {{"app.probed", Data{1, 2, 3}}};
 
   const auto apps = assembleAppList(input);
   // "helper" is no regular application; "idle" has no window while others have.
-  ASSERT_EQ(names(apps),
-            (std::vector<std::string>{"asleep", "elsewhere", "hidden", "probed", "tiny"}));
-  EXPECT_EQ(listed(apps[0]), (Listed{{41, 7, false, true}}));
-  EXPECT_EQ(listed(apps[1]), (Listed{{52, 7, true, false}}));
-  EXPECT_EQ(listed(apps[2]), (Listed{{21, 7, false, false}}));
-  EXPECT_EQ(listed(apps[3]), (Listed{{33, 7, true, false}, {31, 7, false, true}}));
-  EXPECT_EQ(listed(apps[4]), (Listed{{13, 9, true, false}}));
+  ASSERT_EQ(listing(apps),
+            "asleep: 41@7-m; elsewhere: 52@7; hidden: 21@7-; probed: 33@7 31@7-m; tiny: 13@9");
   EXPECT_EQ(apps[3].icon, (Data{1, 2, 3}));
   EXPECT_EQ(apps[4].windows[0].frame, (DisplayFrame{2000, 50, 100, 60}));
 }
@@ -85,19 +74,14 @@ TEST(AppListing, ListsEveryAppWithoutWindowsFrontmostFirstThenByNameIgnoringAsci
   AppListInput input;
   input.apps = {app(1, "beta"), app(2, "alpha"), app(3, "\xC3\x89mile"), app(4, "zed", true),
                 app(5, "Alpha")};
-  EXPECT_EQ(names(assembleAppList(input)),
-            (std::vector<std::string>{"zed", "alpha", "Alpha", "beta", "\xC3\x89mile"}));
-
+  EXPECT_EQ(listing(assembleAppList(input)), "zed:; alpha:; Alpha:; beta:; \xC3\x89mile:");
   // One window of one application anywhere, even off every display: only that one is listed,
   // on the nearest display.
   input.displays = {display(7, {0, 0, 1920, 1080})};
   input.windows = {window(31, 3, {5000, 5000, 200, 200})};
-  const auto apps = assembleAppList(input);
-  ASSERT_EQ(names(apps), std::vector<std::string>{"\xC3\x89mile"});
-  EXPECT_EQ(listed(apps[0]), (Listed{{31, 7, true, false}}));
-
+  EXPECT_EQ(listing(assembleAppList(input)), "\xC3\x89mile: 31@7");
   input.displays.clear();
-  EXPECT_EQ(listed(assembleAppList(input)[0]), (Listed{{31, 0, true, false}}));
+  EXPECT_EQ(listing(assembleAppList(input)), "\xC3\x89mile: 31@0");
 }
 
 TEST(AppListing, ADisplayShowsTheMostOfARectangleOrIsTheNearestToIt) {
@@ -109,9 +93,8 @@ TEST(AppListing, ADisplayShowsTheMostOfARectangleOrIsTheNearestToIt) {
       {{4000, 100, 100, 100}, 1, "off to the right: the nearer"},
       {{1870, 2000, 100, 100}, 0, "below both, as near to each: the earlier"},
   };
-  for (const auto& [rect, expected, what] : cases) {
+  for (const auto& [rect, expected, what] : cases)
     EXPECT_EQ(displayIndexOf(rect, displays), expected) << what;
-  }
   EXPECT_EQ(displayIndexOf({0, 0, 10, 10}, {}), std::nullopt);
 }
 
@@ -137,28 +120,24 @@ TEST(FocusFollowing, ClassifiesDialogsOverlaysAndOtherWindows) {
   const auto dialog = transient("dialog", 200, 2001, {300, 300, 300, 200});
   const auto menu = transient("menu", 300, 3000, {50, 50, 200, 400});
   const auto ours = transient("ours", own, 4000, {50, 50, 400, 400});
+  const auto sheetAt = [&](double x) { return transient("sheet", 100, 1001, {x, 92, 300, 200}); };
 
   const std::vector<std::tuple<const char*, FocusObservation, std::string>> cases = {
       {"nothing", {}, "none"},
-      {"another window", {standard(200, 2000), {}}, "window editor"},
-      {"the streamed window", {standard(100, 1000), {}}, "none"},
-      {"a window without id", {standard(200, {}), {}}, "none"},
-      {"a window of ours", {standard(own, 4001), {}}, "none"},
+      {"another window", {standard(200, 2000)}, "window editor"},
+      {"the streamed window", {standard(100, 1000)}, "none"},
+      {"a window without id", {standard(200, {})}, "none"},
+      {"a window of ours", {standard(own, 4001)}, "none"},
       {"a dialog first", {dialog, {menu}}, "popup dialog"},
-      {"a dialog too small", {transient("x", 200, 1, {0, 0, 59, 40}), {}}, "none"},
-      {"a dialog off the displays", {transient("x", 200, 1, {2100, 300, 300, 200}), {}}, "none"},
-      {"a sheet in the streamed window, off the displays",
-       {transient("sheet", 100, 1001, {2300, 92, 300, 200}), {}},
-       "popup sheet"},
-      {"a sheet 9 points out of it",
-       {transient("sheet", 100, 1001, {2309, 92, 300, 200}), {}},
-       "none"},
+      {"a dialog too small", {transient("x", 200, 1, {0, 0, 59, 40})}, "none"},
+      {"a dialog off the displays", {transient("x", 200, 1, {2100, 300, 300, 200})}, "none"},
+      {"a sheet in the streamed window, off the displays", {sheetAt(2300)}, "popup sheet"},
+      {"a sheet 9 points out of it", {sheetAt(2309)}, "none"},
       {"a dialog of ours, then an overlay", {ours, {menu}}, "popup menu"},
       {"overlays before another window", {standard(200, 2000), {ours, menu, dialog}}, "popup menu"},
   };
-  for (const auto& [what, observation, expected] : cases) {
+  for (const auto& [what, observation, expected] : cases)
     EXPECT_EQ(described(classify(observation, focus, own, displays)), expected) << what;
-  }
 }
 
 TEST(FocusFollowing, AFocusedWindowIsAWorkSurfaceOnlyWhenOrdinaryAndResizable) {
@@ -173,32 +152,23 @@ TEST(FocusFollowing, AFocusedWindowIsAWorkSurfaceOnlyWhenOrdinaryAndResizable) {
       {"polkit-gnome-authentication-agent-1", normal, false, true, WindowKind::transient},
       {"ssh-askpass-helper", normal, false, true, WindowKind::standard},
   };
-  for (const auto& [process, type, modal, resizable, kind] : cases) {
+  for (const auto& [process, type, modal, resizable, kind] : cases)
     EXPECT_EQ(kindOfFocused(process, type, modal, resizable), kind) << process << " " << type;
-  }
 }
 
 TEST(FocusDebouncer, CommitsATargetThatHeldForTheDelayAndDropsOneAtOnce) {
   const FollowKey a{FollowKey::Kind::window, 1, 10}, b{FollowKey::Kind::window, 2, 20},
       popup{FollowKey::Kind::popup, 2, std::nullopt};
   FocusDebouncer debouncer;  // 0.3 s, sampled every 0.25 s
+  const std::optional<FollowKey> none;
   // Committed on the third sample; b, replaced by a popup, starts again at 1.25 s; losing a
   // target is not delayed.
   const std::vector<std::tuple<std::optional<FollowKey>, double, std::optional<FollowKey>>>
-      samples = {{a, 0.0, std::nullopt},
-                 {a, 0.25, std::nullopt},
-                 {a, 0.5, a},
-                 {b, 0.75, a},
-                 {popup, 1.0, a},
-                 {b, 1.25, a},
-                 {b, 1.5, a},
-                 {b, 1.75, b},
-                 {b, 2.0, b},
-                 {std::nullopt, 2.25, std::nullopt},
-                 {b, 2.5, std::nullopt}};
-  for (const auto& [key, now, expected] : samples) {
+      samples = {{a, 0.0, none},  {a, 0.25, none},    {a, 0.5, a},   {b, 0.75, a},
+                 {popup, 1.0, a}, {b, 1.25, a},       {b, 1.5, a},   {b, 1.75, b},
+                 {b, 2.0, b},     {none, 2.25, none}, {b, 2.5, none}};
+  for (const auto& [key, now, expected] : samples)
     EXPECT_EQ(debouncer.offer(key, now), expected) << "at " << now;
-  }
   debouncer.reset();
   debouncer.delay = 0;
   EXPECT_EQ(debouncer.offer(popup, 3), popup);

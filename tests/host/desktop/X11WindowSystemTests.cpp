@@ -32,10 +32,6 @@ T await(asio::awaitable<T> work) {
   return std::move(*result);
 }
 
-void await(asio::awaitable<void> work) {
-  runAsync([&](asio::io_context&) -> asio::awaitable<void> { co_await std::move(work); });
-}
-
 bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + 10s;
   while (!condition()) {
@@ -54,7 +50,7 @@ class Desktop {
     start("openbox", {"--sm-disable"});
     link_.reset(connection_ = xcb_connect(display_.name().c_str(), nullptr));
     root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
-    managing_ = eventually([this] { return !windows("_NET_SUPPORTING_WM_CHECK").empty(); });
+    managing_ = eventually([this] { return last("_NET_SUPPORTING_WM_CHECK") != XCB_NONE; });
   }
 
   // Why the test cannot run; empty when it can.
@@ -89,21 +85,17 @@ class Desktop {
         nullptr));
     return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
   }
-  // A window-list property of the root, as the window manager keeps it.
-  std::vector<xcb_window_t> windows(const std::string& property) {
+  xcb_window_t active() { return last("_NET_ACTIVE_WINDOW"); }
+  xcb_window_t topmost() { return last("_NET_CLIENT_LIST_STACKING"); }
+  // The last of a window-list property of the root, as the window manager keeps it.
+  xcb_window_t last(const std::string& property) {
     const XcbReply<xcb_get_property_reply_t> reply(xcb_get_property_reply(
         connection_,
         xcb_get_property(connection_, 0, root_, atom(property), XCB_ATOM_WINDOW, 0, 1024),
         nullptr));
-    if (!reply) return {};
-    const auto* ids = static_cast<const xcb_window_t*>(xcb_get_property_value(reply.get()));
-    return {ids, ids + xcb_get_property_value_length(reply.get()) / 4};
-  }
-  xcb_window_t active() { return last("_NET_ACTIVE_WINDOW"); }
-  xcb_window_t topmost() { return last("_NET_CLIENT_LIST_STACKING"); }
-  xcb_window_t last(const std::string& property) {
-    const auto list = windows(property);
-    return list.empty() ? XCB_NONE : list.back();
+    const int count = reply ? xcb_get_property_value_length(reply.get()) / 4 : 0;
+    return count ? static_cast<const xcb_window_t*>(xcb_get_property_value(reply.get()))[count - 1]
+                 : XCB_NONE;
   }
   // The client's frame as openbox made it (a popup's own box), in the root's pixels.
   Rect frame(xcb_window_t client) {
@@ -159,14 +151,17 @@ const AppInfo* appOf(const std::vector<AppInfo>& apps, std::int32_t pid) {
 
 // xterm is found by its desktop entry, xlogo (which has none) by its executable; each window with
 // its frame as openbox drew it and its title, a broken one mended. The active window's owner is
-// the front-most and the most recent application. A window that is gone is nothing, and so is
+// the front-most and the most recent application. activate and raise bring a window to the front
+// through openbox, a minimised one back; a resize gives the frame asked for, and nothing for a
+// window of fixed size or one that is gone. The test's own window carries icons of 16 and 64
+// pixels: its application's is the larger, doubled. A window that is gone is nothing, and so is
 // everything once the server has gone.
-TEST(X11WindowSystem, ListsApplicationsByProcessWithTheirWindows) {
+TEST(X11WindowSystem, ListsRaisesAndResizesApplicationsWindowsThroughTheWindowManager) {
   Desktop desktop;
   SKIP_WITHOUT_DESKTOP(desktop);
   const auto& xterm = desktop.start("xterm", {"-title", "Notes", "-geometry", "60x20+40+40"});
-  auto& xlogo = desktop.start("xlogo", {"-geometry", "300x200+600+100"});
   const xcb_window_t terminal = desktop.find({"--pid", std::to_string(xterm.pid())});
+  auto& xlogo = desktop.start("xlogo", {"-geometry", "300x200+600+100"});
   const xcb_window_t logo = desktop.find({"--class", "XLogo"});
   const std::string broken = "Logo \xff\xfe|\xe2\x82";  // two stray bytes, then a cut sequence
   desktop.set(logo, "_NET_WM_NAME", desktop.atom("UTF8_STRING"), 8, broken.data(), broken.size());
@@ -195,38 +190,14 @@ TEST(X11WindowSystem, ListsApplicationsByProcessWithTheirWindows) {
   EXPECT_EQ(await(system.recentPIDs()).at(0), activePID);
   const std::uint32_t displayID = terminalApp.windows[0].displayID;
   EXPECT_EQ(await(system.visibleFrame(displayID)), (Rect{0, 0, 1280, 720}));
+  EXPECT_EQ(await(system.visibleFrame(12345)), std::nullopt);
   const auto record = await(system.window(terminal));
   ASSERT_TRUE(record);
-  EXPECT_EQ(record->pid, xterm.pid());
-  EXPECT_EQ(record->ownerName, "xterm");
+  EXPECT_EQ(std::tie(record->pid, record->ownerName), std::tuple(xterm.pid(), "xterm"));
   EXPECT_EQ(await(system.windows(xterm.pid())), std::vector{*record});
-  EXPECT_EQ(await(system.visibleFrame(12345)), std::nullopt);
 
-  xlogo.stop();
-  EXPECT_TRUE(eventually([&] { return !await(system.window(logo)); }));
-  EXPECT_FALSE(await(system.raise(xlogo.pid(), {logo, "Logo", {}})));
-  EXPECT_TRUE(eventually([&] { return !appOf(await(system.apps()), xlogo.pid()); }));
-
-  desktop.stopServer();
-  EXPECT_TRUE(await(system.apps()).empty());
-  EXPECT_EQ(await(system.window(terminal)), std::nullopt);
-}
-
-// activate and raise bring a window to the front through openbox, a minimised one back; a resize
-// gives the frame asked for, and nothing for a window of fixed size or one that is gone. The
-// test's own window carries icons of 16 and 64 pixels: its application's is the larger, doubled.
-TEST(X11WindowSystem, BringsForwardRestoresAndResizesThroughTheWindowManager) {
-  Desktop desktop;
-  SKIP_WITHOUT_DESKTOP(desktop);
-  const auto& xterm = desktop.start("xterm", {"-geometry", "60x20+40+40"});
-  const xcb_window_t terminal = desktop.find({"--pid", std::to_string(xterm.pid())});
-  auto& xlogo = desktop.start("xlogo", {"-geometry", "300x200+600+100"});
-  const xcb_window_t logo = desktop.find({"--class", "XLogo"});
-  asio::thread_pool pool(1);
-  X11WindowSystem system(pool.get_executor(), desktop.name());
   ASSERT_TRUE(eventually([&] { return desktop.active() == logo; }));
-
-  await(system.activate(xterm.pid()));
+  runAsync([&](asio::io_context&) { return system.activate(xterm.pid()); });
   EXPECT_TRUE(
       eventually([&] { return desktop.active() == terminal && desktop.topmost() == terminal; }));
   EXPECT_TRUE(eventually([&] { return await(system.recentPIDs()).at(0) == xterm.pid(); }));
@@ -260,11 +231,9 @@ TEST(X11WindowSystem, BringsForwardRestoresAndResizesThroughTheWindowManager) {
   // Listed once the window manager has shown it.
   ASSERT_TRUE(eventually([&] { return (own = await(system.window(fixed))) && own->isOnScreen; }));
   EXPECT_EQ(await(system.resize(own->pid, refOf(*own), {0, 0, 400, 300})), std::nullopt);
-  const AppInfo* ownApp = nullptr;
-  const auto apps = await(system.apps());
-  ASSERT_TRUE((ownApp = appOf(apps, own->pid)));
-  png_image png{};
-  png.version = PNG_IMAGE_VERSION;
+  const AppInfo* ownApp = appOf(apps = await(system.apps()), own->pid);
+  ASSERT_TRUE(ownApp);
+  png_image png{.version = PNG_IMAGE_VERSION};
   ASSERT_TRUE(png_image_begin_read_from_memory(&png, ownApp->icon.data(), ownApp->icon.size()));
   png.format = PNG_FORMAT_RGBA;
   std::vector<std::uint8_t> rgba(PNG_IMAGE_SIZE(png));
@@ -277,7 +246,13 @@ TEST(X11WindowSystem, BringsForwardRestoresAndResizesThroughTheWindowManager) {
 
   xlogo.stop();
   EXPECT_TRUE(eventually([&] { return !await(system.window(logo)); }));
+  EXPECT_FALSE(await(system.raise(xlogo.pid(), {logo, "Logo", {}})));
   EXPECT_EQ(await(system.resize(xlogo.pid(), byTitleAndFrame, asked)), std::nullopt);
+  EXPECT_TRUE(eventually([&] { return !appOf(await(system.apps()), xlogo.pid()); }));
+
+  desktop.stopServer();
+  EXPECT_TRUE(await(system.apps()).empty());
+  EXPECT_EQ(await(system.window(terminal)), std::nullopt);
 }
 
 // Another xterm brought forward is the focused standard window; xterm's menu (ctrl and the first

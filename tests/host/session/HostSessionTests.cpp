@@ -88,15 +88,36 @@ struct Harness {
   asio::awaitable<msg::streamInfo> open() {
     start();
     client->send(hello(clientProfiles));
-    co_await expect<msg::helloAck>();
-    co_await expect<msg::hostStatus>();
-    co_await expect<msg::displayList>();
+    co_await skip<msg::helloAck, msg::hostStatus, msg::displayList>();
     co_return co_await expect<msg::streamInfo>();
+  }
+  // Takes the next messages, one of each type in order, without looking into them.
+  template <class... Cases>
+  asio::awaitable<void> skip() {
+    ((void)co_await expect<Cases>(), ...);
+  }
+  // A new stream, then focus mode on it with no note.
+  asio::awaitable<void> expectFocusMode(streammode::focus mode, bool fit, NormalizedRect surface,
+                                        std::optional<FocusFollowInfo> follow = std::nullopt) {
+    co_await expect<msg::streamInfo>();
+    CO_EXPECT_MESSAGE(*this, msg::streamMode, {mode, fit, std::nullopt, surface, follow});
   }
   // Returns once the session has taken every message sent before.
   asio::awaitable<void> roundTrip() {
     client->send(msg::ping{77});
     CO_EXPECT_MESSAGE(*this, msg::pong, 77);
+  }
+
+  // The session's timers wait for `clock`, which the test advances.
+  void useManualClock() {
+    env.sleep = [c = clock](std::chrono::duration<double> d) { return c->sleep(d); };
+  }
+  // `windows` in every window role; the computer's focus is followed at once.
+  void useWindows() {
+    useManualClock();
+    env.apps = windows, env.windowControl = windows, env.windowTracker = windows;
+    env.windowThumbnails = windows, env.focusObserver = windows;
+    env.focusDebounce = env.followGrace = 0s;
   }
 
   const SessionStatus& lastReport() const { return reports->at(reports->size() - 1); }
@@ -118,6 +139,8 @@ struct Harness {
   std::shared_ptr<FakePower> power = std::make_shared<FakePower>();
   std::shared_ptr<FakeCaptures> captures = std::make_shared<FakeCaptures>();
   std::shared_ptr<FakeInjector> injector = std::make_shared<FakeInjector>();
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+  std::shared_ptr<FakeWindows> windows = std::make_shared<FakeWindows>();
   std::vector<CodecProfile> clientProfiles = {hevcMain};
   HostEnvironment env{.hostID = kHost,
                       .hostName = "studio",
@@ -208,10 +231,9 @@ TEST(HostSession, HelloGetsTheBestCommonProfileOrIsRefused) {
       const auto& reason = std::get<std::string>(outcome);
       CO_EXPECT_MESSAGE(h, msg::helloReject, reason);
       co_await h.expectHangUp();
-      // Ended twice: once by the refusal, once by the teardown.
-      CO_ASSERT_TRUE(h.reports->size() == 2u);
-      EXPECT_EQ(h.reports->at(0).note, reason);
-      EXPECT_EQ(h.reports->at(0).phase, Phase::ended);
+      CO_ASSERT_TRUE(h.reports->size() == 2u);  // ended by the refusal, then by the teardown
+      EXPECT_EQ(std::tie(h.reports->at(0).note, h.reports->at(0).phase),
+                std::tuple(reason, Phase::ended));
       EXPECT_TRUE(h.captures->log.empty() && h.power->held.empty());
     });
   }
@@ -346,15 +368,13 @@ SESSION_TEST(CaptureProblemsAreToldUnlessTheLifecycleHidesThemAndTheSessionGoesO
   h.captures->endLast("The X server went away.");
   CO_EXPECT_MESSAGE(h, msg::hostStatus, HostState::captureBlocked, "The X server went away.");
   h.client->send(msg::selectDisplay{1});
-  co_await h.expect<msg::hostStatus>();
-  co_await h.expect<msg::streamInfo>();
+  co_await h.skip<msg::hostStatus, msg::streamInfo>();
   EXPECT_EQ(h.captures->log,
             (std::vector<std::string>{"start 1 1920x1080", "stop", "start 1 1920x1080"}));
 }
 
 SESSION_TEST(FeedbackSteersTheRateInputReachesTheInjectorAndTheEndLeavesNothingBehind) {
-  auto clock = std::make_shared<ManualClock>();
-  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
+  h.useManualClock();
   bool asleep = false;
   std::vector<bool> wakeRequests;
   h.env.isDisplayAsleep = [&asleep] { return asleep; };
@@ -381,7 +401,7 @@ SESSION_TEST(FeedbackSteersTheRateInputReachesTheInjectorAndTheEndLeavesNothingB
   const auto received = co_await nextWithin(h.client->videoFrames(), 5s);
   EXPECT_EQ(received, frame);
   EXPECT_EQ(h.lastReport().framesSent, 0);
-  clock->advance(1s);
+  h.clock->advance(1s);
   co_await h.roundTrip();
   EXPECT_EQ(h.lastReport().framesSent, 1);
   EXPECT_EQ(h.lastReport().encodeLatencyMs, 12.5);
@@ -516,8 +536,7 @@ SESSION_TEST(AudioFollowsTheNewestClaimAndEveryRunEndsWithItsStatus) {
 // A state only when something in it changed, each image once and ahead of the first state that
 // names it, and the client's own moves back at once but not more often than allowed.
 SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState) {
-  const auto clock = std::make_shared<ManualClock>();
-  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
+  h.useManualClock();
   const auto cursor = std::make_shared<FakeCursorSource>();
   h.env.cursorSource = cursor;
   h.env.cursorShapePollInterval = 1s;
@@ -526,25 +545,25 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   co_await h.open();
   const std::chrono::duration<double> positionRound = 1s / 60.0;
   const float x = float(12.0 / 1920), y = float(34.0 / 1080);
-  clock->advance(positionRound);
+  h.clock->advance(positionRound);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 0, 1, x, y, true, 0);  // no shape known yet
-  clock->advance(positionRound);
+  h.clock->advance(positionRound);
   co_await h.roundTrip();  // a still pointer sends nothing
 
   const CursorShapeData arrow{{0x89, 'P', 'N', 'G'}, 1, 2, 16};
   const std::uint32_t arrowID = CursorShapeRegistry::shapeID(arrow);
   cursor->next = CursorPoll{7, true, arrow};
-  clock->advance(1s);
+  h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::cursorShape, arrowID, arrow.png, 1, 2, 16);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 0, 1, x, y, true, arrowID);
   // The same image, left out by the source; nothing readable; then an application hides it.
   for (const auto& poll : {std::optional(CursorPoll{7, true, {}}), std::optional<CursorPoll>()}) {
     cursor->next = poll;
-    clock->advance(1s);
+    h.clock->advance(1s);
     co_await h.roundTrip();
   }
   cursor->next = CursorPoll{7, false, {}};
-  clock->advance(1s);
+  h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 0, 1, x, y, false, arrowID);
   EXPECT_EQ(cursor->tokens, (std::vector<std::optional<std::uint64_t>>{{}, 7, 7, 7}));
 
@@ -555,15 +574,15 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   CO_EXPECT_MESSAGE(h, msg::cursorState, 5, 1, x, y, false, arrowID);
   h.client->send(msg::pointer{6, pointer::moveRelative{1, 1}});
   co_await h.roundTrip();
-  clock->advance(positionRound);
+  h.clock->advance(positionRound);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 6, 1, x, y, false, arrowID);
   // Somebody else's move to the second display's far corner, then off every display.
   h.injector->position = Point{3199.9, 1023.9};
-  clock->advance(positionRound);
+  h.clock->advance(positionRound);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 6, 2, float((3199.9 - 1920) / 1280), float(1023.9 / 1024),
                     false, arrowID);
   h.injector->position = Point{5000, 5000};
-  clock->advance(positionRound);
+  h.clock->advance(positionRound);
   co_await h.roundTrip();
 
   // A client that lost a shape asks for it again; one never seen is not sent.
@@ -577,8 +596,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
 // consumed once, the client's text is written and does not come back; and pictures of every
 // display but the streamed one, from one loop however often asked.
 SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays) {
-  const auto clock = std::make_shared<ManualClock>();
-  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
+  h.useManualClock();
   const auto pasteboard = std::make_shared<FakePasteboard>();
   pasteboard->count = 5;
   pasteboard->text = "before";
@@ -591,7 +609,7 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   const auto clipboardRound = [&](std::int64_t count, std::optional<std::string> text) {
     pasteboard->count = count;
     pasteboard->text = std::move(text);
-    clock->advance(500ms);
+    h.clock->advance(500ms);
   };
   clipboardRound(5, "before");
   co_await h.roundTrip();
@@ -605,7 +623,7 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   CO_EXPECT_MESSAGE(h, msg::clipboardText, "copied");
   for (const std::string text : {"from the device", ""}) {
     h.client->send(msg::clipboardText{text});
-    clock->advance(500ms);
+    h.clock->advance(500ms);
     co_await h.roundTrip();
     EXPECT_EQ(pasteboard->text, text);
   }
@@ -617,142 +635,111 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
     CO_EXPECT_MESSAGE(h, msg::thumbnail, 3, Data{3});
   }
   co_await h.roundTrip();
-  clock->advance(1s);
+  h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::thumbnail, 3, Data{3});
   co_await h.roundTrip();  // only the newest loop runs
   h.client->send(msg::setThumbnails{false});
   co_await h.roundTrip();
-  clock->advance(1s);
+  h.clock->advance(1s);
   co_await h.roundTrip();
   EXPECT_EQ(thumbnails->asked, (std::vector<std::uint32_t>{2, 3, 2, 3, 2, 3}));
 }
 
+// Two windows of one xterm; the first's surface on the main display, with its 8 pixels of margin.
+const std::vector<WindowRecord> kTwoXterms = {
+    {100, 10, "first", {100, 100, 800, 600}, 0, true, false, "xterm"},
+    {101, 10, "second", {200, 200, 400, 300}, 0, true, false, "xterm"}};
+const NormalizedRect kFirstSurface{92.f / 1920, 92.f / 1080, 816.f / 1920, 616.f / 1080};
+
 // Focus mode as a person goes through it: a window with the pointer moved into it and the
 // client's coordinates spanning its surface, the computer's focus followed to another window and
-// back, a fit, the fitted window closing into its sibling, and every fit undone at the end.
+// back, a fit, the fitted window closing into its sibling, and every fit undone at the end. A
+// switch that waits for the window system loses to one that began after it: following the
+// computer's focus never overrides the person's own choice made meanwhile.
 SESSION_TEST(FocusModeFollowsTheWindowAndTheComputersFocusAndUndoesEveryFit) {
-  const auto clock = std::make_shared<ManualClock>();
-  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
-  const auto windows = std::make_shared<FakeWindows>();
-  windows->list = {{100, 10, "first", {100, 100, 800, 600}, 0, true, false, "xterm"},
-                   {101, 10, "second", {200, 200, 400, 300}, 0, true, false, "xterm"}};
-  windows->visible = Rect{0, 0, 1920, 1080};
-  h.env.windowControl = windows;
-  h.env.windowTracker = windows;
-  h.env.focusObserver = windows;
-  h.env.focusDebounce = h.env.followGrace = 0s;
+  h.useWindows();
+  h.windows->list = kTwoXterms;
+  h.windows->visible = Rect{0, 0, 1920, 1080};
   co_await h.open();
-  const auto expectMode = [&](streammode::focus mode, bool fit, NormalizedRect surface,
-                              std::optional<FocusFollowInfo> follow) -> asio::awaitable<void> {
-    co_await h.expect<msg::streamInfo>();
-    CO_EXPECT_MESSAGE(h, msg::streamMode, {mode, fit, std::nullopt, surface, follow});
-  };
-  const NormalizedRect firstSurface{92.f / 1920, 92.f / 1080, 816.f / 1920, 616.f / 1080};
 
   h.client->send(msg::focus{10, 100, false, true});
-  co_await expectMode({10, 100}, false, firstSurface, std::nullopt);
-  EXPECT_EQ(windows->log, (std::vector<std::string>{"activate 10", "raise 100"}));
+  co_await h.expectFocusMode({10, 100}, false, kFirstSurface);
+  EXPECT_EQ(h.windows->log, (std::vector<std::string>{"activate 10", "raise 100"}));
   EXPECT_EQ(h.captures->scope, (CaptureScope{scope::app{10, {92, 92, 816, 616}}}));
   EXPECT_EQ(h.injector->pointer.back().second->frame, (DisplayFrame{100, 100, 800, 600}));
   h.client->send(msg::pointer{1, pointer::moveAbsolute{1, 0.5f, 0.5f}});
   co_await h.roundTrip();
   EXPECT_EQ(h.injector->pointer.back().second->frame, (DisplayFrame{92, 92, 816, 616}));
 
-  windows->observation.focused = ObservedWindow{10, 101, "second", "xterm", {200, 200, 400, 300}};
-  clock->advance(250ms);
+  h.windows->observation.focused = ObservedWindow{10, 101, "second", "xterm", {200, 200, 400, 300}};
+  h.clock->advance(250ms);
   // Named: GCC 12 mishandles a temporary with a destructor in a co_await.
   const std::optional<FocusFollowInfo> followed =
       FocusFollowInfo{FocusFollowInfo::Kind::window, "xterm", "second", true};
-  co_await expectMode({10, 101}, false, {192.f / 1920, 192.f / 1080, 416.f / 1920, 316.f / 1080},
-                      followed);
-  windows->observation.focused.reset();
+  co_await h.expectFocusMode({10, 101}, false,
+                             {192.f / 1920, 192.f / 1080, 416.f / 1920, 316.f / 1080}, followed);
+  h.windows->observation.focused.reset();
   h.client->send(msg::focusBack{});
-  co_await expectMode({10, 100}, false, firstSurface, std::nullopt);
+  co_await h.expectFocusMode({10, 100}, false, kFirstSurface);
   h.client->send(msg::focusBack{});
   CO_EXPECT_MESSAGE(h, msg::streamMode,
-                    {streammode::focus{10, 100}, false, "Nothing to go back to", firstSurface});
+                    {streammode::focus{10, 100}, false, "Nothing to go back to", kFirstSurface});
   // A menu beside the window widens the surface while it is open.
-  windows->observation.overlays = {
+  h.windows->observation.overlays = {
       {10, 555, "menu", "xterm", {850, 300, 200, 300}, WindowKind::transient}};
-  clock->advance(250ms);
+  h.clock->advance(250ms);
   const std::optional<FocusFollowInfo> popup =
       FocusFollowInfo{FocusFollowInfo::Kind::popup, "xterm", "menu", false};
-  co_await expectMode({10, 100}, false, {92.f / 1920, 92.f / 1080, 966.f / 1920, 616.f / 1080},
-                      popup);
-  windows->observation.overlays.clear();
-  clock->advance(250ms);
-  co_await expectMode({10, 100}, false, firstSurface, std::nullopt);
+  co_await h.expectFocusMode({10, 100}, false,
+                             {92.f / 1920, 92.f / 1080, 966.f / 1920, 616.f / 1080}, popup);
+  h.windows->observation.overlays.clear();
+  h.clock->advance(250ms);
+  co_await h.expectFocusMode({10, 100}, false, kFirstSurface);
+
+  const auto asked = [&](std::uint32_t id) { return std::ranges::count(h.windows->lookedUp, id); };
+  const auto asked100 = asked(100), asked101 = asked(101);
+  h.windows->held = {{100, std::make_shared<AsyncQueue<int>>()},
+                     {101, std::make_shared<AsyncQueue<int>>()}};
+  h.windows->observation.focused = ObservedWindow{10, 101, "second", "xterm", {200, 200, 400, 300}};
+  h.clock->advance(250ms);                            // following to window 101 waits for it
+  h.client->send(msg::focus{10, 100, false, false});  // and this for window 100
+  // Messages wait for each other: the ping of a round trip would wait for the focus.
+  for (int i = 0; i < 200 && !(asked(100) > asked100 && asked(101) > asked101); ++i)
+    co_await sleepFor(10ms);
+  EXPECT_TRUE(asked(100) > asked100 && asked(101) > asked101) << "both switches wait";
+  h.windows->observation.focused.reset();
+  h.windows->letGo(100);
+  co_await h.expectFocusMode({10, 100}, false, kFirstSurface);
+  h.windows->letGo(101);
+  co_await h.roundTrip();  // nothing more: the follow saw it was superseded
 
   h.client->send(msg::focus{10, 100, true, false});
-  co_await expectMode({10, 100}, true, {0, 0, 1, 1}, std::nullopt);
-  EXPECT_EQ(windows->log.back(), "resize 100 0,0 1920x1080");
+  co_await h.expectFocusMode({10, 100}, true, {0, 0, 1, 1});
+  EXPECT_EQ(h.windows->log.back(), "resize 100 0,0 1920x1080");
   // The fitted window closes: its sibling takes over, fitted in turn.
-  windows->list.erase(windows->list.begin());
-  clock->advance(250ms);
-  co_await expectMode({10, 101}, true, {0, 0, 1, 1}, std::nullopt);
+  h.windows->list.erase(h.windows->list.begin());
+  h.clock->advance(250ms);
+  co_await h.expectFocusMode({10, 101}, true, {0, 0, 1, 1});
   EXPECT_EQ(h.env.fitRegistry->size(), 1u);
 
   h.client->close();
   co_await h.waitForEnd();
-  EXPECT_EQ(windows->log.back(), "resize 101 200,200 400x300");
+  EXPECT_EQ(h.windows->log.back(), "resize 101 200,200 400x300");
   EXPECT_EQ(h.env.fitRegistry->size(), 0u);
-}
-
-// A switch that waits for the window system loses to one that began after it: following the
-// computer's focus never overrides the person's own choice made meanwhile.
-SESSION_TEST(ASwitchThatWaitedLosesToANewerOne) {
-  const auto clock = std::make_shared<ManualClock>();
-  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
-  const auto windows = std::make_shared<FakeWindows>();
-  windows->list = {{100, 10, "first", {100, 100, 800, 600}, 0, true, false, "xterm"},
-                   {101, 10, "second", {200, 200, 400, 300}, 0, true, false, "xterm"}};
-  h.env.windowControl = windows;
-  h.env.windowTracker = windows;
-  h.env.focusObserver = windows;
-  h.env.focusDebounce = h.env.followGrace = 0s;
-  co_await h.open();
-  h.client->send(msg::focus{10, 100, false, false});
-  co_await h.expect<msg::streamInfo>();
-  co_await h.expect<msg::streamMode>();
-
-  windows->held = {{100, std::make_shared<AsyncQueue<int>>()},
-                   {101, std::make_shared<AsyncQueue<int>>()}};
-  windows->observation.focused = ObservedWindow{10, 101, "second", "xterm", {200, 200, 400, 300}};
-  clock->advance(250ms);                              // following to window 101 waits for it
-  h.client->send(msg::focus{10, 100, false, false});  // and this for window 100
-  const auto asked = [&](std::uint32_t id) { return std::ranges::count(windows->lookedUp, id); };
-  // Messages wait for each other: the ping of a round trip would wait for the focus.
-  for (int i = 0; i < 200 && !(asked(101) && asked(100) >= 2); ++i) co_await sleepFor(10ms);
-  windows->observation.focused.reset();
-  windows->letGo(100);
-  co_await h.expect<msg::streamInfo>();
-  CO_EXPECT_MESSAGE(h, msg::streamMode,
-                    {streammode::focus{10, 100},
-                     false,
-                     std::nullopt,
-                     {92.f / 1920, 92.f / 1080, 816.f / 1920, 616.f / 1080}});
-  windows->letGo(101);
-  co_await h.roundTrip();  // nothing more: the follow saw it was superseded
 }
 
 // A window of another process, one that cannot be resized, a capture that cannot leave other
 // applications out: each is told, and the stream goes on. The app list goes out when it changes;
 // window pictures when theirs do.
 SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
-  const auto clock = std::make_shared<ManualClock>();
-  h.env.sleep = [clock](std::chrono::duration<double> d) { return clock->sleep(d); };
-  const auto windows = std::make_shared<FakeWindows>();
+  h.useWindows();
   const WindowRecord fixed{300, 30, "fixed", {0, 0, 300, 200}, 0, true, false, "xcalc"};
-  windows->list = {fixed};
-  windows->unresizable = {300};
-  windows->appList = {
+  h.windows->list = {fixed};
+  h.windows->unresizable = {300};
+  h.windows->appList = {
       {30, "xcalc", "XCalc", {}, true, {{300, "fixed", {0, 0, 300, 200}, 1, true}}}};
-  windows->recent = {30};
-  windows->pictures = {{300, Data{1}}};
-  h.env.apps = windows;
-  h.env.windowControl = windows;
-  h.env.windowTracker = windows;
-  h.env.windowThumbnails = windows;
+  h.windows->recent = {30};
+  h.windows->pictures = {{300, Data{1}}};
   h.captures->isolatesApps = false;
   co_await h.open();
 
@@ -778,36 +765,33 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   co_await h.roundTrip();
   // The focused window closes, and its application has no other.
   h.client->send(msg::focus{30, 300, false, false});
-  co_await h.expect<msg::streamInfo>();
-  co_await h.expect<msg::hostStatus>();
-  co_await h.expect<msg::streamMode>();
-  windows->list.clear();
-  clock->advance(250ms);
-  co_await h.expect<msg::hostStatus>();
-  co_await h.expect<msg::streamInfo>();
+  co_await h.skip<msg::streamInfo, msg::hostStatus, msg::streamMode>();
+  h.windows->list.clear();
+  h.clock->advance(250ms);
+  co_await h.skip<msg::hostStatus, msg::streamInfo>();
   CO_EXPECT_MESSAGE(h, msg::streamMode,
                     {streammode::desktop{}, false, "The window was closed", {0, 0, 1, 1}});
-  windows->list = {fixed};
+  h.windows->list = {fixed};
 
   h.client->send(msg::setAppListUpdates{true});
-  CO_EXPECT_MESSAGE(h, msg::appList, windows->appList);
+  CO_EXPECT_MESSAGE(h, msg::appList, h.windows->appList);
   CO_EXPECT_MESSAGE(h, msg::recentApps, {30});
-  clock->advance(1s);
-  windows->appChanges->push({});
+  h.clock->advance(1s);
+  h.windows->appChanges->push({});
   co_await h.roundTrip();
-  windows->appList[0].windows[0].title = "renamed";
-  clock->advance(1s);
-  CO_EXPECT_MESSAGE(h, msg::appList, windows->appList);
+  h.windows->appList[0].windows[0].title = "renamed";
+  h.clock->advance(1s);
+  CO_EXPECT_MESSAGE(h, msg::appList, h.windows->appList);
   h.client->send(msg::activateApp{30, 300, false});
   co_await h.roundTrip();
-  EXPECT_EQ(windows->log.back(), "raise 300");
+  EXPECT_EQ(h.windows->log.back(), "raise 300");
 
   h.client->send(msg::windowThumbnails{true, {300, 301}});
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{1});
-  clock->advance(1s);
+  h.clock->advance(1s);
   co_await h.roundTrip();
-  windows->pictures[300] = Data{2};
-  clock->advance(1s);
+  h.windows->pictures[300] = Data{2};
+  h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{2});
 }
 
