@@ -5,6 +5,7 @@
 #include <asio/post.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
+#include <sstream>
 #include <stdexcept>
 #include <tuple>
 
@@ -31,14 +32,14 @@ RunningAppRecord app(std::int32_t pid, std::string name, bool frontmost = false,
 // "name: id@display ..." for each application; a window off screen is marked "-", a minimised
 // one "m".
 std::string listing(const std::vector<AppInfo>& apps) {
-  std::string text;
+  std::ostringstream text;
   for (const auto& app : apps) {
-    text += (text.empty() ? "" : "; ") + app.name + ":";
+    text << (&app == &apps.front() ? "" : "; ") << app.name << ":";
     for (const auto& w : app.windows)
-      text += " " + std::to_string(w.id) + "@" + std::to_string(w.displayID) +
-              (w.isOnScreen ? "" : "-") + (w.isMinimized ? "m" : "");
+      text << " " << w.id << "@" << w.displayID << (w.isOnScreen ? "" : "-")
+           << (w.isMinimized ? "m" : "");
   }
-  return text;
+  return text.str();
 }
 
 TEST(AppListing, KeepsWorkWindowsOnScreenFirstAndOffScreenOnesOnlyWhenReachable) {
