@@ -6,8 +6,10 @@
 //    would) to the `streamMode` that follows it at an in-process client that asked for no video:
 //    10 changes, p50 and the largest. The session polls every 0.25 s and waits 0.3 s for the
 //    focus to settle; after a switch it ignores the focus for 0.8 s.
+//  - The app list on an idle desktop: the bytes of the first `appList` and `recentApps`, then of
+//    every such message (encoded as on the wire) in the IDLE seconds that follow, nothing moving.
 //
-//   windows_bench [WINDOWS]
+//   windows_bench [WINDOWS [IDLE]]
 
 #include <xcb/xcb.h>
 
@@ -28,6 +30,7 @@
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/RandrDisplayManager.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
+#include "kit/wire/WireCodec.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/HostFakes.hpp"
 #include "tests/support/TempDirectory.hpp"
@@ -155,10 +158,44 @@ asio::awaitable<void> follow(std::shared_ptr<Connection> client, xcb_connection_
   }
   std::printf("focus change to streamMode: p50 %.0f ms, max %.0f ms (%zu changes)\n",
               percentile(delays, 0.5), *std::ranges::max_element(delays), delays.size());
+}
+
+// The app list's bytes: the first list, then what an idle desktop costs for `seconds`.
+asio::awaitable<void> idleAppList(std::shared_ptr<Connection> client, int seconds) {
+  client->send(msg::unfocus{});
+  client->send(msg::setAppListUpdates{true});
+  std::size_t first = 0, later = 0, messages = 0;
+  bool listed = false;
+  const auto end = Clock::now() + std::chrono::seconds(seconds);
+  while (Clock::now() < end) {
+    auto next = nextWithin(client->messages(), std::chrono::milliseconds(200));
+    const std::optional<Message> message = co_await std::move(next);
+    if (!message) continue;
+    if (!std::holds_alternative<msg::appList>(*message) &&
+        !std::holds_alternative<msg::recentApps>(*message)) {
+      continue;
+    }
+    const std::size_t bytes = WireCodec::encodeMessage(*message).size();
+    if (!listed) {
+      first += bytes;
+      listed = std::holds_alternative<msg::recentApps>(*message);
+      continue;
+    }
+    later += bytes;
+    ++messages;
+  }
+  std::printf("app list: first %zu bytes; then %zu bytes in %zu messages over %d s idle\n", first,
+              later, messages, seconds);
+}
+
+asio::awaitable<void> sessionFigures(std::shared_ptr<Connection> client, xcb_connection_t* c,
+                                     std::vector<xcb_window_t> windows, int idleSeconds) {
+  co_await follow(client, c, std::move(windows), ::getpid());
+  co_await idleAppList(client, idleSeconds);
   client->close();
 }
 
-int measure(int count) {
+int measure(int count, int idleSeconds) {
   test::VirtualDisplay x(1920, 1080);
   if (!x.available()) {
     std::cerr << "windows_bench: " << x.skipReason() << "\n";
@@ -191,7 +228,7 @@ int measure(int count) {
   env.focusObserver = std::make_shared<X11FocusObserver>(*system);
   const auto session = HostSession::make(io.get_executor(), hostEnd, env, nullptr, Data{1}, {});
   asio::co_spawn(io, session->run(), asio::detached);
-  asio::co_spawn(io, follow(clientEnd, c, windows, ::getpid()), asio::detached);
+  asio::co_spawn(io, sessionFigures(clientEnd, c, windows, idleSeconds), asio::detached);
   io.run();
   xcb_disconnect(c);
   return 0;
@@ -200,4 +237,7 @@ int measure(int count) {
 }  // namespace
 }  // namespace kelvaron::host
 
-int main(int argc, char** argv) { return kelvaron::host::measure(argc > 1 ? std::stoi(argv[1]) : 50); }
+int main(int argc, char** argv) {
+  return kelvaron::host::measure(argc > 1 ? std::stoi(argv[1]) : 50,
+                                 argc > 2 ? std::stoi(argv[2]) : 60);
+}

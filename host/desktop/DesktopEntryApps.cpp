@@ -159,6 +159,9 @@ struct DesktopEntryApps::Core {
 
   void scan() {
     ++scans;
+    // A theme keeps the listings of its folders: icons installed since are found by a new one,
+    // made when an icon is next looked up.
+    theme.reset();
     std::set<std::string> claimed;
     std::vector<Entry> entries;
     std::size_t seen = 0;
@@ -174,8 +177,10 @@ struct DesktopEntryApps::Core {
     std::map<std::string, IconRecord> freshIcons;
     for (Entry& entry : entries) {
       IconRecord record;
-      if (const auto known = icons.find(entry.bundleID);
-          known != icons.end() && known->second.source == entry.icon) {
+      // An icon that was not found is looked for again: it may have been installed since.
+      if (const auto known = icons.find(entry.bundleID); known != icons.end() &&
+                                                         known->second.source == entry.icon &&
+                                                         !known->second.png.empty()) {
         record = std::move(known->second);
       } else {
         record.source = entry.icon;

@@ -148,10 +148,14 @@ TEST(DesktopEntryApps, ListsWhatTheDesktopShowsWithIconsAndRescansWhenAFolderCha
   ASSERT_EQ(grown.size(), list.size() + 1);
   EXPECT_EQ(grown[3].bundleID, "org.example.New");
   EXPECT_EQ(grown[3].iconHash, list[1].iconHash);
-  // An entry added to a folder that was there moves its time too.
-  write(home / "applications/org.example.Later.desktop", entry("Later", ""));
-  EXPECT_EQ(await(apps.apps()).size(), grown.size() + 1);
+  // An entry added to a folder that was there moves its time too; its icon, installed after the
+  // theme was first read, is found.
+  write(theme / "48x48/apps/tovu-test-late.png", solidPng(48, 48, {0, 0, 0, 255}));
+  write(home / "applications/org.example.Later.desktop", entry("Later", "tovu-test-late"));
+  const std::vector<InstalledApp> later = await(apps.apps());
+  ASSERT_EQ(later.size(), grown.size() + 1);
   EXPECT_EQ(apps.scanCount(), 3u);
+  EXPECT_NE(std::ranges::find(later, "org.example.Later", &InstalledApp::bundleID)->iconHash, 0u);
   // Once the interval has passed, the next request scans again though nothing moved.
   DesktopEntryApps eager(pool.get_executor(), std::chrono::seconds(0));
   EXPECT_EQ(await(eager.apps()), await(eager.apps()));
