@@ -741,6 +741,7 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   h.windows->recent = {30};
   h.windows->pictures = {{300, Data{1}}};
   h.captures->isolatesApps = false;
+  h.env.ownPID = 40;
   co_await h.open();
 
   h.client->send(msg::focus{31, 300, false, false});
@@ -785,6 +786,13 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   h.client->send(msg::activateApp{30, 300, false});
   co_await h.roundTrip();
   EXPECT_EQ(h.windows->log.back(), "raise 300");
+  // Quitting: never this process, nor a pid below 1.
+  for (const std::int32_t pid : {0, h.env.ownPID, 30}) h.client->send(msg::quitApp{pid});
+  co_await h.roundTrip();
+  EXPECT_EQ(std::ranges::count_if(h.windows->log, [](auto& l) { return l.starts_with("close"); }),
+            1);
+  EXPECT_EQ(h.windows->log.back(), "close 30");
+  h.windows->list = {fixed};
 
   h.client->send(msg::windowThumbnails{true, {300, 301}});
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{1});
