@@ -24,9 +24,9 @@ struct RawMenuItem {
   std::string title;
   // The shortcut's key as one character, lower case for letters ("n", "+"), or empty. Keys that
   // type no character have the characters a Mac menu gives them, which the device knows: Return
-  // U+000D, Escape U+001B, BackSpace U+0008, Delete U+007F, Tab U+0009, space U+0020, the arrows
-  // Up U+F700, Down U+F701, Left U+F702, Right U+F703, F1 to F12 U+F704 to U+F70F, Insert
-  // U+F727, forward delete U+F728, Home U+F729, End U+F72B, Page Up U+F72C, Page Down U+F72D.
+  // U+000D, Escape U+001B, BackSpace U+0008, Tab U+0009, space U+0020, the arrows Up U+F700,
+  // Down U+F701, Left U+F702, Right U+F703, F1 to F12 U+F704 to U+F70F, Delete (forward) U+F728,
+  // Home U+F729, End U+F72B, Page Up U+F72C, Page Down U+F72D. Other keys give no shortcut.
   std::string key;
   // The modifiers of the shortcut in the bits above, as the application names them: Ctrl is
   // control, Alt is option, Super is command.
