@@ -66,6 +66,8 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void installedApps(const std::vector<InstalledApp>& apps);
   void appIcon(const msg::appIcon& icon);
   void streamMode(const StreamModeInfo& info);
+  // One line for each change of the focused text field on the host.
+  void textFocus(const msg::textFocus& focus);
   void clipboardFromHost(const std::string& text);
   asio::awaitable<void> mirrorClipboard();
   // On the clipboard thread: this desktop's clipboard text when it changed since it was last

@@ -26,6 +26,7 @@ HostComposition::HostComposition(Executors executors, Options options)
       pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)),
       windows_(std::make_shared<X11WindowSystem>(executors_.pool, options_.displayName)),
       focusObserver_(std::make_shared<X11FocusObserver>(*windows_)),
+      textFocus_(std::make_shared<AtspiTextFocusSource>(executors_.pool, windows_)),
       installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
@@ -60,6 +61,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.windowControl = windows_;
   env.windowTracker = windows_;
   env.focusObserver = focusObserver_;
+  env.textFocus = textFocus_;
   env.windowThumbnails =
       std::make_shared<X11WindowThumbnails>(executors_.pool, options_.displayName);
   env.fitRegistry = fitRegistry_;
