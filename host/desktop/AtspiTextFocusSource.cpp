@@ -25,6 +25,10 @@ constexpr int kCallTimeoutMs = 250;
 constexpr int kStartupTimeoutMs = 1000;
 // A burst of focus events settles before it is read.
 constexpr guint kReadDelayMs = 100;
+// Text that seems to have lost the focus is read again this much later before its loss is told:
+// focus passes through nothing while windows switch, and the window system tells of a new
+// application in front only after 0.3 s.
+constexpr guint kConfirmDelayMs = 400;
 constexpr long kSlowReadMs = 100;
 constexpr int kStatusTimeoutMs = 1000;
 // Bounds of a walk for the focused element: nodes looked at, children of one node, and what an
@@ -414,6 +418,8 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     cancelRead();
     candidate.reset();
     front.reset();
+    told.reset();
+    confirming = false;
     restoreAccessibility();
   }
 
@@ -512,6 +518,8 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     if (front == next) return;
     if (!front || front->pid != next.pid) candidate.reset();
     front = next;
+    // Read the new application soon, even when a confirmation waits longer.
+    cancelRead();
     scheduleRead();
   }
 
@@ -533,9 +541,9 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     scheduleRead();
   }
 
-  void scheduleRead() {
+  void scheduleRead(guint delayMs = kReadDelayMs) {
     if (pendingRead) return;
-    pendingRead = g_timeout_source_new(kReadDelayMs);
+    pendingRead = g_timeout_source_new(delayMs);
     g_source_set_callback(pendingRead, &Impl::onReadTimer, this, nullptr);
     g_source_attach(pendingRead, context);
   }
@@ -571,6 +579,13 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     }
     TextFocus focus = classifyTextFocus(now.bundleID, std::move(element));
     if (focus.kind == TextFocusKind::terminal && !focus.frame) focus.frame = now.windowFrame;
+    if (!focus.isText && told && told->isText && !confirming) {
+      confirming = true;
+      scheduleRead(kConfirmDelayMs);
+      return;
+    }
+    confirming = false;
+    told = focus;
     deliver(focus);
   }
 
@@ -621,6 +636,8 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
   std::optional<Front> front;
   GRef<AtspiAccessible> candidate;  // of the application in front
   GSource* pendingRead = nullptr;
+  std::optional<TextFocus> told;  // the last result handed out
+  bool confirming = false;        // the next read tells what it finds
   Logger log{"io.dovka.tovu.host", "textfocus"};
 };
 

@@ -13,8 +13,10 @@ namespace kelvaron::host {
 // `apps` says which application is in front; it is asked on `executor` when observation starts
 // and at each of its changes. After each change of the application in front, and each focus event
 // of that application, the focused element is read 0.1 s later (a burst costs one read) and
-// classified. A terminal in front is known by its bundle ID alone, so terminals are reported
-// without the accessibility bus too (xterm never joins it).
+// classified. Text that loses the focus to nothing is told so only when a read 0.4 s later agrees,
+// so that a switch of windows does not lower the device's keyboard for a moment. A terminal in
+// front is known by its bundle ID alone, so terminals are reported without the accessibility bus
+// too (xterm never joins it).
 //
 // libatspi runs on a GLib main loop of this object's own thread, where every call into it is
 // made, each bounded by a timeout; a read stops at the first call that fails (an application that
