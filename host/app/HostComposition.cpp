@@ -26,7 +26,8 @@ HostComposition::HostComposition(Executors executors, Options options)
       pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)),
       windows_(std::make_shared<X11WindowSystem>(executors_.pool, options_.displayName)),
       focusObserver_(std::make_shared<X11FocusObserver>(*windows_)),
-      textFocus_(std::make_shared<AtspiTextFocusSource>(executors_.pool, windows_)),
+      textFocus_(
+          std::make_shared<AtspiTextFocusSource>(executors_.pool, windows_, options_.displayName)),
       installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();

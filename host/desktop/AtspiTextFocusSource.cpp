@@ -2,6 +2,7 @@
 
 #include <atspi/atspi.h>
 #include <gio/gio.h>
+#include <xcb/xcb.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "host/x11/RandrMonitors.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::host {
@@ -97,6 +99,60 @@ AccessibleRole roleOf(AtspiRole role) {
   }
 }
 
+struct Corner {
+  double x = 0, y = 0;
+};
+
+// Where the main display's top left corner is in the root window: AT-SPI's screen coordinates
+// are the root's, and the desktop's points start there. Asked again at each change of the
+// application in front, on a connection of its own made anew when it broke.
+class DesktopOrigin {
+ public:
+  explicit DesktopOrigin(std::string displayName) : displayName_(std::move(displayName)) {}
+  ~DesktopOrigin() { disconnect(); }
+  DesktopOrigin(const DesktopOrigin&) = delete;
+  DesktopOrigin& operator=(const DesktopOrigin&) = delete;
+
+  Corner read() {
+    if (connection_ && xcb_connection_has_error(connection_)) disconnect();
+    if (!connection_) connect();
+    if (!connection_ || !hasMonitors_) return {};
+    const auto monitors = queryMonitors(connection_, root_);
+    if (monitors.empty()) return {};
+    const RandrMonitor& main = monitors[mainMonitorIndex(monitors)];
+    return {double(main.x), double(main.y)};
+  }
+
+ private:
+  void connect() {
+    int screenNumber = 0;
+    connection_ = xcb_connect(displayName_.empty() ? nullptr : displayName_.c_str(), &screenNumber);
+    if (xcb_connection_has_error(connection_)) {
+      disconnect();
+      return;
+    }
+    auto screens = xcb_setup_roots_iterator(xcb_get_setup(connection_));
+    for (int i = 0; i < screenNumber && screens.rem > 0; ++i) xcb_screen_next(&screens);
+    root_ = screens.data->root;
+    try {
+      requireMonitors(connection_, 5);
+      hasMonitors_ = true;
+    } catch (const std::exception&) {
+      // Without RANDR's monitors the root is one display, at the origin.
+      hasMonitors_ = false;
+    }
+  }
+  void disconnect() {
+    if (connection_) xcb_disconnect(connection_);
+    connection_ = nullptr;
+  }
+
+  const std::string displayName_;
+  xcb_connection_t* connection_ = nullptr;
+  xcb_window_t root_ = XCB_NONE;
+  bool hasMonitors_ = false;
+};
+
 // One read of an application's tree. A hung application answers no call with an error: it gives
 // -1, NULL, ROLE_INVALID or a state set of DEFUNCT alone, each after a timeout. So the first such
 // answer ends the read, and everything after it answers nothing at once.
@@ -174,7 +230,7 @@ class TreeReader {
   }
 
   // Nothing, without failing, for an element that is no component.
-  std::optional<Rect> frame(AtspiAccessible* object) {
+  std::optional<Rect> frame(AtspiAccessible* object, Corner origin) {
     if (failed_) return std::nullopt;
     GRef<AtspiComponent> component(atspi_accessible_get_component_iface(object));
     if (!component) return std::nullopt;
@@ -186,11 +242,13 @@ class TreeReader {
       return std::nullopt;
     }
     if (box->width <= 0 || box->height <= 0) return std::nullopt;
-    return Rect{double(box->x), double(box->y), double(box->width), double(box->height)};
+    return Rect{double(box->x) - origin.x, double(box->y) - origin.y, double(box->width),
+                double(box->height)};
   }
 
   // The element as classifying needs it; nothing once a call failed.
-  std::optional<TextFocusElement> element(AtspiAccessible* object) {
+  // Its frame in the desktop's points, `origin` being the main display's corner in the root.
+  std::optional<TextFocusElement> element(AtspiAccessible* object, Corner origin) {
     TextFocusElement element;
     const auto atspiRole = role(object);
     const auto set = states(object);
@@ -209,7 +267,7 @@ class TreeReader {
         if (role(child.get()) == ATSPI_ROLE_ICON) element.iconNames.push_back(name(child.get()));
       }
     }
-    element.frame = frame(object);
+    element.frame = frame(object, origin);
     if (failed_) return std::nullopt;
     return element;
   }
@@ -278,8 +336,8 @@ GRef<AtspiAccessible> focusedIn(AtspiAccessible* app, TreeReader& reader) {
 // Everything below `// Main loop's` runs on the GLib thread only; the handlers and the task that
 // follows the application in front are shared with the callers of start and stop.
 struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
-  Impl(Executor work, std::shared_ptr<AppProviding> provider)
-      : executor(std::move(work)), apps(std::move(provider)) {
+  Impl(Executor work, std::shared_ptr<AppProviding> provider, std::string displayName)
+      : executor(std::move(work)), apps(std::move(provider)), origin(std::move(displayName)) {
     context = g_main_context_new();
     loop = g_main_loop_new(context, FALSE);
     thread = std::thread([this] {
@@ -518,6 +576,7 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     if (front == next) return;
     if (!front || front->pid != next.pid) candidate.reset();
     front = next;
+    desktopOrigin = origin.read();
     // Read the new application soon, even when a confirmation waits longer.
     cancelRead();
     scheduleRead();
@@ -596,7 +655,7 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     if (candidate) {
       const auto set = reader.states(candidate.get());
       if (set && atspi_state_set_contains(set.get(), ATSPI_STATE_FOCUSED)) {
-        return reader.element(candidate.get());
+        return reader.element(candidate.get(), desktopOrigin);
       }
       candidate.reset();
       if (reader.failed()) return std::nullopt;
@@ -605,7 +664,7 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     if (!app) return std::nullopt;
     const auto focused = focusedIn(app.get(), reader);
     if (!focused) return std::nullopt;
-    return reader.element(focused.get());
+    return reader.element(focused.get(), desktopOrigin);
   }
 
   const Executor executor;
@@ -634,6 +693,8 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
   bool enabledByUs = false;
   AtspiEventListener* listener = nullptr;
   std::optional<Front> front;
+  DesktopOrigin origin;
+  Corner desktopOrigin;
   GRef<AtspiAccessible> candidate;  // of the application in front
   GSource* pendingRead = nullptr;
   std::optional<TextFocus> told;  // the last result handed out
@@ -642,8 +703,9 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
 };
 
 AtspiTextFocusSource::AtspiTextFocusSource(const Executor& executor,
-                                           std::shared_ptr<AppProviding> apps)
-    : impl_(std::make_shared<Impl>(executor, std::move(apps))) {}
+                                           std::shared_ptr<AppProviding> apps,
+                                           std::string displayName)
+    : impl_(std::make_shared<Impl>(executor, std::move(apps), std::move(displayName))) {}
 
 AtspiTextFocusSource::~AtspiTextFocusSource() = default;
 

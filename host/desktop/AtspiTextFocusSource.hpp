@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "host/desktop/TextFocus.hpp"
 #include "host/desktop/WindowSystem.hpp"
@@ -26,7 +27,10 @@ namespace kelvaron::host {
 // object that turned it on.
 class AtspiTextFocusSource : public TextFocusSource {
  public:
-  AtspiTextFocusSource(const Executor& executor, std::shared_ptr<AppProviding> apps);
+  // `displayName` (empty: $DISPLAY) is the X display whose main monitor the frames are measured
+  // from; the accessibility bus is the session's.
+  AtspiTextFocusSource(const Executor& executor, std::shared_ptr<AppProviding> apps,
+                       std::string displayName);
   ~AtspiTextFocusSource() override;
   AtspiTextFocusSource(const AtspiTextFocusSource&) = delete;
   AtspiTextFocusSource& operator=(const AtspiTextFocusSource&) = delete;

@@ -86,7 +86,8 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
   runAsync(
       [&](asio::io_context& io) -> asio::awaitable<void> {
         const auto windows = std::make_shared<X11WindowSystem>(io.get_executor(), display.name());
-        const auto source = std::make_shared<AtspiTextFocusSource>(io.get_executor(), windows);
+        const auto source =
+            std::make_shared<AtspiTextFocusSource>(io.get_executor(), windows, display.name());
         // The program's bundle ID, once the window manager has put its window in front.
         std::string bundleID;
         for (int i = 0; i < 500 && bundleID.empty(); ++i) {
