@@ -402,9 +402,10 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
     const std::uint64_t id = nextHandlerID++;
     handlers.emplace(id, std::move(handler));
     if (handlers.size() == 1) {
+      // Observing first: the task may report the application in front before spawn returns.
+      post([this, withApps = bool(apps)] { beginObserving(withApps); });
       const std::uint64_t generation = ++frontGeneration;
       if (apps) frontTask = Task::spawn(executor, followFront(weak_from_this(), apps, generation));
-      post([this, withApps = bool(apps)] { beginObserving(withApps); });
     } else {
       // The newcomer learns the present state.
       post([this] {

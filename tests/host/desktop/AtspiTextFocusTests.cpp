@@ -158,5 +158,58 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
   EXPECT_EQ(enabled, false);
 }
 
+// Environment variables set for the life of the object, and put back afterwards.
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(std::initializer_list<std::pair<std::string, std::optional<std::string>>> set) {
+    for (const auto& [name, value] : set) {
+      const char* before = std::getenv(name.c_str());
+      saved_.emplace_back(name, before ? std::optional<std::string>(before) : std::nullopt);
+      apply(name, value);
+    }
+  }
+  ~ScopedEnvironment() {
+    for (const auto& [name, value] : saved_) apply(name, value);
+  }
+
+ private:
+  static void apply(const std::string& name, const std::optional<std::string>& value) {
+    if (value) {
+      ::setenv(name.c_str(), value->c_str(), 1);
+    } else {
+      ::unsetenv(name.c_str());
+    }
+  }
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+TEST(AtspiTextFocus, WithoutAnAccessibilityBusOnlyATerminalInFrontIsText) {
+  TempDirectory folder;
+  const ScopedEnvironment nowhere{
+      {"DISPLAY", std::nullopt},
+      {"AT_SPI_BUS_ADDRESS", std::nullopt},
+      {"XDG_RUNTIME_DIR", folder.path().string()},
+      {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder / "none").string()}};
+  runAsync([](asio::io_context& io) -> asio::awaitable<void> {
+    const auto windows = std::make_shared<FakeWindows>();
+    windows->appList = {{.pid = 10, .bundleID = "org.gnome.TextEditor", .isFrontmost = true}};
+    const auto source = std::make_shared<AtspiTextFocusSource>(io.get_executor(), windows, "");
+    AsyncQueue<TextFocus> told;
+    const auto stop = source->start([&told](TextFocus focus) { told.push(std::move(focus)); });
+    auto focus = co_await nextWithin(told, 5s);
+    EXPECT_EQ(focus, (TextFocus{false, "org.gnome.TextEditor", TextFocusKind::none, std::nullopt}));
+
+    // A terminal's text is its front window.
+    const WindowInfo window{1, "~", {40, 40, 600, 400}, 1, true, false};
+    windows->appList = {
+        {.pid = 11, .bundleID = "debian-xterm", .isFrontmost = true, .windows = {window}}};
+    windows->appChanges->push({});
+    focus = co_await nextWithin(told, 5s);
+    EXPECT_EQ(focus,
+              (TextFocus{true, "debian-xterm", TextFocusKind::terminal, Rect{40, 40, 600, 400}}));
+    stop();
+  });
+}
+
 }  // namespace
 }  // namespace kelvaron::host
