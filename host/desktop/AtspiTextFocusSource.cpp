@@ -43,6 +43,12 @@ constexpr std::size_t kMaxAttributeLength = 256;
 
 constexpr const char* kFocusEvent = "object:state-changed:focused";
 
+// libatspi keeps one connection for the process and cannot be initialised again once it has
+// seen applications (atspi_exit leaves them behind half undone): it is connected once, and the
+// thread of the source that observes takes it over. One source observes at a time.
+std::mutex atspiLock;
+bool atspiConnected = false;
+
 struct GObjectUnref {
   void operator()(gpointer object) const {
     if (object) g_object_unref(object);
@@ -355,7 +361,12 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
         g_object_unref(session);
         session = nullptr;
       }
-      if (atspiReady) atspi_exit();
+      // The connection stays for the process; its sources leave this loop for the default
+      // context, where they wait for the next source to take them over.
+      if (atspiReady) {
+        std::lock_guard guard(atspiLock);
+        if (atspi_get_a11y_bus()) atspi_set_main_context(nullptr);
+      }
       g_main_loop_quit(loop);
     });
     // Never on the thread itself: nothing there holds the object.
@@ -483,18 +494,30 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void initialize() {
-    const int result = atspi_init();
-    // 1: initialised before (by this object, which exited since, or by someone else).
-    if (result == 2) {
-      atspi_exit();
+    std::lock_guard guard(atspiLock);
+    if (!atspiConnected) {
+      // 1: initialised by someone else before.
+      if (atspi_init() == 2) {
+        // Nothing seen yet, so a later observation may try again.
+        atspi_exit();
+        if (!noBusLogged) {
+          log.error("text focus: no accessibility bus; only terminals are reported");
+          noBusLogged = true;
+        }
+        return;
+      }
+      atspi_set_timeout(kCallTimeoutMs, kStartupTimeoutMs);
+      atspiConnected = true;
+    }
+    // Connects again when the bus went away since (libatspi aborts on a missing one).
+    if (!atspi_get_a11y_bus()) {
       if (!noBusLogged) {
-        log.error("text focus: no accessibility bus; only terminals are reported");
+        log.error("text focus: the accessibility bus is gone; only terminals are reported");
         noBusLogged = true;
       }
       return;
     }
     atspi_set_main_context(context);
-    atspi_set_timeout(kCallTimeoutMs, kStartupTimeoutMs);
     atspiReady = true;
   }
 

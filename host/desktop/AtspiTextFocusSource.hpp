@@ -24,7 +24,7 @@ namespace kelvaron::host {
 // hangs answers none) and counts as no element. Accessibility that is off in the session
 // (org.a11y.Status IsEnabled) is turned on while anything observes, since toolkits such as Qt
 // and Chromium build their trees only then, and turned off again afterwards if it was this
-// object that turned it on.
+// object that turned it on. libatspi is the process's: make one of these for the process.
 class AtspiTextFocusSource : public TextFocusSource {
  public:
   // `displayName` (empty: $DISPLAY) is the X display whose main monitor the frames are measured

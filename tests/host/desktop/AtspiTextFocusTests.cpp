@@ -1,6 +1,6 @@
 // The focused text field of a real GTK application, read through a private accessibility bus on
 // an Xvfb managed by openbox, and told to a client by a session: keys and a click move the focus
-// as a person would (xdotool), and an xterm comes to the front.
+// as a person would (xdotool), an xterm comes to the front, and the program hangs (SIGSTOP).
 
 #include "host/desktop/AtspiTextFocusSource.hpp"
 
@@ -156,6 +156,24 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
     std::this_thread::sleep_for(20ms);
   }
   EXPECT_EQ(enabled, false);
+
+  // An application that hangs answers no call: the read ends at the first, bounded in time, and
+  // finds no element.
+  ::kill(fields.pid(), SIGSTOP);
+  runAsync([&](asio::io_context& io) -> asio::awaitable<void> {
+    const auto windows = std::make_shared<FakeWindows>();
+    windows->appList = {{.pid = fields.pid(), .bundleID = "org.example.Hung", .isFrontmost = true}};
+    const auto source =
+        std::make_shared<AtspiTextFocusSource>(io.get_executor(), windows, display.name());
+    AsyncQueue<TextFocus> told;
+    const double began = uptimeSeconds();
+    const auto stop = source->start([&told](TextFocus focus) { told.push(std::move(focus)); });
+    const auto focus = co_await nextWithin(told, 10s);
+    EXPECT_EQ(focus, (TextFocus{false, "org.example.Hung", TextFocusKind::none, std::nullopt}));
+    EXPECT_LT(uptimeSeconds() - began, 3.0);
+    stop();
+  });
+  ::kill(fields.pid(), SIGCONT);
 }
 
 // Environment variables set for the life of the object, and put back afterwards.
