@@ -25,7 +25,10 @@ class AccessibilityBus {
  public:
   static constexpr const char* kLauncher = "/usr/libexec/at-spi-bus-launcher";
 
-  explicit AccessibilityBus(const std::string& displayName) : display_(displayName) {
+  // `displayName` is the display of the programs that join, where the launcher also leaves the
+  // bus's address (AT_SPI_BUS); empty when the display comes later (a host's own virtual display):
+  // programs then find the bus through the session bus, and name their display themselves.
+  explicit AccessibilityBus(const std::string& displayName = "") : display_(displayName) {
     if (::access(kLauncher, X_OK) != 0) {
       reason_ = std::string(kLauncher) + " is missing (Debian package at-spi2-core)";
       return;
@@ -72,12 +75,14 @@ class AccessibilityBus {
 
   // What a program needs to join the display and the bus, as NAME=VALUE.
   std::vector<std::string> environment() const {
-    std::vector<std::string> names = {
-        "DISPLAY=" + display_, "XDG_RUNTIME_DIR=" + runtime().string(), "GSETTINGS_BACKEND=memory"};
+    std::vector<std::string> names = {"XDG_RUNTIME_DIR=" + runtime().string(),
+                                      "GSETTINGS_BACKEND=memory"};
+    if (!display_.empty()) names.push_back("DISPLAY=" + display_);
     if (!address_.empty()) names.push_back("DBUS_SESSION_BUS_ADDRESS=" + address_);
     return names;
   }
-  // `arguments` run through env(1) with `environment()`.
+  // `arguments` run through env(1) with `environment()`; they may begin with more NAME=VALUE
+  // (such as "DISPLAY=:5").
   std::vector<std::string> withEnvironment(const std::vector<std::string>& arguments) const {
     // Without the switches that keep GTK off the bus or send its clients to another one.
     std::vector<std::string> result = {"env", "-u", "AT_SPI_BUS_ADDRESS", "-u", "NO_AT_BRIDGE"};
