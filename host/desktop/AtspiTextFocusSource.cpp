@@ -32,6 +32,8 @@ constexpr guint kReadDelayMs = 100;
 // application in front only after 0.3 s.
 constexpr guint kConfirmDelayMs = 400;
 constexpr long kSlowReadMs = 100;
+// All the calls of one read: past this, the read has found nothing.
+constexpr std::chrono::milliseconds kReadBudget{1500};
 constexpr int kStatusTimeoutMs = 1000;
 // Bounds of a walk for the focused element: nodes looked at, children of one node, and what an
 // application's attributes may hold.
@@ -161,9 +163,12 @@ class DesktopOrigin {
 
 // One read of an application's tree. A hung application answers no call with an error: it gives
 // -1, NULL, ROLE_INVALID or a state set of DEFUNCT alone, each after a timeout. So the first such
-// answer ends the read, and everything after it answers nothing at once.
+// answer ends the read, and everything after it answers nothing at once; so does the end of the
+// read's time, for an application that answers every call, slowly.
 class TreeReader {
  public:
+  TreeReader() : deadline_(std::chrono::steady_clock::now() + kReadBudget) {}
+
   bool failed() const { return failed_; }
 
   std::optional<AtspiRole> role(AtspiAccessible* object) {
@@ -178,7 +183,7 @@ class TreeReader {
   GRef<AtspiStateSet> states(AtspiAccessible* object) {
     if (failed_) return nullptr;
     GRef<AtspiStateSet> set(atspi_accessible_get_state_set(object));
-    if (!set || atspi_state_set_contains(set.get(), ATSPI_STATE_DEFUNCT)) {
+    if (!set || atspi_state_set_contains(set.get(), ATSPI_STATE_DEFUNCT) || late()) {
       failed_ = true;
       return nullptr;
     }
@@ -280,11 +285,13 @@ class TreeReader {
 
  private:
   bool check(GError* error) {
-    if (!error) return true;
+    if (!error) return !late();
     g_error_free(error);
     return false;
   }
+  bool late() const { return std::chrono::steady_clock::now() > deadline_; }
 
+  const std::chrono::steady_clock::time_point deadline_;
   bool failed_ = false;
 };
 
