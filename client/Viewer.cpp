@@ -85,6 +85,8 @@ asio::awaitable<void> Viewer::readMessages() {
       thumbnail(*picture);
     } else if (const auto* clipboard = std::get_if<msg::clipboardText>(&*message)) {
       clipboardFromHost(clipboard->text);
+    } else if (const auto* focus = std::get_if<msg::textFocus>(&*message)) {
+      textFocus(*focus);
     } else if (const auto* replaced = std::get_if<msg::sessionReplaced>(&*message)) {
       out_ << "Replaced by " << replaced->byDeviceName << std::endl;
       ended_ = true;
@@ -173,6 +175,15 @@ void Viewer::thumbnail(const msg::thumbnail& picture) {
   std::ofstream(file, std::ios::binary)
       .write(reinterpret_cast<const char*>(picture.jpeg.data()),
              std::streamsize(picture.jpeg.size()));
+}
+
+void Viewer::textFocus(const msg::textFocus& focus) {
+  static constexpr const char* kKinds[] = {"none",   "field", "area",    "search",
+                                           "secure", "web",   "terminal"};
+  const auto kind = std::size_t(focus.kind);
+  out_ << "textFocus: text=" << (focus.isText ? "yes" : "no")
+       << " kind=" << (kind < std::size(kKinds) ? kKinds[kind] : "none")
+       << " app=" << focus.bundleID << " byClick=" << (focus.byClick ? "yes" : "no") << std::endl;
 }
 
 void Viewer::streamMode(const StreamModeInfo& info) {

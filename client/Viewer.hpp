@@ -61,6 +61,8 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void cursorShape(const msg::cursorShape& shape);
   void thumbnail(const msg::thumbnail& picture);
   void streamMode(const StreamModeInfo& info);
+  // One line for each change of the focused text field on the host.
+  void textFocus(const msg::textFocus& focus);
   void clipboardFromHost(const std::string& text);
   asio::awaitable<void> mirrorClipboard();
   // On the clipboard thread: this desktop's clipboard text when it changed since it was last
