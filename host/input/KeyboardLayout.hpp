@@ -31,6 +31,8 @@ class KeyboardLayout {
   KeyboardLayout& operator=(const KeyboardLayout&) = delete;
 
   std::optional<LayoutKeystroke> keystroke(char32_t character) const;
+  // Every character it types, each on its simplest stroke.
+  const std::unordered_map<char32_t, LayoutKeystroke>& strokes() const { return strokes_; }
   std::optional<std::uint32_t> keycode(std::string_view keyName) const;
   // The keys that press shift and the third level, if the keymap has them.
   std::optional<std::uint32_t> shiftKey() const { return shiftKey_; }

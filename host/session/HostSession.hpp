@@ -231,6 +231,22 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   static asio::awaitable<void> askForNewWindow(std::weak_ptr<HostSession> weak, std::int32_t pid);
   asio::awaitable<void> quitApp(std::int32_t pid);
 
+  // The front application's menus as the device's actions (HostSessionActions.cpp): watched
+  // while the device asks, each new state of the tree numbered by a generation.
+  struct SentActions {
+    std::int32_t pid = 0;
+    std::string bundleID;
+    std::uint32_t generation = 0;
+    std::vector<MenuNode> menus;
+  };
+  void watchActions(bool enabled);
+  static asio::awaitable<void> actionsConsumer(std::weak_ptr<HostSession> weak,
+                                               ChangeStream wanted);
+  asio::awaitable<void> refreshActions();
+  asio::awaitable<void> performAction(const msg::performAction& request);
+  bool sendShortcut(const std::string& key, std::uint8_t modifiers, const std::string& label);
+  void stopActions();
+
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
   void onStrand(std::function<void(HostSession&)> body);
 
@@ -301,6 +317,9 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::vector<std::uint32_t> thumbWindowIDs_;
   std::map<std::uint32_t, Data> windowThumbCache_;
   std::shared_ptr<LaunchCoordinator> launchCoordinator_;
+  std::vector<Task> actionsTasks_;
+  std::uint32_t actionsGeneration_ = 0;  // never reset: an old performAction matches no later tree
+  std::optional<SentActions> lastActions_;
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 
