@@ -240,8 +240,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
     std::vector<MenuNode> menus;
   };
   void watchActions(bool enabled);
-  static asio::awaitable<void> actionsConsumer(std::weak_ptr<HostSession> weak,
-                                               ChangeStream wanted);
+  asio::awaitable<void> wantActions();
   asio::awaitable<void> refreshActions();
   asio::awaitable<void> performAction(const msg::performAction& request);
   bool sendShortcut(const std::string& key, std::uint8_t modifiers, const std::string& label);
@@ -318,6 +317,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::map<std::uint32_t, Data> windowThumbCache_;
   std::shared_ptr<LaunchCoordinator> launchCoordinator_;
   std::vector<Task> actionsTasks_;
+  ChangeStream actionsWanted_;           // while watching
   std::uint32_t actionsGeneration_ = 0;  // never reset: an old performAction matches no later tree
   std::optional<SentActions> lastActions_;
   Logger log_{"io.dovka.tovu.host", "session"};

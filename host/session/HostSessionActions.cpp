@@ -15,28 +15,6 @@ namespace {
 const std::string kNotAvailable = "Not available right now";
 const std::string kNotFound = "Action not found";
 
-// A stream of one element that keeps the newest: a read that is due stands for every signal
-// that comes before it starts. Its pushers share the session's strand.
-void want(const ChangeStream& wanted) {
-  if (wanted->count() == 0) wanted->push({});
-}
-
-asio::awaitable<void> actionsTicker(ChangeStream wanted, Sleeper sleep,
-                                    std::chrono::duration<double> interval) {
-  while (!co_await isCancelled()) {
-    want(wanted);
-    co_await sleep(interval);
-  }
-  wanted->finish();
-}
-
-asio::awaitable<void> actionsForwarder(ChangeStream changes, ChangeStream wanted) {
-  while (co_await changes->next()) {
-    if (co_await isCancelled()) co_return;
-    want(wanted);
-  }
-}
-
 std::string joined(const std::vector<std::string>& path) {
   std::string label;
   for (const std::string& title : path) label += (label.empty() ? "" : "/") + title;
@@ -45,31 +23,35 @@ std::string joined(const std::vector<std::string>& path) {
 
 }  // namespace
 
+// Reads are wanted at once, every interval and at every change the menu source tells of. They go
+// through a stream of one element that keeps the newest, read by one consumer: a read that is
+// due stands for every signal that comes before it starts.
 void HostSession::watchActions(bool enabled) {
   stopActions();
   if (!enabled || !env_.menus) return;
   lastActions_.reset();
   log_.info("actions: watching");
-  const auto wanted = std::make_shared<AsyncQueue<ChangeSignal>>();
+  actionsWanted_ = std::make_shared<AsyncQueue<ChangeSignal>>();
+  actionsWanted_->push({});
   actionsTasks_.push_back(
-      Task::spawn(strand_, actionsTicker(wanted, env_.sleep, env_.actionsRefreshInterval)));
-  actionsTasks_.push_back(Task::spawn(strand_, actionsForwarder(env_.menus->changes(), wanted)));
-  actionsTasks_.push_back(Task::spawn(strand_, actionsConsumer(weak_from_this(), wanted)));
+      Task::spawn(strand_, periodic(weak_from_this(), env_.sleep, env_.actionsRefreshInterval,
+                                    &HostSession::wantActions)));
+  actionsTasks_.push_back(Task::spawn(
+      strand_, appChangeLoop(weak_from_this(), env_.menus->changes(), &HostSession::wantActions)));
+  actionsTasks_.push_back(Task::spawn(
+      strand_, appChangeLoop(weak_from_this(), actionsWanted_, &HostSession::refreshActions)));
+}
+
+asio::awaitable<void> HostSession::wantActions() {
+  // Its pushers and its reader share the session's strand.
+  if (actionsWanted_ && actionsWanted_->count() == 0) actionsWanted_->push({});
+  co_return;
 }
 
 void HostSession::stopActions() {
   for (const Task& task : actionsTasks_) task.cancel();
   actionsTasks_.clear();
-}
-
-asio::awaitable<void> HostSession::actionsConsumer(std::weak_ptr<HostSession> weak,
-                                                   ChangeStream wanted) {
-  while (co_await wanted->next()) {
-    if (co_await isCancelled()) co_return;
-    const auto self = weak.lock();
-    if (!self) co_return;
-    co_await self->refreshActions();
-  }
+  actionsWanted_.reset();
 }
 
 asio::awaitable<void> HostSession::refreshActions() {
