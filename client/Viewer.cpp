@@ -23,7 +23,8 @@ Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, st
       options_(std::move(options)),
       out_(out),
       since_(since),
-      apps_(*connection_, options_.apps, out) {}
+      apps_(*connection_, options_.apps, out),
+      actions_(*connection_, options_.actions, out) {}
 
 asio::awaitable<void> Viewer::run() {
   for (const auto& folder :
@@ -45,7 +46,7 @@ asio::awaitable<void> Viewer::run() {
   }
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
   int second = 0;
-  while (Clock::now() < end && !ended_ && !apps_.done()) {
+  while (Clock::now() < end && !ended_ && !apps_.done() && !actions_.done()) {
     co_await sleepFor(std::chrono::seconds(1));
     endSecond(++second);
   }
@@ -56,13 +57,14 @@ asio::awaitable<void> Viewer::run() {
 
 asio::awaitable<void> Viewer::readMessages() {
   while (const auto message = co_await connection_->messages().next()) {
-    if (apps_.handle(*message)) continue;
+    if (apps_.handle(*message) || actions_.handle(*message)) continue;
     if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
       out_ << "Connected to " << ack->hostName << "; profile " << profileLabel(ack->profile)
            << std::endl;
       if (options_.audio) connection_->send(msg::setAudio{*options_.audio});
       if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
       apps_.greeted();
+      actions_.greeted();
     } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
       streamMode(mode->info);
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
@@ -301,8 +303,9 @@ void Viewer::leave() {
   if (thumbnails_ > 0) out_ << "Received " << thumbnails_ << " thumbnails" << std::endl;
   if (refusal_) throw FlowError("refused: " + *refusal_);
   if (const auto failure = apps_.failure()) throw FlowError(*failure);
+  if (const auto failure = actions_.failure()) throw FlowError(*failure);
   // An errand is done with or without a picture.
-  if (statistics_.totalFrames() == 0 && !options_.apps.errand) {
+  if (statistics_.totalFrames() == 0 && !options_.apps.errand && !options_.actions.wanted()) {
     throw FlowError("the host sent no picture");
   }
   if (options_.audio && audioStatistics_.totalPackets() == 0) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "client/ActionsView.hpp"
 #include "client/AppsView.hpp"
 #include "client/AudioDecoder.hpp"
 #include "client/AudioOutput.hpp"
@@ -39,12 +40,13 @@ struct ViewerOptions {
   std::filesystem::path saveCursor;      // each pointer image as PNG, and a log of its states
   std::filesystem::path saveThumbnails;  // asks for the other displays' pictures, saved as JPEG
   AppsOptions apps;
+  ActionsOptions actions;
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
 // figures, decodes the pictures, sends the feedback, types, saves the last picture, plays or
 // records the sound, mirrors the clipboard, saves the cursor and thumbnails, and shows the host's
-// applications when asked.
+// applications and the front one's actions when asked.
 class Viewer : public std::enable_shared_from_this<Viewer> {
  public:
   using Clock = std::chrono::steady_clock;
@@ -93,6 +95,7 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   std::ofstream cursorLog_;  // with --save-cursor: a line per state and per shape
   std::uint32_t thumbnails_ = 0;
   AppsView apps_;
+  ActionsView actions_;
   asio::thread_pool clipboardThread_{1};
   std::optional<std::string> lastLocalClipboard_;  // touched on the clipboard thread only
   std::optional<std::string> audioProblem_;

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "apps/common/CommandLine.hpp"
 #include "client/Flow.hpp"
@@ -56,6 +57,12 @@ constexpr const char* kUsage = R"(Usage:
   tovu-client quit <host> <PID>
       ask the application of a process (as "apps" prints it) to quit, as closing its windows
       would; it may first ask about unsaved work
+  tovu-client actions <host>
+      print the menus of the host's application in front as the device's tree of actions
+      (shortcuts, disabled items, marks and separators shown), then leave
+  tovu-client action <host> <TITLE>...
+      carry out an item of the front application's menus, named by its titles from the menu
+      bar down ("File" "New Window"), and print "Done" or why it failed
   tovu-client hosts
       list the paired hosts
 
@@ -67,8 +74,8 @@ The client's identity and paired hosts live in $XDG_DATA_HOME/tovu-client/.
 
 struct Arguments {
   std::string command;
-  std::string subject;  // the link, or the host
-  std::string object;   // what the apps commands act on
+  std::string subject;               // the link, or the host
+  std::vector<std::string> objects;  // what the apps and action commands act on
   std::optional<QUICConnection::Endpoint> address;
   std::optional<std::string> name;
   std::optional<double> seconds;
@@ -158,10 +165,8 @@ apps::CommandLine commandLine(Arguments& arguments) {
           arguments.command = word;
         } else if (arguments.subject.empty()) {
           arguments.subject = word;
-        } else if (arguments.object.empty()) {
-          arguments.object = word;
         } else {
-          throw apps::UsageError("unexpected " + word + " (see --help)");
+          arguments.objects.push_back(word);
         }
       });
   return line;
@@ -169,27 +174,40 @@ apps::CommandLine commandLine(Arguments& arguments) {
 
 bool isCommand(const std::string& word) {
   return word == "list" || word == "pair" || word == "connect" || word == "hosts" ||
-         word == "apps" || word == "launch" || word == "quit";
+         word == "apps" || word == "launch" || word == "quit" || word == "actions" ||
+         word == "action";
 }
 
-// What the apps, launch and quit commands ask of the viewer; a usage error as text.
-std::optional<std::string> addErrand(const Arguments& arguments, client::AppsOptions& apps) {
+// What the apps, launch, quit, actions and action commands ask of the viewer; a usage error as
+// text.
+std::optional<std::string> addErrand(const Arguments& arguments, client::AppsOptions& apps,
+                                     client::ActionsOptions& actions) {
   const std::string& command = arguments.command;
-  if (command != "apps" && command != "launch" && command != "quit") {
-    if (!arguments.object.empty()) return "unexpected " + arguments.object + " (see --help)";
+  const std::vector<std::string>& objects = arguments.objects;
+  if (command == "action") {
+    if (objects.empty()) return "action wants the titles of a menu item";
+    actions.path = objects;
     return std::nullopt;
   }
+  const std::size_t allowed = command == "launch" || command == "quit" ? 1 : 0;
+  if (objects.size() > allowed) return "unexpected " + objects[allowed] + " (see --help)";
+  if (command == "actions") {
+    actions.list = true;
+    return std::nullopt;
+  }
+  if (command != "apps" && command != "launch" && command != "quit") return std::nullopt;
+  const std::string object = objects.empty() ? "" : objects[0];
   apps.errand = true;
   if (command == "apps") {
     apps.listApps = true;
-  } else if (arguments.object.empty()) {
+  } else if (object.empty()) {
     return command == "launch" ? "launch wants an application's ID" : "quit wants a process ID";
   } else if (command == "launch") {
-    apps.launch = arguments.object;
+    apps.launch = object;
     apps.launchAlone = arguments.alone;
     apps.onNoWindow = arguments.onNoWindow;
   } else {
-    apps.quit = apps::parseNumber<std::int32_t>(arguments.object, 1, INT32_MAX);
+    apps.quit = apps::parseNumber<std::int32_t>(object, 1, INT32_MAX);
     if (!apps.quit) return "quit wants a process ID";
   }
   return std::nullopt;
@@ -214,7 +232,8 @@ int main(int argc, char** argv) {
                            .saveIcons = arguments.saveIcons,
                            .focus = arguments.focus,
                            .fit = arguments.fit};
-  if (const auto problem = addErrand(arguments, apps)) return line.fail(*problem);
+  client::ActionsOptions actions;
+  if (const auto problem = addErrand(arguments, apps, actions)) return line.fail(*problem);
 
   const client::HostDirectory directory(arguments.address);
   const client::ViewerOptions viewing{std::chrono::duration<double>(arguments.seconds.value_or(10)),
@@ -226,7 +245,8 @@ int main(int argc, char** argv) {
                                       arguments.clipboard,
                                       arguments.saveCursor,
                                       arguments.saveThumbnails,
-                                      apps};
+                                      apps,
+                                      actions};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

@@ -56,6 +56,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   };
   env.encoders = std::move(encoders);
   env.injector = injector_;
+  env.keyLayout = [injector = injector_](char32_t c) { return injector->layoutStroke(c); };
   env.power = power_;
   env.pasteboard = pasteboard_;
   env.cursorSource = std::make_shared<XFixesCursorSource>(executors_.pool, options_.displayName);

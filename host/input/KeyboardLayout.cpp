@@ -31,17 +31,20 @@ KeyboardLayout::KeyboardLayout(xkb_keymap* keymap, xkb_layout_index_t layout)
   struct Level {
     bool shift, option;
   };
-  for (const Level level :
-       {Level{false, false}, Level{true, false}, Level{false, true}, Level{true, true}}) {
-    if ((level.shift && !shift) || (level.option && !option)) continue;
-    const StatePtr state(xkb_state_new(keymap_));
-    if (!state) continue;
-    xkb_state_update_mask(state.get(), (level.shift ? shift : 0) | (level.option ? option : 0), 0,
-                          0, 0, 0, layout);
-    for (xkb_keycode_t key = xkb_keymap_min_keycode(keymap_); key <= lastKeycode(); ++key) {
-      const char32_t c = xkb_state_key_get_utf32(state.get(), key);
-      if (c == 0 || isControl(c)) continue;
-      strokes_.try_emplace(c, LayoutKeystroke{key, level.shift, level.option});
+  for (const bool keypad : {false, true}) {
+    for (const Level level :
+         {Level{false, false}, Level{true, false}, Level{false, true}, Level{true, true}}) {
+      if ((level.shift && !shift) || (level.option && !option)) continue;
+      const StatePtr state(xkb_state_new(keymap_));
+      if (!state) continue;
+      xkb_state_update_mask(state.get(), (level.shift ? shift : 0) | (level.option ? option : 0), 0,
+                            0, 0, 0, layout);
+      for (xkb_keycode_t key = xkb_keymap_min_keycode(keymap_); key <= lastKeycode(); ++key) {
+        if (isKeypadKey(key) != keypad) continue;
+        const char32_t c = xkb_state_key_get_utf32(state.get(), key);
+        if (c == 0 || isControl(c)) continue;
+        strokes_.try_emplace(c, LayoutKeystroke{key, level.shift, level.option});
+      }
     }
   }
   for (const auto& [c, name] :
@@ -76,6 +79,12 @@ std::optional<std::uint32_t> KeyboardLayout::keycode(std::string_view keyName) c
 xkb_mod_mask_t KeyboardLayout::modifierMask(const char* name) const {
   const xkb_mod_index_t index = xkb_keymap_mod_get_index(keymap_, name);
   return index == XKB_MOD_INVALID ? 0 : xkb_mod_mask_t{1} << index;
+}
+
+// XKB names the keypad's keys KP0, KPAD, KPEN and so on.
+bool KeyboardLayout::isKeypadKey(xkb_keycode_t key) const {
+  const char* name = xkb_keymap_key_get_name(keymap_, key);
+  return name && std::string_view(name).starts_with("KP");
 }
 
 // The first key whose first level is `symbol`.

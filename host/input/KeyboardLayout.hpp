@@ -20,7 +20,9 @@ struct LayoutKeystroke {
 };
 
 // What one keyboard layout of an XKB keymap types, and its keys by name. The first way found to
-// type a character wins: no modifier before shift, shift before the third level, a lower key code
+// type a character wins: a key off the keypad before one on it (a menu's shortcut names the main
+// keys: Ctrl++ is Ctrl+Shift+= on a US keyboard, and the keypad's + is another key to
+// applications), then no modifier before shift, shift before the third level, a lower key code
 // before a higher one. Control characters are left out, but for space, newline (Return) and tab.
 class KeyboardLayout {
  public:
@@ -31,6 +33,8 @@ class KeyboardLayout {
   KeyboardLayout& operator=(const KeyboardLayout&) = delete;
 
   std::optional<LayoutKeystroke> keystroke(char32_t character) const;
+  // Every character it types, each on its simplest stroke.
+  const std::unordered_map<char32_t, LayoutKeystroke>& strokes() const { return strokes_; }
   std::optional<std::uint32_t> keycode(std::string_view keyName) const;
   // The keys that press shift and the third level, if the keymap has them.
   std::optional<std::uint32_t> shiftKey() const { return shiftKey_; }
@@ -44,6 +48,7 @@ class KeyboardLayout {
 
  private:
   xkb_keycode_t lastKeycode() const;
+  bool isKeypadKey(xkb_keycode_t key) const;
   std::optional<std::uint32_t> keyTyping(xkb_keysym_t symbol, xkb_layout_index_t layout) const;
   xkb_mod_mask_t modifiersOf(std::optional<std::uint32_t> key) const;
 

@@ -331,6 +331,7 @@ bool XTestInjector::ensureServer() {
   // The connection and its handlers end with server_, on this thread.
   server_->x->startEvents([this](const xcb_generic_event_t& event) { handleEvent(event); },
                           [this](const std::string& reason) { connectionLost(reason); });
+  currentLayout();  // for layoutStroke
   return true;
 }
 
@@ -360,6 +361,7 @@ void XTestInjector::dropServer() {
   }
   // The keys and buttons went with the server.
   server_.reset();
+  publishLayout(nullptr);
   heldKeys_.clear();
   heldButtons_.clear();
 }
@@ -425,7 +427,35 @@ const KeyboardLayout* XTestInjector::currentLayout() {
   server_->layoutRules = std::move(rules);
   server_->layoutGroup = state.group;
   xkb_keymap_unref(keymap);
+  publishLayout(server_->layout.get());
   return server_->layout.get();
+}
+
+void XTestInjector::publishLayout(const KeyboardLayout* layout) {
+  auto strokes = layout ? std::make_shared<const LayoutStrokes>(strokesByUsage(*layout)) : nullptr;
+  std::lock_guard lock(layoutLock_);
+  publishedStrokes_ = std::move(strokes);
+}
+
+std::optional<LayoutStroke> XTestInjector::layoutStroke(char32_t character) {
+  std::shared_ptr<const LayoutStrokes> strokes;
+  {
+    std::lock_guard lock(layoutLock_);
+    strokes = publishedStrokes_;
+    if (!std::exchange(layoutCheckPosted_, true)) {
+      asio::post(context_, [this] {
+        {
+          std::lock_guard guard(layoutLock_);
+          layoutCheckPosted_ = false;
+        }
+        if (ensureServer()) currentLayout();
+      });
+    }
+  }
+  if (!strokes) return std::nullopt;
+  const auto found = strokes->find(character);
+  if (found == strokes->end()) return std::nullopt;
+  return found->second;
 }
 
 // ---- Keys ----

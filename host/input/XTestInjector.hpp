@@ -15,6 +15,7 @@
 
 #include "host/input/HostScroll.hpp"
 #include "host/input/InputInjector.hpp"
+#include "host/input/LayoutStroke.hpp"
 #include "host/input/PointerTracker.hpp"
 #include "host/x11/X11PointerProbe.hpp"
 #include "kit/log/Logger.hpp"
@@ -51,6 +52,10 @@ class XTestInjector : public InputInjector {
   // Includes every pointer event asked for before the call; waits only while one is on its way.
   std::optional<Point> currentPointerPosition() override;
   void release(InputOwner owner) override;
+  // How the keyboard layout in force types `character`, from any thread without waiting: the
+  // layout as the injector's thread last read it (at connecting, and before each key and text),
+  // which each question asks it to read again for the next.
+  std::optional<LayoutStroke> layoutStroke(char32_t character);
 
  private:
   struct Server;
@@ -68,6 +73,7 @@ class XTestInjector : public InputInjector {
   void handleEvent(const xcb_generic_event_t& event);
   void connectionLost(const std::string& reason);
   const KeyboardLayout* currentLayout();
+  void publishLayout(const KeyboardLayout* layout);
   // Where the main display's top left corner lies in the root window, and the displays in points.
   struct Screen {
     Point origin;
@@ -129,6 +135,10 @@ class XTestInjector : public InputInjector {
   // the last of them is older than the belief.
   std::uint64_t beliefChanges_ = 0;
   std::uint64_t pointerAsked_ = 0, pointerDone_ = 0;  // pointer events, in the order of the calls
+  // The layout's characters as the callers of layoutStroke read them.
+  std::mutex layoutLock_;
+  std::shared_ptr<const LayoutStrokes> publishedStrokes_;
+  bool layoutCheckPosted_ = false;
   double checkedAt_ = -1e300;  // uptime of the last reading of the pointer, or attempt to connect
   bool readPosted_ = false;    // a reading is on its way
   // The injector's own thread, on which all of the above is touched, in the order of the calls.

@@ -14,11 +14,13 @@
 #include "host/desktop/FocusFollowing.hpp"
 #include "host/desktop/InstalledApps.hpp"
 #include "host/desktop/LaunchCoordinator.hpp"
+#include "host/desktop/MenuSource.hpp"
 #include "host/desktop/PasteboardProviding.hpp"
 #include "host/desktop/TextFocus.hpp"
 #include "host/desktop/WindowSystem.hpp"
 #include "host/input/ClickRecord.hpp"
 #include "host/input/InputInjector.hpp"
+#include "host/input/LayoutStroke.hpp"
 #include "host/session/PowerManaging.hpp"
 #include "host/video/CaptureSource.hpp"
 #include "host/video/CursorSource.hpp"
@@ -84,6 +86,13 @@ struct HostEnvironment {
   std::shared_ptr<AppLaunching> launcher;
   std::chrono::duration<double> launchTimeout{15};
   std::chrono::duration<double> windowThumbnailInterval{1.0};
+  // The menus of the application in front, for the device's actions: none offered without them;
+  // read again at least this often while the device watches. The keyboard layout in force types
+  // an item's shortcut where the item cannot be pressed; without it only keys that type no
+  // character can be.
+  std::shared_ptr<MenuSource> menus;
+  std::chrono::duration<double> actionsRefreshInterval{2.0};
+  KeyLayoutLookup keyLayout;
   // Following the computer's focus in focus mode: without an observer the stream stays on the
   // chosen window. Another window must stay in front for `focusDebounce` to be followed, and for
   // `followGrace` after a switch nothing is followed while the computer's focus settles.

@@ -163,6 +163,10 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     co_await launchControl(*control);
   } else if (const auto* quit = std::get_if<msg::quitApp>(&message)) {
     co_await quitApp(quit->pid);
+  } else if (const auto* watch = std::get_if<msg::watchActions>(&message)) {
+    watchActions(watch->enabled);
+  } else if (const auto* action = std::get_if<msg::performAction>(&message)) {
+    co_await performAction(*action);
   }
 }
 

@@ -240,6 +240,21 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
                                              std::shared_ptr<AsyncQueue<TextFocus>> results);
   void handleTextFocus(const TextFocus& focus);
 
+  // The front application's menus as the device's actions (HostSessionActions.cpp): watched
+  // while the device asks, each new state of the tree numbered by a generation.
+  struct SentActions {
+    std::int32_t pid = 0;
+    std::string bundleID;
+    std::uint32_t generation = 0;
+    std::vector<MenuNode> menus;
+  };
+  void watchActions(bool enabled);
+  asio::awaitable<void> wantActions();
+  asio::awaitable<void> refreshActions();
+  asio::awaitable<void> performAction(const msg::performAction& request);
+  bool sendShortcut(const std::string& key, std::uint8_t modifiers, const std::string& label);
+  void stopActions();
+
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
   void onStrand(std::function<void(HostSession&)> body);
 
@@ -313,6 +328,10 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   TextFocusSource::Stop stopTextFocus_;
   std::optional<Task> textFocusTask_;
   std::optional<TextFocus> textFocusSent_;
+  std::vector<Task> actionsTasks_;
+  ChangeStream actionsWanted_;           // while watching
+  std::uint32_t actionsGeneration_ = 0;  // never reset: an old performAction matches no later tree
+  std::optional<SentActions> lastActions_;
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

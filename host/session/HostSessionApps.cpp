@@ -141,6 +141,7 @@ void HostSession::stopAppWork() {
   if (focusTask_) focusTask_->cancel();
   focusTask_.reset();
   if (launchCoordinator_) launchCoordinator_->stop();
+  stopActions();
 }
 
 }  // namespace kelvaron::host

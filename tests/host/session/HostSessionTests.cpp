@@ -831,6 +831,93 @@ SESSION_TEST(InstalledAppsAndTheirIconsAreAnsweredWithoutHoldingUpWhatFollows) {
   EXPECT_EQ(installed->asked, std::vector(ids.begin(), ids.begin() + 24));
 }
 
+// The front application's menus as a menu reader gives them, and the presses asked of it.
+struct FakeMenus : MenuSource {
+  std::optional<FrontApp> front;
+  std::optional<std::vector<MenuNode>> tree;  // what a read gives: none when it fails
+  MenuPressResult pressing = MenuPressResult::pressed;
+  std::vector<std::vector<std::string>> pressed;
+  ChangeStream changed = std::make_shared<AsyncQueue<ChangeSignal>>();
+  asio::awaitable<std::optional<FrontApp>> frontmost() override { co_return front; }
+  ChangeStream changes() override { return changed; }
+  asio::awaitable<std::optional<std::vector<MenuNode>>> readMenus(std::int32_t) override {
+    co_return tree;
+  }
+  asio::awaitable<MenuPressResult> press(std::int32_t, std::vector<std::string> path) override {
+    pressed.push_back(std::move(path));
+    co_return pressing;
+  }
+};
+
+MenuNode menuItem(std::string title, std::string key = "", bool enabled = true,
+                  std::vector<MenuNode> children = {}) {
+  const std::uint8_t modifiers = key.empty() ? 0 : kMenuControl;
+  return {std::move(title), std::move(key), modifiers,          enabled,
+          MenuMark::none,   false,          std::move(children)};
+}
+
+// A tree goes out when it changed, numbered anew, and for every switch of application; a failed
+// read leaves the device's tree standing. An action is pressed where the fresh tree has it
+// enabled, and typed as the shortcut the device was shown where it vanished.
+SESSION_TEST(TheFrontMenusGoOutWhenChangedAndActionsArePressedOrTypedAsShortcuts) {
+  const auto menus = std::make_shared<FakeMenus>();
+  const FrontApp editor{100, "org.gnome.TextEditor", "Text Editor"}, other{200, "xcalc", "XCalc"};
+  const std::vector<MenuNode> first = {
+      menuItem("File", "", true, {menuItem("New Window", "n"), menuItem("Close", "w", false)}),
+      menuItem("Edit", "", true, {menuItem("Undo", "z")})};
+  menus->front = editor, menus->tree = first;
+  h.useManualClock();
+  h.env.menus = menus;
+  h.env.keyLayout = [](char32_t c) -> std::optional<LayoutStroke> {
+    if (c == U'z') return LayoutStroke{{0x1D}, false, false};
+    return std::nullopt;
+  };
+  co_await h.open();
+
+  h.client->send(msg::watchActions{true});
+  CO_EXPECT_MESSAGE(h, msg::appActions, editor.bundleID, editor.name, 1, first);
+  menus->changed->push({});
+  h.clock->advance(2s);
+  co_await h.expectSilence("the same tree read again");
+  std::vector<MenuNode> second = first;
+  second[1].children[0].enabled = false;
+  menus->tree = second;
+  menus->changed->push({});
+  CO_EXPECT_MESSAGE(h, msg::appActions, editor.bundleID, editor.name, 2, second);
+  menus->tree.reset();
+  h.clock->advance(2s);
+  co_await h.expectSilence("a failed read");
+  menus->front = other;  // read as nothing: an empty tree
+  menus->changed->push({});
+  CO_EXPECT_MESSAGE(h, msg::appActions, other.bundleID, other.name, 3, {});
+  menus->front = editor, menus->tree = first;
+  h.clock->advance(2s);
+  CO_EXPECT_MESSAGE(h, msg::appActions, editor.bundleID, editor.name, 4, first);
+
+  h.client->send(msg::performAction{4, {"File", "New Window"}});
+  CO_EXPECT_MESSAGE(h, msg::actionResult, true, "");
+  h.client->send(msg::performAction{4, {"File", "Close"}});
+  CO_EXPECT_MESSAGE(h, msg::actionResult, false, "Not available right now");
+  EXPECT_EQ(menus->pressed, (std::vector<std::vector<std::string>>{{"File", "New Window"}}));
+  // Undo vanishes before the device's tree is read again.
+  menus->tree = {first[0]};
+  h.client->send(msg::performAction{3, {"Edit", "Undo"}});
+  CO_EXPECT_MESSAGE(h, msg::actionResult, false, "Action not found");
+  EXPECT_TRUE(h.injector->keys.empty());
+  h.client->send(msg::performAction{4, {"Edit", "Undo"}});
+  CO_EXPECT_MESSAGE(h, msg::actionResult, true, "");
+  EXPECT_EQ(h.injector->keys, (std::vector<KeyEvent>{{{0xE0}, true, {0x02}},
+                                                     {{0x1D}, true, {0x02}},
+                                                     {{0x1D}, false, {0x02}},
+                                                     {{0xE0}, false, {0x00}}}));
+  EXPECT_EQ(menus->pressed.size(), 1u);
+
+  h.client->send(msg::watchActions{false});
+  menus->changed->push({});
+  h.clock->advance(2s);
+  co_await h.expectSilence("a change after watching stopped");
+}
+
 TEST(HostSession, StreamsARealScreenThatTheClientDecodes) {
   VirtualDisplay x(1280, 720);
   SKIP_WITHOUT_DISPLAY(x);
