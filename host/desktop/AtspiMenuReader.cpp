@@ -193,7 +193,7 @@ class AtspiWalker {
     const Variant value(g_variant_get_child_value(reply.get(), 0));
     const Variant inner(g_variant_get_variant(value.get()));
     if (!g_variant_is_of_type(inner.get(), G_VARIANT_TYPE_STRING)) return {};
-    return g_variant_get_string(inner.get(), nullptr);
+    return boundedTitle(g_variant_get_string(inner.get(), nullptr));
   }
 
   bool press(const Node& node) {

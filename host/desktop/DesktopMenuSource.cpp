@@ -353,8 +353,12 @@ struct DesktopMenuSource::Core {
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - started);
     if (budget.exhausted()) {
-      log().error("menu read for pid %d ran out of time (%lld ms) or items", int(pid),
-                  (long long)took.count());
+      if (budget.outOfItems()) {
+        log().error("menu read for pid %d ran out of items (more than %d)", int(pid), kMaxItems);
+      } else {
+        log().error("menu read for pid %d ran out of time (%lld ms)", int(pid),
+                    (long long)took.count());
+      }
       return std::nullopt;
     }
     if (!found) {

@@ -11,7 +11,11 @@ int MenuBudget::timeoutMs() const {
 }
 
 bool MenuBudget::take() {
-  if (--itemsLeft_ >= 0) return true;
+  if (itemsLeft_ > 0) {
+    --itemsLeft_;
+    return true;
+  }
+  itemsLeft_ = -1;
   exhausted_ = true;
   return false;
 }

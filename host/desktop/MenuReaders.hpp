@@ -29,6 +29,8 @@ class MenuBudget {
   bool take();
   void exhaust() { exhausted_ = true; }
   bool exhausted() const { return exhausted_; }
+  // Whether it was the count of items that ran out, not the time.
+  bool outOfItems() const { return itemsLeft_ < 0; }
 
  private:
   std::chrono::steady_clock::time_point deadline_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdlib>
 #include <utility>
 
 #include "host/desktop/MenuSource.hpp"
@@ -81,6 +82,15 @@ std::string withoutMnemonics(std::string_view label, char marker) {
       ++i;
     }
   }
+  return boundedTitle(std::move(title));
+}
+
+std::string boundedTitle(std::string title) {
+  if (title.size() <= kMaxMenuTitleBytes) return title;
+  std::size_t end = kMaxMenuTitleBytes;
+  // Back to the first byte of a character (continuation bytes are 10xxxxxx).
+  while (end > 0 && (static_cast<unsigned char>(title[end]) & 0xC0) == 0x80) --end;
+  title.resize(end);
   return title;
 }
 

@@ -16,9 +16,15 @@ struct MenuShortcut {
   friend bool operator==(const MenuShortcut&, const MenuShortcut&) = default;
 };
 
+// The longest title kept, in bytes; a longer one is cut at a character's start.
+inline constexpr std::size_t kMaxMenuTitleBytes = 256;
+
 // The title without its mnemonic markers: a single `marker` goes, a doubled one stays as one
-// ("_Save __As" → "Save _As").
+// ("_Save __As" → "Save _As"). At most kMaxMenuTitleBytes.
 std::string withoutMnemonics(std::string_view label, char marker = '_');
+
+// `title` (UTF-8) cut to at most kMaxMenuTitleBytes, never inside a character.
+std::string boundedTitle(std::string title);
 
 // A GTK accelerator: "<Primary><Shift>n", "<Control>F5", "<Alt>Left", "Delete".
 MenuShortcut gtkAccelerator(std::string_view accelerator);

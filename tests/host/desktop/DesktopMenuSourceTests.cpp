@@ -297,7 +297,8 @@ TEST_P(MenuRoutes, GiveTheTreeAndPressItsItemsAndAHungProgramGivesNothingInTime)
             while (co_await nextWithin(*changes, 700ms)) {
             }
           }
-          const MenuPressResult result = co_await menus.press(app.pid(), path);
+          auto pressing = menus.press(app.pid(), path);
+          const MenuPressResult result = co_await std::move(pressing);
           EXPECT_EQ(result, expected) << path.back();
         }
         EXPECT_TRUE(waitForLine(activations, "activated theme light"));

@@ -62,10 +62,13 @@ TEST(MenuShortcuts, EachSpellingGivesTheKeyAndModifiersOrNothing) {
   EXPECT_EQ(dbusmenuShortcut({}), MenuShortcut{});
 }
 
-TEST(MenuShortcuts, MnemonicMarkersLeaveTitles) {
+TEST(MenuShortcuts, MnemonicMarkersLeaveTitlesAndLongTitlesAreCutBetweenCharacters) {
   EXPECT_EQ(withoutMnemonics("_Save __As…"), "Save _As…");
   EXPECT_EQ(withoutMnemonics("Trailing_"), "Trailing");
   EXPECT_EQ(withoutMnemonics("&Open", '&'), "Open");
+  // Cut before the "é" that would straddle the bound.
+  const std::string longTitle = std::string(kMaxMenuTitleBytes - 1, 'a') + "\xC3\xA9";
+  EXPECT_EQ(withoutMnemonics(longTitle), std::string(kMaxMenuTitleBytes - 1, 'a'));
 }
 
 }  // namespace
