@@ -249,17 +249,6 @@ class AtspiWalker {
   bool failed_ = false;
 };
 
-std::vector<RawMenuItem> rawItems(std::vector<AtspiItem>& items) {
-  std::vector<RawMenuItem> result;
-  result.reserve(items.size());
-  for (auto& item : items) {
-    item.item.children = rawItems(item.children);
-    result.push_back(std::move(item.item));
-  }
-  tidySeparators(result);
-  return result;
-}
-
 }  // namespace
 
 MenuRead readAtspiMenus(GDBusConnection* a11y, std::int32_t pid, MenuBudget& budget) {
@@ -270,7 +259,7 @@ MenuRead readAtspiMenus(GDBusConnection* a11y, std::int32_t pid, MenuBudget& bud
   auto items = walker.items(*bar, 0, true);
   if (budget.exhausted()) return {MenuReadStatus::exhausted, {}};
   if (walker.failed()) return {MenuReadStatus::absent, {}};
-  return {MenuReadStatus::read, rawItems(items)};
+  return {MenuReadStatus::read, rawItemsOf(items)};
 }
 
 MenuPressResult pressAtspiMenu(GDBusConnection* a11y, std::int32_t pid,

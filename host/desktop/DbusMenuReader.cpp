@@ -83,17 +83,6 @@ std::vector<DbusItem> children(GVariant* node, int depth, MenuBudget& budget) {
   return result;
 }
 
-std::vector<RawMenuItem> rawItems(std::vector<DbusItem>& items) {
-  std::vector<RawMenuItem> result;
-  result.reserve(items.size());
-  for (auto& item : items) {
-    item.item.children = rawItems(item.children);
-    result.push_back(std::move(item.item));
-  }
-  tidySeparators(result);
-  return result;
-}
-
 MenuReadStatus layout(GDBusConnection* bus, const DbusMenuAddress& address, MenuBudget& budget,
                       std::vector<DbusItem>& top) {
   std::string error;
@@ -112,27 +101,16 @@ MenuRead readDbusMenu(GDBusConnection* bus, const DbusMenuAddress& address, Menu
   std::vector<DbusItem> items;
   const auto status = layout(bus, address, budget, items);
   if (status != MenuReadStatus::read) return {status, {}};
-  return {status, rawItems(items)};
+  return {status, rawItemsOf(items)};
 }
 
 MenuPressResult pressDbusMenu(GDBusConnection* bus, const DbusMenuAddress& address,
                               const std::vector<std::string>& path, MenuBudget& budget) {
   std::vector<DbusItem> items;
   if (layout(bus, address, budget, items) != MenuReadStatus::read) return MenuPressResult::failed;
-  const DbusItem* found = nullptr;
-  const std::vector<DbusItem>* level = &items;
-  for (const std::string& title : path) {
-    found = nullptr;
-    for (const DbusItem& item : *level) {
-      if (item.item.title == title) {
-        found = &item;
-        break;
-      }
-    }
-    if (!found) return MenuPressResult::notFound;
-    level = &found->children;
-  }
-  if (!found || !found->item.enabled) return MenuPressResult::failed;
+  const DbusItem* found = itemAtPath(items, path);
+  if (!found) return MenuPressResult::notFound;
+  if (!found->item.enabled) return MenuPressResult::failed;
   const Variant reply = callMethod(
       bus, address.bus, address.path, kInterface, "Event",
       g_variant_new("(isvu)", found->id, "clicked", g_variant_new_int32(0), 0u), nullptr, budget);

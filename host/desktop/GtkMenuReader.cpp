@@ -219,17 +219,6 @@ class GtkModelReader {
   Actions appActions_, windowActions_;
 };
 
-std::vector<RawMenuItem> rawItems(std::vector<GtkItem>& items) {
-  std::vector<RawMenuItem> result;
-  result.reserve(items.size());
-  for (auto& item : items) {
-    item.item.children = rawItems(item.children);
-    result.push_back(std::move(item.item));
-  }
-  tidySeparators(result);
-  return result;
-}
-
 }  // namespace
 
 MenuRead readGtkMenus(GDBusConnection* bus, const GtkMenuAddress& address, MenuBudget& budget) {
@@ -237,7 +226,7 @@ MenuRead readGtkMenus(GDBusConnection* bus, const GtkMenuAddress& address, MenuB
   GtkModelReader reader(bus, address, budget);
   const auto status = reader.read(items);
   if (status != MenuReadStatus::read) return {status, {}};
-  return {status, rawItems(items)};
+  return {status, rawItemsOf(items)};
 }
 
 MenuPressResult pressGtkMenu(GDBusConnection* bus, const GtkMenuAddress& address,
@@ -245,20 +234,9 @@ MenuPressResult pressGtkMenu(GDBusConnection* bus, const GtkMenuAddress& address
   std::vector<GtkItem> items;
   GtkModelReader reader(bus, address, budget);
   if (reader.read(items) != MenuReadStatus::read) return MenuPressResult::failed;
-  const GtkItem* found = nullptr;
-  const std::vector<GtkItem>* level = &items;
-  for (const std::string& title : path) {
-    found = nullptr;
-    for (const GtkItem& item : *level) {
-      if (item.item.title == title) {
-        found = &item;
-        break;
-      }
-    }
-    if (!found) return MenuPressResult::notFound;
-    level = &found->children;
-  }
-  if (!found || !found->item.enabled || found->action.empty()) return MenuPressResult::failed;
+  const GtkItem* found = itemAtPath(items, path);
+  if (!found) return MenuPressResult::notFound;
+  if (!found->item.enabled || found->action.empty()) return MenuPressResult::failed;
   const auto [object, name] = reader.actionAddress(found->action);
   if (object.empty()) return MenuPressResult::failed;
   GVariantBuilder parameter;

@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -61,6 +62,37 @@ struct MenuRead {
 
 // Drops separators at either end of a list and those that follow another, at every level.
 void tidySeparators(std::vector<RawMenuItem>& items);
+
+// Readers keep, with each item, what pressing it takes on their route: trees of a type with the
+// raw item (without its children) as `item` and its own `children`.
+
+// The raw tree, taken out of a reader's.
+template <class Item>
+std::vector<RawMenuItem> rawItemsOf(std::vector<Item>& items) {
+  std::vector<RawMenuItem> result;
+  result.reserve(items.size());
+  for (auto& entry : items) {
+    entry.item.children = rawItemsOf(entry.children);
+    result.push_back(std::move(entry.item));
+  }
+  tidySeparators(result);
+  return result;
+}
+
+// The item at `path`, titles from the top level down; null where a title is missing.
+template <class Item>
+const Item* itemAtPath(const std::vector<Item>& top, const std::vector<std::string>& path) {
+  const Item* found = nullptr;
+  const std::vector<Item>* level = &top;
+  for (const std::string& title : path) {
+    const auto at = std::find_if(level->begin(), level->end(),
+                                 [&](const Item& entry) { return entry.item.title == title; });
+    if (at == level->end()) return nullptr;
+    found = &*at;
+    level = &found->children;
+  }
+  return found;
+}
 
 // The depth of items below the top level that readers go to.
 inline constexpr int kMenuMaxDepth = 4;
