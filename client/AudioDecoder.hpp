@@ -5,9 +5,7 @@
 #include <span>
 #include <vector>
 
-struct AVCodecContext;
-struct AVFrame;
-struct AVPacket;
+#include "client/LibavDecoding.hpp"
 
 namespace kelvaron::client {
 
@@ -17,19 +15,14 @@ class AudioDecoder {
  public:
   // Throws std::runtime_error when libavcodec has no AAC decoder or refuses the configuration.
   AudioDecoder(int sampleRate, int channels, std::span<const std::uint8_t> magicCookie);
-  ~AudioDecoder();
-  AudioDecoder(const AudioDecoder&) = delete;
-  AudioDecoder& operator=(const AudioDecoder&) = delete;
 
   // The samples of `packet`, interleaved, 1.0 = full scale; nothing when it does not decode.
   std::optional<std::vector<float>> decode(std::span<const std::uint8_t> packet);
 
  private:
-  std::vector<float> interleaved() const;
+  static std::vector<float> interleaved(const AVFrame& frame);
 
-  AVCodecContext* context_ = nullptr;
-  AVFrame* frame_ = nullptr;
-  AVPacket* packet_ = nullptr;
+  LibavDecoding decoder_;
 };
 
 }  // namespace kelvaron::client

@@ -5,11 +5,8 @@
 #include <optional>
 #include <vector>
 
+#include "client/LibavDecoding.hpp"
 #include "kit/wire/MediaFrames.hpp"
-
-struct AVCodecContext;
-struct AVFrame;
-struct AVPacket;
 
 namespace kelvaron::client {
 
@@ -25,17 +22,12 @@ struct Picture {
 class VideoDecoder {
  public:
   VideoDecoder();  // throws std::runtime_error when libavcodec has no HEVC decoder
-  ~VideoDecoder();
-  VideoDecoder(const VideoDecoder&) = delete;
-  VideoDecoder& operator=(const VideoDecoder&) = delete;
 
   // The picture of `frame`, or nothing when the decoder made none of it.
   std::optional<Picture> decode(const VideoFrame& frame);
 
  private:
-  AVCodecContext* context_ = nullptr;
-  AVFrame* frame_ = nullptr;
-  AVPacket* packet_ = nullptr;
+  LibavDecoding decoder_;
 };
 
 // Writes `picture` as a PNG file; false when it cannot.

@@ -68,7 +68,10 @@ asio::awaitable<void> Viewer::readMessages() {
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
       refusal_ = reject->reason;
       ended_ = true;
+    } else if (const auto* list = std::get_if<msg::displayList>(&*message)) {
+      displays_ = list->displays;
     } else if (const auto* info = std::get_if<msg::streamInfo>(&*message)) {
+      streamedDisplay_ = info->displayID;
       out_ << "Stream: display " << info->displayID << ", " << info->width << "x" << info->height
            << std::endl;
     } else if (const auto* status = std::get_if<msg::hostStatus>(&*message)) {
@@ -85,6 +88,8 @@ asio::awaitable<void> Viewer::readMessages() {
       thumbnail(*picture);
     } else if (const auto* clipboard = std::get_if<msg::clipboardText>(&*message)) {
       clipboardFromHost(clipboard->text);
+    } else if (const auto* focus = std::get_if<msg::textFocus>(&*message)) {
+      textFocus(*focus);
     } else if (const auto* replaced = std::get_if<msg::sessionReplaced>(&*message)) {
       out_ << "Replaced by " << replaced->byDeviceName << std::endl;
       ended_ = true;
@@ -175,6 +180,15 @@ void Viewer::thumbnail(const msg::thumbnail& picture) {
              std::streamsize(picture.jpeg.size()));
 }
 
+void Viewer::textFocus(const msg::textFocus& focus) {
+  static constexpr const char* kKinds[] = {"none",   "field", "area",    "search",
+                                           "secure", "web",   "terminal"};
+  const auto kind = std::size_t(focus.kind);
+  out_ << "textFocus: text=" << (focus.isText ? "yes" : "no")
+       << " kind=" << (kind < std::size(kKinds) ? kKinds[kind] : "none")
+       << " app=" << focus.bundleID << " byClick=" << (focus.byClick ? "yes" : "no") << std::endl;
+}
+
 void Viewer::streamMode(const StreamModeInfo& info) {
   if (const auto* focus = std::get_if<streammode::focus>(&info.mode)) {
     focused_ = true;
@@ -238,11 +252,28 @@ void Viewer::show(Picture picture, const VideoFrame& frame, double decodeMs) {
   latest_ = std::move(picture);
   // With a window asked for, the text goes to it: once the host streams it, it is in front.
   const bool ready = options_.apps.focus.empty() || focused_;
+  if (ready && !clicked_ && options_.click) clickOnce();
   if (ready && !typed_ && !options_.type.empty()) {
     connection_->send(msg::text{options_.type});
     out_ << "Typed " << options_.type.size() << " characters" << std::endl;
     typed_ = true;
   }
+}
+
+// A tap, as the device makes one: the pointer put on the point, the left button pressed and let go.
+void Viewer::clickOnce() {
+  const auto display = std::ranges::find(displays_, streamedDisplay_, &DisplayInfo::id);
+  if (display == displays_.end() || !(display->frame.width > 0 && display->frame.height > 0)) {
+    return;
+  }
+  clicked_ = true;
+  const auto x = float(options_.click->x) / display->frame.width;
+  const auto y = float(options_.click->y) / display->frame.height;
+  connection_->send(msg::pointer{++pointerSeq_, pointer::moveAbsolute{display->id, x, y}});
+  for (const bool down : {true, false}) {
+    connection_->send(msg::pointer{++pointerSeq_, pointer::button{PointerButton::left, down, 1}});
+  }
+  out_ << "Clicked at " << options_.click->x << "," << options_.click->y << std::endl;
 }
 
 void Viewer::endSecond(int second) {

@@ -22,10 +22,17 @@
 
 namespace kelvaron::client {
 
+// A place on a display of the host, in its points.
+struct DisplayPoint {
+  double x = 0, y = 0;
+};
+
 struct ViewerOptions {
   std::chrono::duration<double> duration = std::chrono::seconds(10);  // how long to stay
-  std::filesystem::path saveFrame;       // where the last picture goes, as PNG, when leaving
-  std::string type;                      // typed on the host once the picture is there
+  std::filesystem::path saveFrame;  // where the last picture goes, as PNG, when leaving
+  std::string type;                 // typed on the host once the picture is there
+  // Clicked once the picture is there, before typing: a point of the streamed display.
+  std::optional<DisplayPoint> click;
   std::optional<AudioMode> audio;        // asked for once connected
   std::filesystem::path audioOut;        // the sound goes to this WAV file instead of the speakers
   bool clipboard = false;                // keeps this desktop's clipboard in step with the host's
@@ -61,12 +68,15 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void cursorShape(const msg::cursorShape& shape);
   void thumbnail(const msg::thumbnail& picture);
   void streamMode(const StreamModeInfo& info);
+  // One line for each change of the focused text field on the host.
+  void textFocus(const msg::textFocus& focus);
   void clipboardFromHost(const std::string& text);
   asio::awaitable<void> mirrorClipboard();
   // On the clipboard thread: this desktop's clipboard text when it changed since it was last
   // read or written here.
   std::optional<std::string> localClipboardChange();
   void show(Picture picture, const VideoFrame& frame, double decodeMs);
+  void clickOnce();
   void endSecond(int second);
   void leave();
 
@@ -89,6 +99,10 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   std::optional<Picture> latest_;
   std::optional<std::string> refusal_;
   bool focused_ = false;  // the host streams the window asked for
+  std::vector<DisplayInfo> displays_;
+  std::uint32_t streamedDisplay_ = 0;
+  std::uint32_t pointerSeq_ = 0;
+  bool clicked_ = false;
   bool typed_ = false;
   bool ended_ = false;
 };

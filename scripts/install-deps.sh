@@ -38,6 +38,8 @@ packages=(
   # installed applications' icons: the freedesktop icon theme lookup (GtkIconTheme, no display
   # needed) and gdk-pixbuf's PNG and SVG loaders
   libgtk-3-dev librsvg2-common
+  # text focus through AT-SPI; its tests' private accessibility bus (at-spi-bus-launcher, gdbus)
+  libatspi2.0-dev at-spi2-core libglib2.0-bin
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils

@@ -2,7 +2,8 @@
 # The main job, on one machine: installs what is missing, builds, starts a virtual display with a
 # clock and a terminal on it and a sound server of its own playing quiet noise, starts the host,
 # pairs the reference client by token, streams picture and sound for a while typing into the
-# terminal, then streams the terminal's window alone (focus mode), and says what happened.
+# terminal, then streams the terminal's window alone (focus mode), opens an installed application
+# from the client and quits it, and says what happened.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -79,6 +80,15 @@ build/release/apps/tovu-client connect "$host_id" --address "127.0.0.1:$port" \
 echo "== focus mode: the terminal's window alone, typed into from the client"
 build/release/apps/tovu-client connect "$host_id" --address "127.0.0.1:$port" --seconds 4 \
   --apps --focus XTerm --type $'echo Only this window is streamed\n' --save-frame "$work/focus.png"
+
+echo "== applications: the installed ones, one opened from the client, then quit"
+client_app() {
+  build/release/apps/tovu-client "$1" "$host_id" "${@:2}" --address "127.0.0.1:$port" --seconds 20
+}
+client_app apps --installed | grep -E "^(Installed|Icon) "
+client_app launch debian-uxterm | grep "^Launch "
+uxterm_pid=$(client_app apps | sed -n 's/^App \([0-9]*\) .*(debian-uxterm).*$/\1/p' | head -1)
+if [ -n "$uxterm_pid" ]; then client_app quit "$uxterm_pid" | grep -E "^(Asked|Process) "; fi
 
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"

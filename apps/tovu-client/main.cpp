@@ -30,6 +30,7 @@ constexpr const char* kUsage = R"(Usage:
         --seconds N        stay connected for N seconds (default 10)
         --save-frame FILE  save the last picture as PNG when leaving
         --type TEXT        type TEXT on the host once the picture is there
+        --click X,Y        first click there (points of the streamed display), as a tap would
         --audio            hear the host's sound here, beside its own speakers
         --phone-only       hear it here only: the host's speakers go quiet meanwhile
         --audio-out FILE   write the sound to a WAV file instead of playing it
@@ -73,6 +74,7 @@ struct Arguments {
   std::optional<double> seconds;
   std::string saveFrame;
   std::string type;
+  std::optional<client::DisplayPoint> click;
   std::optional<AudioMode> audio;
   std::string audioOut;
   bool clipboard = false;
@@ -113,6 +115,16 @@ apps::CommandLine commandLine(Arguments& arguments) {
               })
       .option("--save-frame", [&](const std::string& file) { arguments.saveFrame = file; })
       .option("--type", [&](const std::string& text) { arguments.type = text; })
+      .option("--click",
+              [&](const std::string& text) {
+                const auto comma = text.find(',');
+                const auto x = apps::parseNumber(text.substr(0, comma), 0.0, 1e5);
+                const auto y = comma == std::string::npos
+                                   ? std::nullopt
+                                   : apps::parseNumber(text.substr(comma + 1), 0.0, 1e5);
+                if (!x || !y) throw apps::UsageError("--click wants X,Y in points");
+                arguments.click = client::DisplayPoint{*x, *y};
+              })
       .flag("--compare", [&] { arguments.compare = true; })
       .flag("--audio", [&] { arguments.audio = arguments.audio.value_or(AudioMode::both); })
       .flag("--phone-only", [&] { arguments.audio = AudioMode::phoneOnly; })
@@ -208,6 +220,7 @@ int main(int argc, char** argv) {
   const client::ViewerOptions viewing{std::chrono::duration<double>(arguments.seconds.value_or(10)),
                                       arguments.saveFrame,
                                       arguments.type,
+                                      arguments.click,
                                       arguments.audio,
                                       arguments.audioOut,
                                       arguments.clipboard,

@@ -26,6 +26,8 @@ HostComposition::HostComposition(Executors executors, Options options)
       pasteboard_(std::make_shared<X11Pasteboard>(options_.displayName)),
       windows_(std::make_shared<X11WindowSystem>(executors_.pool, options_.displayName)),
       focusObserver_(std::make_shared<X11FocusObserver>(*windows_)),
+      textFocus_(
+          std::make_shared<AtspiTextFocusSource>(executors_.pool, windows_, options_.displayName)),
       installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)),
       launcher_(std::make_shared<GioAppLauncher>(executors_.pool, installedApps_, windows_,
                                                  options_.displayName)) {
@@ -62,6 +64,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.windowControl = windows_;
   env.windowTracker = windows_;
   env.focusObserver = focusObserver_;
+  env.textFocus = textFocus_;
   env.windowThumbnails =
       std::make_shared<X11WindowThumbnails>(executors_.pool, options_.displayName);
   env.fitRegistry = fitRegistry_;

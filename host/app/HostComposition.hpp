@@ -6,6 +6,7 @@
 
 #include "host/app/AppModel.hpp"
 #include "host/app/X11PowerManager.hpp"
+#include "host/desktop/AtspiTextFocusSource.hpp"
 #include "host/desktop/DesktopEntryApps.hpp"
 #include "host/desktop/GioAppLauncher.hpp"
 #include "host/desktop/FitRestoreRegistry.hpp"
@@ -64,6 +65,8 @@ class HostComposition {
   // The applications and windows, watched once for every session.
   const std::shared_ptr<X11WindowSystem> windows_;
   const std::shared_ptr<X11FocusObserver> focusObserver_;
+  // The focused text field of the application in front, through the accessibility bus.
+  const std::shared_ptr<AtspiTextFocusSource> textFocus_;
   const std::shared_ptr<FitRestoreRegistry> fitRegistry_ = std::make_shared<FitRestoreRegistry>();
   // The installed applications, scanned for every session and their icons kept.
   const std::shared_ptr<DesktopEntryApps> installedApps_;

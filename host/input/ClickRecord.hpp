@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "host/input/PointerTracker.hpp"
 
@@ -24,6 +25,11 @@ class ClickRecord {
   std::optional<Click> last() const {
     std::lock_guard guard(lock_);
     return last_;
+  }
+  // The last click, forgotten as it is handed over: one click explains one change of focus.
+  std::optional<Click> take() {
+    std::lock_guard guard(lock_);
+    return std::exchange(last_, std::nullopt);
   }
 
  private:

@@ -15,6 +15,7 @@
 #include "host/desktop/InstalledApps.hpp"
 #include "host/desktop/LaunchCoordinator.hpp"
 #include "host/desktop/PasteboardProviding.hpp"
+#include "host/desktop/TextFocus.hpp"
 #include "host/desktop/WindowSystem.hpp"
 #include "host/input/ClickRecord.hpp"
 #include "host/input/InputInjector.hpp"
@@ -90,6 +91,8 @@ struct HostEnvironment {
   std::chrono::duration<double> focusPollInterval{0.25};
   std::chrono::duration<double> focusDebounce{0.3};
   std::chrono::duration<double> followGrace{0.8};
+  // The keyboard focus in text fields, for the device's keyboard; none told without it.
+  std::shared_ptr<TextFocusSource> textFocus;
   // The undoing of window resizes, one for the process.
   std::shared_ptr<FitRestoreRegistry> fitRegistry = std::make_shared<FitRestoreRegistry>();
   // This process, whose own windows are never followed.

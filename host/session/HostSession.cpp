@@ -216,6 +216,7 @@ asio::awaitable<void> HostSession::handleHello(const msg::hello& hello) {
   displays_ = co_await env_.displays->displays();
   connection_->send(msg::displayList{displays_});
   startBackgroundTasks();
+  startTextFocus();
   if (displays_.empty()) {
     applyNote("No displays available");
     co_return;
@@ -375,6 +376,7 @@ asio::awaitable<void> HostSession::teardown() {
   }
   for (const Task& task : tasks_) task.cancel();
   tasks_.clear();
+  stopTextFocus();
   if (thumbnailTask_) thumbnailTask_->cancel();
   thumbnailTask_.reset();
   // Every window this session resized goes back to its size.

@@ -22,6 +22,7 @@
 #include "kit/crypto/AuthCrypto.hpp"
 #include "kit/log/Logger.hpp"
 #include "kit/security/AuthGate.hpp"
+#include "kit/transport/AsyncQueue.hpp"
 #include "kit/transport/Connection.hpp"
 
 namespace kelvaron::host {
@@ -231,6 +232,14 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   static asio::awaitable<void> askForNewWindow(std::weak_ptr<HostSession> weak, std::int32_t pid);
   asio::awaitable<void> quitApp(std::int32_t pid);
 
+  // The focused text field (HostSessionTextFocus.cpp): each change the source reports, told in
+  // order from a task that holds the session weakly.
+  void startTextFocus();
+  void stopTextFocus();
+  static asio::awaitable<void> textFocusLoop(std::weak_ptr<HostSession> weak,
+                                             std::shared_ptr<AsyncQueue<TextFocus>> results);
+  void handleTextFocus(const TextFocus& focus);
+
   // Runs `body` on this session's strand, keeping the session alive meanwhile.
   void onStrand(std::function<void(HostSession&)> body);
 
@@ -301,6 +310,9 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::vector<std::uint32_t> thumbWindowIDs_;
   std::map<std::uint32_t, Data> windowThumbCache_;
   std::shared_ptr<LaunchCoordinator> launchCoordinator_;
+  TextFocusSource::Stop stopTextFocus_;
+  std::optional<Task> textFocusTask_;
+  std::optional<TextFocus> textFocusSent_;
   Logger log_{"io.dovka.tovu.host", "session"};
 };
 

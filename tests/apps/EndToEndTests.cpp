@@ -11,13 +11,16 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <png.h>
 
 #include "kit/transport/QUICConnection.hpp"
 #include "kit/wire/WireWriter.hpp"
+#include "tests/support/AccessibilityBus.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/AudioSignals.hpp"
 #include "tests/support/ChildProcess.hpp"
@@ -552,6 +555,43 @@ TEST(EndToEnd, TheDeviceLaunchesAnApplicationAndQuitsIt) {
   EXPECT_NE(quit.output.find("Process " + pid + " has no windows left"), std::string::npos)
       << quit.output;
   EXPECT_FALSE(onDisplay(host.display(), "xdotool search --class TovuTerm").succeeded());
+}
+
+// The keyboard's cue: the host tells which kind of text field has focus, and whether the device's
+// tap put it there. The fields are a GTK program's, read through a private accessibility bus.
+TEST(EndToEnd, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
+  AccessibilityBus bus;
+  SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
+  Host host(false, {"--no-advertise"}, bus.environment());
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const fs::path work = ann.home.path();
+  const Desktop desktop(host.display(), work, {});
+  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
+  ChildProcess fields(bus.withEnvironment({"DISPLAY=" + host.display(), TOVU_TEXT_FIELDS_APP}),
+                      work / "fields.log");
+  ASSERT_TRUE(waitFor(work / "fields.log", "ready")) << readFile(work / "fields.log");
+  std::istringstream boxes(readFile(work / "fields.log"));
+  std::map<std::string, std::array<double, 4>> box;
+  for (std::string name; boxes >> name && name != "ready";) {
+    auto& [x, y, width, height] = box[name];
+    boxes >> x >> y >> width >> height;
+  }
+  const auto& [x, y, width, height] = box["password"];
+
+  // The tap moves the focus from the entry to the password field; the Tab key on to the search.
+  const fs::path log = work / "connect.log";
+  auto watching = ann.start(ann.connect(host.address(), "10",
+                                        {"--click", std::to_string(x + width / 2) + "," +
+                                                        std::to_string(y + height / 2)}),
+                            log);
+  const std::string app = " app=tovu_text_fields_app ";
+  EXPECT_TRUE(waitFor(log, "textFocus: text=yes kind=secure" + app + "byClick=yes", 1, 30s))
+      << readFile(log);
+  onDisplay(host.display(), "xdotool key Tab");
+  EXPECT_TRUE(waitFor(log, "textFocus: text=yes kind=search" + app + "byClick=no", 1, 30s))
+      << readFile(log);
 }
 
 // The device's desktop is a second X server; xclip copies and pastes on each side.
