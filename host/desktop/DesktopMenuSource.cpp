@@ -77,15 +77,19 @@ class WindowProperties {
     auto stacking = windows(link_.screen->root, atoms_[clientListStacking], XCB_ATOM_WINDOW);
     candidates.insert(candidates.end(), stacking.rbegin(), stacking.rend());
     const auto owners = owners_->processes(candidates);
+    // The front-most window that names its menus (a dialog in front names none), else the
+    // front-most, whose menus a registrar may know.
+    std::optional<MenuWindow> first;
     for (std::size_t i = 0; i < candidates.size(); ++i) {
       if (owners[i] != pid) continue;
       MenuWindow window{candidates[i], {}, {}};
       window.gtk = {text(window.id, gtkBusName), text(window.id, gtkMenubarPath),
                     text(window.id, gtkApplicationPath), text(window.id, gtkWindowPath)};
       window.kde = {text(window.id, kdeServiceName), text(window.id, kdeObjectPath)};
-      return window;
+      if (!window.gtk.menubar.empty() || !window.kde.path.empty()) return window;
+      if (!first) first = std::move(window);
     }
-    return std::nullopt;
+    return first;
   }
 
   // The accessibility bus's address as its launcher leaves it on the root.
