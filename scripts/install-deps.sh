@@ -40,6 +40,8 @@ packages=(
   libgtk-3-dev librsvg2-common
   # text focus through AT-SPI; its tests' private accessibility bus (at-spi-bus-launcher, gdbus)
   libatspi2.0-dev at-spi2-core libglib2.0-bin
+  # menus: a Qt program of the tests' own exports its menu bar as a dbusmenu
+  qtbase5-dev
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils

@@ -30,7 +30,8 @@ HostComposition::HostComposition(Executors executors, Options options)
           std::make_shared<AtspiTextFocusSource>(executors_.pool, windows_, options_.displayName)),
       installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)),
       launcher_(std::make_shared<GioAppLauncher>(executors_.pool, installedApps_, windows_,
-                                                 options_.displayName)) {
+                                                 options_.displayName)),
+      menus_(std::make_shared<DesktopMenuSource>(executors_.pool, windows_, options_.displayName)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
 }
@@ -71,6 +72,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.fitRegistry = fitRegistry_;
   env.installedApps = installedApps_;
   env.launcher = launcher_;
+  env.menus = menus_;
   env.ownPID = ::getpid();
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;

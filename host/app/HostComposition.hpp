@@ -8,8 +8,9 @@
 #include "host/app/X11PowerManager.hpp"
 #include "host/desktop/AtspiTextFocusSource.hpp"
 #include "host/desktop/DesktopEntryApps.hpp"
-#include "host/desktop/GioAppLauncher.hpp"
+#include "host/desktop/DesktopMenuSource.hpp"
 #include "host/desktop/FitRestoreRegistry.hpp"
+#include "host/desktop/GioAppLauncher.hpp"
 #include "host/desktop/X11FocusObserver.hpp"
 #include "host/desktop/X11Pasteboard.hpp"
 #include "host/desktop/X11WindowSystem.hpp"
@@ -71,6 +72,8 @@ class HostComposition {
   // The installed applications, scanned for every session and their icons kept.
   const std::shared_ptr<DesktopEntryApps> installedApps_;
   const std::shared_ptr<GioAppLauncher> launcher_;
+  // The front application's menus, read for every session.
+  const std::shared_ptr<DesktopMenuSource> menus_;
 };
 
 }  // namespace kelvaron::host

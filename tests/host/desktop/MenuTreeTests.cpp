@@ -25,8 +25,12 @@ std::string shape(const std::vector<MenuNode>& nodes) {
   std::string text;
   for (const MenuNode& node : nodes) {
     if (!text.empty()) text += " ";
-    text += (node.separatorBefore ? "|" : "") + node.title;
-    if (!node.children.empty()) text += "[" + shape(node.children) + "]";
+    if (node.separatorBefore) text += '|';
+    text += node.title;
+    if (node.children.empty()) continue;
+    text += '[';
+    text += shape(node.children);
+    text += ']';
   }
   return text;
 }
@@ -35,7 +39,9 @@ TEST(MenuTree, TurnsSeparatorsIntoMarksAndStopsAtTheLimits) {
   // 31 menus of 99 items: the first 30 fill the 3000 nodes, depth first.
   std::vector<RawMenuItem> wide;
   for (int m = 0; m < 31; ++m) {
-    wide.push_back(item("M" + std::to_string(m), std::vector<RawMenuItem>(99, item("x"))));
+    std::string title = "M";
+    title += std::to_string(m);
+    wide.push_back(item(std::move(title), std::vector<RawMenuItem>(99, item("x"))));
   }
   struct Case {
     const char* what;

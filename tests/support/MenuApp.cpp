@@ -1,0 +1,227 @@
+// A GTK 3 application with one menu bar, published in either of two ways: as an exported menu
+// model (GtkApplication's menubar, read over org.gtk.Menus), or with --widgets as a plain
+// GtkMenuBar of its own, which only the accessibility tree shows. Both have the same items:
+//
+//   File: New Window (Ctrl+N) | Show Toolbar (checked) | Light, Dark (radio, Dark chosen)
+//         | Print (disabled), Quit (Ctrl+Q)
+//   Edit: Copy (Ctrl+C), Find Next (F3), Zoom ▸ Zoom In (Ctrl++), Reset _Zoom
+//   (Ctrl+Shift+BackSpace)
+//
+// Each activation appends "activated <name>" (with " <target>" for the radio items) to the file
+// named by $TOVU_MENU_LOG. The program prints "ready" once its window is on screen. The first
+// argument that is not --widgets is the application's ID.
+
+#include <gtk/gtk.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+bool widgets = false;
+const char* applicationID = "io.dovka.tovu.MenuApp";
+
+void record(const std::string& what) {
+  const char* path = std::getenv("TOVU_MENU_LOG");
+  if (!path) return;
+  if (FILE* file = std::fopen(path, "a")) {
+    std::fprintf(file, "activated %s\n", what.c_str());
+    std::fclose(file);
+  }
+}
+
+gboolean mapped(GtkWidget*, GdkEvent*, gpointer) {
+  std::printf("ready\n");
+  std::fflush(stdout);
+  return FALSE;
+}
+
+// The exported model's actions.
+void activated(GSimpleAction* action, GVariant* parameter, gpointer) {
+  std::string what = g_action_get_name(G_ACTION(action));
+  if (parameter && g_variant_is_of_type(parameter, G_VARIANT_TYPE_STRING)) {
+    what += std::string(" ") + g_variant_get_string(parameter, nullptr);
+    g_simple_action_set_state(action, parameter);
+  }
+  record(what);
+}
+
+void toggled(GSimpleAction* action, GVariant*, gpointer) {
+  GVariant* state = g_action_get_state(G_ACTION(action));
+  g_simple_action_set_state(action, g_variant_new_boolean(!g_variant_get_boolean(state)));
+  g_variant_unref(state);
+  record(g_action_get_name(G_ACTION(action)));
+}
+
+void addItem(GMenu* menu, const char* label, const char* action, const char* accel,
+             const char* target = nullptr) {
+  GMenuItem* item = g_menu_item_new(label, nullptr);
+  if (target) {
+    g_menu_item_set_action_and_target(item, action, "s", target);
+  } else {
+    g_menu_item_set_detailed_action(item, action);
+  }
+  if (accel) g_menu_item_set_attribute(item, "accel", "s", accel);
+  g_menu_append_item(menu, item);
+  g_object_unref(item);
+}
+
+GMenuModel* menuModel() {
+  GMenu* bar = g_menu_new();
+  GMenu* file = g_menu_new();
+  GMenu* first = g_menu_new();
+  addItem(first, "_New Window", "app.new-window", "<Primary>n");
+  g_menu_append_section(file, nullptr, G_MENU_MODEL(first));
+  GMenu* view = g_menu_new();
+  addItem(view, "Show _Toolbar", "app.show-toolbar", nullptr);
+  g_menu_append_section(file, nullptr, G_MENU_MODEL(view));
+  GMenu* themes = g_menu_new();
+  addItem(themes, "_Light", "app.theme", nullptr, "light");
+  addItem(themes, "_Dark", "app.theme", nullptr, "dark");
+  g_menu_append_section(file, nullptr, G_MENU_MODEL(themes));
+  GMenu* last = g_menu_new();
+  addItem(last, "_Print", "app.print", nullptr);
+  addItem(last, "_Quit", "app.quit", "<Primary>q");
+  g_menu_append_section(file, nullptr, G_MENU_MODEL(last));
+  g_menu_append_submenu(bar, "_File", G_MENU_MODEL(file));
+
+  GMenu* edit = g_menu_new();
+  addItem(edit, "_Copy", "win.copy", "<Primary>c");
+  addItem(edit, "_Find Next", "win.find-next", "F3");
+  GMenu* zoom = g_menu_new();
+  addItem(zoom, "Zoom _In", "app.zoom-in", "<Primary>plus");
+  addItem(zoom, "Reset __Zoom", "app.zoom-reset", "<Primary><Shift>BackSpace");
+  g_menu_append_submenu(edit, "_Zoom", G_MENU_MODEL(zoom));
+  g_menu_append_submenu(bar, "_Edit", G_MENU_MODEL(edit));
+  for (GMenu* menu : {file, first, view, themes, last, edit, zoom}) g_object_unref(menu);
+  return G_MENU_MODEL(bar);
+}
+
+// The plain widgets' items.
+void widgetActivated(GtkMenuItem* item, gpointer name) {
+  // A radio item that is chosen activates the one chosen before, which then turns off.
+  if (GTK_IS_RADIO_MENU_ITEM(item) && !gtk_check_menu_item_get_active(GTK_CHECK_MENU_ITEM(item))) {
+    return;
+  }
+  record(static_cast<const char*>(name));
+}
+
+GtkWidget* widgetItem(GtkWidget* menu, GtkWidget* item, const char* name, GtkAccelGroup* accels,
+                      const char* accel) {
+  gtk_menu_shell_append(GTK_MENU_SHELL(menu), item);
+  if (name) g_signal_connect(item, "activate", G_CALLBACK(widgetActivated), (gpointer)name);
+  if (accel) {
+    guint key = 0;
+    GdkModifierType modifiers{};
+    gtk_accelerator_parse(accel, &key, &modifiers);
+    gtk_widget_add_accelerator(item, "activate", accels, key, modifiers, GTK_ACCEL_VISIBLE);
+  }
+  return item;
+}
+
+GtkWidget* widgetMenuBar(GtkAccelGroup* accels) {
+  GtkWidget* bar = gtk_menu_bar_new();
+  GtkWidget* file = gtk_menu_new();
+  widgetItem(file, gtk_menu_item_new_with_mnemonic("_New Window"), "new-window", accels,
+             "<Primary>n");
+  widgetItem(file, gtk_separator_menu_item_new(), nullptr, nullptr, nullptr);
+  GtkWidget* toolbar = gtk_check_menu_item_new_with_mnemonic("Show _Toolbar");
+  gtk_check_menu_item_set_active(GTK_CHECK_MENU_ITEM(toolbar), TRUE);
+  widgetItem(file, toolbar, "show-toolbar", accels, nullptr);
+  widgetItem(file, gtk_separator_menu_item_new(), nullptr, nullptr, nullptr);
+  GtkWidget* light = gtk_radio_menu_item_new_with_mnemonic(nullptr, "_Light");
+  GtkWidget* dark =
+      gtk_radio_menu_item_new_with_mnemonic_from_widget(GTK_RADIO_MENU_ITEM(light), "_Dark");
+  gtk_check_menu_item_set_active(GTK_CHECK_MENU_ITEM(dark), TRUE);
+  widgetItem(file, light, "theme light", accels, nullptr);
+  widgetItem(file, dark, "theme dark", accels, nullptr);
+  widgetItem(file, gtk_separator_menu_item_new(), nullptr, nullptr, nullptr);
+  gtk_widget_set_sensitive(
+      widgetItem(file, gtk_menu_item_new_with_mnemonic("_Print"), "print", accels, nullptr), FALSE);
+  widgetItem(file, gtk_menu_item_new_with_mnemonic("_Quit"), "quit", accels, "<Primary>q");
+  GtkWidget* fileItem = gtk_menu_item_new_with_mnemonic("_File");
+  gtk_menu_item_set_submenu(GTK_MENU_ITEM(fileItem), file);
+  gtk_menu_shell_append(GTK_MENU_SHELL(bar), fileItem);
+
+  GtkWidget* edit = gtk_menu_new();
+  widgetItem(edit, gtk_menu_item_new_with_mnemonic("_Copy"), "copy", accels, "<Primary>c");
+  widgetItem(edit, gtk_menu_item_new_with_mnemonic("_Find Next"), "find-next", accels, "F3");
+  GtkWidget* zoom = gtk_menu_new();
+  widgetItem(zoom, gtk_menu_item_new_with_mnemonic("Zoom _In"), "zoom-in", accels, "<Primary>plus");
+  widgetItem(zoom, gtk_menu_item_new_with_mnemonic("Reset __Zoom"), "zoom-reset", accels,
+             "<Primary><Shift>BackSpace");
+  GtkWidget* zoomItem = gtk_menu_item_new_with_mnemonic("_Zoom");
+  gtk_menu_item_set_submenu(GTK_MENU_ITEM(zoomItem), zoom);
+  gtk_menu_shell_append(GTK_MENU_SHELL(edit), zoomItem);
+  GtkWidget* editItem = gtk_menu_item_new_with_mnemonic("_Edit");
+  gtk_menu_item_set_submenu(GTK_MENU_ITEM(editItem), edit);
+  gtk_menu_shell_append(GTK_MENU_SHELL(bar), editItem);
+  return bar;
+}
+
+void startup(GtkApplication* application, gpointer) {
+  if (widgets) return;
+  static const GActionEntry appActions[] = {
+      {"new-window", activated, nullptr, nullptr, nullptr, {}},
+      {"show-toolbar", toggled, nullptr, "true", nullptr, {}},
+      {"theme", activated, "s", "'dark'", nullptr, {}},
+      {"print", activated, nullptr, nullptr, nullptr, {}},
+      {"quit", activated, nullptr, nullptr, nullptr, {}},
+      {"zoom-in", activated, nullptr, nullptr, nullptr, {}},
+      {"zoom-reset", activated, nullptr, nullptr, nullptr, {}},
+  };
+  g_action_map_add_action_entries(G_ACTION_MAP(application), appActions, G_N_ELEMENTS(appActions),
+                                  application);
+  g_simple_action_set_enabled(
+      G_SIMPLE_ACTION(g_action_map_lookup_action(G_ACTION_MAP(application), "print")), FALSE);
+  GMenuModel* model = menuModel();
+  gtk_application_set_menubar(application, model);
+  g_object_unref(model);
+}
+
+void activate(GtkApplication* application, gpointer) {
+  GtkWidget* window;
+  if (widgets) {
+    window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+    gtk_application_add_window(application, GTK_WINDOW(window));
+    GtkAccelGroup* accels = gtk_accel_group_new();
+    gtk_window_add_accel_group(GTK_WINDOW(window), accels);
+    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+    gtk_box_pack_start(GTK_BOX(box), widgetMenuBar(accels), FALSE, FALSE, 0);
+    gtk_container_add(GTK_CONTAINER(window), box);
+  } else {
+    window = gtk_application_window_new(application);
+    static const GActionEntry windowActions[] = {
+        {"copy", activated, nullptr, nullptr, nullptr, {}},
+        {"find-next", activated, nullptr, nullptr, nullptr, {}},
+    };
+    g_action_map_add_action_entries(G_ACTION_MAP(window), windowActions,
+                                    G_N_ELEMENTS(windowActions), window);
+  }
+  gtk_window_set_title(GTK_WINDOW(window), "Menu App");
+  gtk_window_set_default_size(GTK_WINDOW(window), 400, 300);
+  g_signal_connect(window, "map-event", G_CALLBACK(mapped), nullptr);
+  gtk_widget_show_all(window);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--widgets") == 0) {
+      widgets = true;
+    } else {
+      applicationID = argv[i];
+    }
+  }
+  GtkApplication* application = gtk_application_new(applicationID, G_APPLICATION_DEFAULT_FLAGS);
+  g_signal_connect(application, "startup", G_CALLBACK(startup), nullptr);
+  g_signal_connect(application, "activate", G_CALLBACK(activate), nullptr);
+  // GApplication would read the arguments as files.
+  char* programOnly[] = {argv[0], nullptr};
+  const int status = g_application_run(G_APPLICATION(application), 1, programOnly);
+  g_object_unref(application);
+  return status;
+}
