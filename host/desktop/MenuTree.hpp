@@ -9,9 +9,10 @@
 // The device's tree of actions from the raw items a menu reader gives, and an item found in it.
 namespace kelvaron::host {
 
-// Limits of the device's tree, shared over the whole of it: nodes, and levels below the top.
+// Limits of the device's tree, shared over the whole of it: nodes, and levels below the top —
+// four levels in all, as many as the wire carries.
 inline constexpr int kMenuNodeLimit = 3000;
-inline constexpr int kMenuLevelsBelowTop = 4;
+inline constexpr int kMenuLevelsBelowTop = 3;
 
 struct MenuConversion {
   std::vector<MenuNode> nodes;

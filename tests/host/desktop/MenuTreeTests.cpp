@@ -57,8 +57,8 @@ TEST(MenuTree, TurnsSeparatorsIntoMarksAndStopsAtTheLimits) {
        false},
       {"only separators", {separator, separator}, "", false},
       {"a menu of separators", {item("A", {separator})}, "A", false},
-      {"five levels", {chain(5)}, "1[2[3[4[5]]]]", false},
-      {"six levels: the top and four below", {chain(6)}, "1[2[3[4[5]]]]", true},
+      {"four levels", {chain(4)}, "1[2[3[4]]]", false},
+      {"six levels: the top and three below", {chain(6)}, "1[2[3[4]]]", true},
       {"3100 nodes", wide, "", true},
   };
   for (const Case& c : cases) {
