@@ -22,6 +22,7 @@
 #include "tests/support/InputRecorder.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/VirtualDisplay.hpp"
+#include "tests/support/XkbLayouts.hpp"
 
 namespace kelvaron::host {
 namespace {
@@ -88,15 +89,7 @@ TEST(HIDKeyNames, NamesThePhysicalKeysOfTheTable) {
   EXPECT_FALSE(isModifierUsage({0x04}));
 }
 
-std::unique_ptr<KeyboardLayout> layoutOf(const char* name) {
-  xkb_context* context = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
-  const xkb_rule_names names{"evdev", "pc105", name, "", ""};
-  xkb_keymap* keymap = xkb_keymap_new_from_names(context, &names, XKB_KEYMAP_COMPILE_NO_FLAGS);
-  xkb_context_unref(context);
-  auto layout = keymap ? std::make_unique<KeyboardLayout>(keymap, 0) : nullptr;
-  xkb_keymap_unref(keymap);  // no keymap: does nothing
-  return layout;
-}
+using test::layoutOf;
 
 // Each character on its simplest stroke; none for a control character or one without a key.
 TEST(KeyboardLayout, FindsEachCharacterOnItsSimplestKeyStroke) {

@@ -11,19 +11,12 @@
 
 #include "host/desktop/MenuSource.hpp"
 #include "host/input/KeyboardLayout.hpp"
+#include "tests/support/XkbLayouts.hpp"
 
 namespace kelvaron::host {
 namespace {
 
-std::unique_ptr<KeyboardLayout> layoutOf(const char* name) {
-  xkb_context* context = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
-  const xkb_rule_names names{"evdev", "pc105", name, "", ""};
-  xkb_keymap* keymap = xkb_keymap_new_from_names(context, &names, XKB_KEYMAP_COMPILE_NO_FLAGS);
-  xkb_context_unref(context);
-  auto layout = keymap ? std::make_unique<KeyboardLayout>(keymap, 0) : nullptr;
-  xkb_keymap_unref(keymap);
-  return layout;
-}
+using test::layoutOf;
 
 // Each event as its usage, "+" down or "-" up, and the injector's flags: "E0+2".
 std::string written(const std::optional<std::vector<KeyEvent>>& events) {
