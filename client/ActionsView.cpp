@@ -6,9 +6,6 @@ namespace kelvaron::client {
 
 namespace {
 
-// MenuNode's modifier bits.
-constexpr std::uint8_t kShift = 0x01, kOption = 0x02, kControl = 0x04, kCommand = 0x08;
-
 // The keys that type no character, by the characters a menu gives them.
 std::string keyName(const std::string& key) {
   static const std::pair<const char*, const char*> named[] = {
@@ -29,8 +26,9 @@ std::string keyName(const std::string& key) {
 // "Ctrl+Shift+N", as Linux menus show shortcuts.
 std::string shortcut(const MenuNode& node) {
   std::string text;
-  for (const auto& [bit, name] : {std::pair{kControl, "Ctrl+"}, std::pair{kOption, "Alt+"},
-                                  std::pair{kShift, "Shift+"}, std::pair{kCommand, "Super+"}}) {
+  for (const auto& [bit, name] :
+       {std::pair{kMenuControl, "Ctrl+"}, std::pair{kMenuOption, "Alt+"},
+        std::pair{kMenuShift, "Shift+"}, std::pair{kMenuCommand, "Super+"}}) {
     if (node.modifiers & bit) text += name;
   }
   return text + keyName(node.key);

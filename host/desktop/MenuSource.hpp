@@ -14,10 +14,6 @@
 // dbusmenu, or only their accessibility tree); a reader for each gives the same raw tree.
 namespace kelvaron::host {
 
-// MenuNode's modifier bits, and those of a raw item: the keys held with the item's key.
-inline constexpr std::uint8_t kMenuShift = 0x01, kMenuOption = 0x02, kMenuControl = 0x04,
-                              kMenuCommand = 0x08;
-
 // One item as read from the application, before the rules of the device's tree (separators,
 // budgets) are applied. A separator is an item with an empty title.
 struct RawMenuItem {
@@ -28,8 +24,8 @@ struct RawMenuItem {
   // Down U+F701, Left U+F702, Right U+F703, F1 to F12 U+F704 to U+F70F, Delete (forward) U+F728,
   // Home U+F729, End U+F72B, Page Up U+F72C, Page Down U+F72D. Other keys give no shortcut.
   std::string key;
-  // The modifiers of the shortcut in the bits above, as the application names them: Ctrl is
-  // control, Alt is option, Super is command.
+  // The modifiers of the shortcut in MenuNode's bits (kMenuShift …), as the application names
+  // them: Ctrl is control, Alt is option, Super is command.
   std::uint8_t modifiers = 0;
   bool enabled = false;
   MenuMark mark = MenuMark::none;  // what the item shows now: checked, mixed, the chosen radio

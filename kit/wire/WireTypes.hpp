@@ -247,6 +247,10 @@ struct FileMeta {
   friend bool operator==(const FileMeta&, const FileMeta&) = default;
 };
 
+// MenuNode's modifier bits: the keys held with the item's key.
+inline constexpr std::uint8_t kMenuShift = 0x01, kMenuOption = 0x02, kMenuControl = 0x04,
+                              kMenuCommand = 0x08;
+
 struct MenuNode {
   std::string title;
   std::string key;
