@@ -28,8 +28,8 @@ packages=(
   # the host: keeping the display awake; the pairing URL as a QR code; the client's saved frames
   libxcb-screensaver0-dev libqrencode-dev libpng-dev
   # the cursor's image (XFixes, PNG) and display thumbnails (JPEG); the client's clipboard and the
-  # tests' other X clients (xclip, xdotool) and window manager
-  libturbojpeg0-dev xclip xdotool openbox
+  # tests' other X clients (xclip, xdotool, xprop) and window manager
+  libturbojpeg0-dev xclip xdotool x11-utils openbox
   # the pointer: XInput 2 raw motion, so that a still pointer costs no look at the server
   libxcb-xinput-dev
   # windows and focus: EWMH, a window's own pixels (Composite), its process (X-Resource); desktop
@@ -41,7 +41,7 @@ packages=(
   # text focus through AT-SPI; its tests' private accessibility bus (at-spi-bus-launcher, gdbus)
   libatspi2.0-dev at-spi2-core libglib2.0-bin
   # menus: a Qt program of the tests' own exports its menu bar as a dbusmenu
-  qtbase5-dev
+  qt6-base-dev
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils

@@ -220,6 +220,10 @@ struct Desktop {
       running.push_back(std::make_unique<ChildProcess>(line, logs / (command[0] + ".log")));
     };
     start({"openbox", "--sm-disable"});
+    if (!windowManagerRuns(display)) {
+      problem = "openbox did not start: " + readFile(logs / "openbox.log");
+      return;
+    }
     for (const auto& program : programs) start(program);
     for (const auto& program : programs) {
       if (!onDisplay(display, "timeout 10 xdotool search --sync --class " + program[0])
@@ -592,6 +596,78 @@ TEST(EndToEnd, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
   onDisplay(host.display(), "xdotool key Tab");
   EXPECT_TRUE(waitFor(log, "textFocus: text=yes kind=search" + app + "byClick=no", 1, 30s))
       << readFile(log);
+}
+
+// The front application's menu bar as the device's tree of actions, and its items pressed from
+// there: a GTK program's exported menu model of 2,000 items and more, over a private session bus.
+TEST(EndToEnd, TheDeviceSeesTheFrontMenusAndPressesTheirItems) {
+  AccessibilityBus bus;
+  SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
+  Host host(false, {"--no-advertise"}, bus.environment());
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const fs::path work = ann.home.path();
+  const Desktop desktop(host.display(), work, {});
+  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
+  const fs::path activations = work / "activations";
+  ChildProcess app(bus.withEnvironment({"DISPLAY=" + host.display(), "NO_AT_BRIDGE=1",
+                                        "TOVU_MENU_LOG=" + activations.string(), TOVU_MENU_APP,
+                                        "--items", "2000"}),
+                   work / "app.log");
+  ASSERT_TRUE(waitFor(work / "app.log", "ready")) << readFile(work / "app.log");
+
+  const auto run = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin() + 1, {ann.host(), "--address", host.address()});
+    return ann.run(arguments);
+  };
+  const CommandResult listed = run({"actions"});
+  EXPECT_TRUE(listed.succeeded()) << listed.output;
+  EXPECT_NE(listed.output.find("generation 1: 42 menus\n"
+                               "  File\n"
+                               "    New Window  Ctrl+N\n"
+                               "    ----\n"
+                               "    [x] Show Toolbar\n"
+                               "    ----\n"
+                               "    Light\n"
+                               "    (*) Dark\n"
+                               "    ----\n"
+                               "    Print  (disabled)\n"
+                               "    Quit  Ctrl+Q\n"
+                               "  Edit\n"
+                               "    Copy  Ctrl+C\n"
+                               "    Find Next  F3\n"
+                               "    Zoom\n"
+                               "      Zoom In  Ctrl++\n"
+                               "      Reset _Zoom  Ctrl+Shift+Backspace\n"
+                               "  Menu 1\n"
+                               "    Item 1.1\n"),
+            std::string::npos)
+      << listed.output;
+  EXPECT_NE(listed.output.find("  Menu 40\n    Item 40.1\n"), std::string::npos);
+  EXPECT_NE(listed.output.find("    Item 40.50\n"), std::string::npos);
+
+  struct Press {
+    std::vector<std::string> path;
+    std::string answer;
+  };
+  std::vector<std::string> deepPath = {"File"};
+  for (int i = 0; i < 1000; ++i) deepPath.push_back("Level " + std::to_string(i));
+  const Press presses[] = {
+      {{"Menu 40", "Item 40.50"}, "Done"},
+      {{"File", "Light"}, "Done"},
+      {{"File", "Print"}, "Failed: Not available right now"},
+      {{"Edit", "Paste"}, "Failed: Action not found"},
+      {deepPath, "Failed: Action not found"},
+  };
+  for (const Press& press : presses) {
+    std::vector<std::string> arguments = {"action"};
+    arguments.insert(arguments.end(), press.path.begin(), press.path.end());
+    const CommandResult result = run(arguments);
+    EXPECT_NE(result.output.find("\n" + press.answer + "\n"), std::string::npos) << result.output;
+    EXPECT_EQ(result.succeeded(), press.answer == "Done") << result.output;
+  }
+  EXPECT_EQ(readFile(activations), "activated many 40.50\nactivated theme light\n");
 }
 
 // The device's desktop is a second X server; xclip copies and pastes on each side.

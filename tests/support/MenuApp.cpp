@@ -7,9 +7,13 @@
 //   Edit: Copy (Ctrl+C), Find Next (F3), Zoom ▸ Zoom In (Ctrl++), Reset _Zoom
 //   (Ctrl+Shift+BackSpace)
 //
-// Each activation appends "activated <name>" (with " <target>" for the radio items) to the file
-// named by $TOVU_MENU_LOG. The program prints "ready" once its window is on screen. The first
-// argument that is not --widgets is the application's ID.
+// With --items N the model has N items more, in menus "Menu 1", "Menu 2" … of 50 items each
+// ("Item 1.1" …); with --changing its last menu "Clock" holds one item whose title changes every
+// second ("Tick 1" …).
+//
+// Each activation appends "activated <name>" (with " <target>" for the radio items and the many
+// items) to the file named by $TOVU_MENU_LOG. The program prints "ready" once its window is on
+// screen. The first other argument is the application's ID.
 
 #include <gtk/gtk.h>
 
@@ -21,6 +25,8 @@
 namespace {
 
 bool widgets = false;
+int extraItems = 0;
+bool changing = false;
 const char* applicationID = "io.dovka.tovu.MenuApp";
 
 void record(const std::string& what) {
@@ -43,7 +49,7 @@ void activated(GSimpleAction* action, GVariant* parameter, gpointer) {
   std::string what = g_action_get_name(G_ACTION(action));
   if (parameter && g_variant_is_of_type(parameter, G_VARIANT_TYPE_STRING)) {
     what += std::string(" ") + g_variant_get_string(parameter, nullptr);
-    g_simple_action_set_state(action, parameter);
+    if (g_action_get_state_type(G_ACTION(action))) g_simple_action_set_state(action, parameter);
   }
   record(what);
 }
@@ -66,6 +72,34 @@ void addItem(GMenu* menu, const char* label, const char* action, const char* acc
   if (accel) g_menu_item_set_attribute(item, "accel", "s", accel);
   g_menu_append_item(menu, item);
   g_object_unref(item);
+}
+
+void addMany(GMenu* bar) {
+  constexpr int kPerMenu = 50;
+  for (int m = 1; (m - 1) * kPerMenu < extraItems; ++m) {
+    GMenu* menu = g_menu_new();
+    for (int i = 1; i <= kPerMenu && (m - 1) * kPerMenu + i <= extraItems; ++i) {
+      const std::string name = std::to_string(m) + "." + std::to_string(i);
+      addItem(menu, ("Item " + name).c_str(), "app.many", nullptr, name.c_str());
+    }
+    g_menu_append_submenu(bar, ("Menu " + std::to_string(m)).c_str(), G_MENU_MODEL(menu));
+    g_object_unref(menu);
+  }
+}
+
+gboolean tick(gpointer clock) {
+  static int ticks = 0;
+  const std::string title = "Tick " + std::to_string(++ticks);
+  g_menu_remove_all(G_MENU(clock));
+  addItem(G_MENU(clock), title.c_str(), "app.new-window", nullptr);
+  return G_SOURCE_CONTINUE;
+}
+
+void addClock(GMenu* bar) {
+  GMenu* clock = g_menu_new();
+  tick(clock);
+  g_menu_append_submenu(bar, "Clock", G_MENU_MODEL(clock));
+  g_timeout_add_seconds(1, tick, clock);  // the clock lives as long as the program
 }
 
 GMenuModel* menuModel() {
@@ -96,6 +130,8 @@ GMenuModel* menuModel() {
   g_menu_append_submenu(edit, "_Zoom", G_MENU_MODEL(zoom));
   g_menu_append_submenu(bar, "_Edit", G_MENU_MODEL(edit));
   for (GMenu* menu : {file, first, view, themes, last, edit, zoom}) g_object_unref(menu);
+  addMany(bar);
+  if (changing) addClock(bar);
   return G_MENU_MODEL(bar);
 }
 
@@ -171,6 +207,7 @@ void startup(GtkApplication* application, gpointer) {
       {"quit", activated, nullptr, nullptr, nullptr, {}},
       {"zoom-in", activated, nullptr, nullptr, nullptr, {}},
       {"zoom-reset", activated, nullptr, nullptr, nullptr, {}},
+      {"many", activated, "s", nullptr, nullptr, {}},
   };
   g_action_map_add_action_entries(G_ACTION_MAP(application), appActions, G_N_ELEMENTS(appActions),
                                   application);
@@ -212,6 +249,10 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--widgets") == 0) {
       widgets = true;
+    } else if (std::strcmp(argv[i], "--items") == 0 && i + 1 < argc) {
+      extraItems = std::atoi(argv[++i]);
+    } else if (std::strcmp(argv[i], "--changing") == 0) {
+      changing = true;
     } else {
       applicationID = argv[i];
     }

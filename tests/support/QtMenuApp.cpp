@@ -1,4 +1,4 @@
-// A Qt 5 window with the same menu bar as the GTK menu program (tests/support/MenuApp.cpp). Qt
+// A Qt 6 window with the same menu bar as the GTK menu program (tests/support/MenuApp.cpp). Qt
 // exports it as a dbusmenu when a com.canonical.AppMenu.Registrar runs on the session bus, as on
 // a KDE desktop. Each triggered action appends "activated <name>" to the file named by
 // $TOVU_MENU_LOG; "ready" is printed once the window is shown.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/x11/XvfbServer.hpp"
+#include "tests/support/ChildProcess.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron::test {
@@ -35,6 +36,15 @@ class VirtualDisplay {
   std::string name_;
   std::string reason_;
 };
+
+// Waits up to 10 s for a window manager to take the display `name`: a window mapped before it has
+// would not be focused.
+inline bool windowManagerRuns(const std::string& name) {
+  return runCommand({"env", "DISPLAY=" + name, "timeout", "10", "sh", "-c",
+                     "until xprop -root _NET_SUPPORTING_WM_CHECK | grep -q window; do sleep 0.05; "
+                     "done"})
+      .succeeded();
+}
 
 #define SKIP_WITHOUT_DISPLAY(display) \
   if (!(display).available()) GTEST_SKIP() << (display).skipReason()
