@@ -48,6 +48,20 @@ const char* markOf(MenuMark mark) {
   return "";
 }
 
+// A title as a terminal can show it: an application's control characters (an escape sequence
+// among them) become U+FFFD rather than acting on the terminal.
+std::string printable(const std::string& title) {
+  std::string shown;
+  for (const char c : title) {
+    if ((unsigned char)c < 0x20 || c == 0x7F) {
+      shown += "\uFFFD";
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
 std::string joined(const std::vector<std::string>& path) {
   std::string label;
   for (const std::string& title : path) label += (label.empty() ? "" : " > ") + title;
@@ -96,13 +110,15 @@ std::optional<std::string> ActionsView::failure() const {
 void ActionsView::appActions(const msg::appActions& actions) {
   if (options_.list && !listed_) {
     listed_ = true;
-    out_ << "Actions of " << actions.appName << " (" << actions.bundleID << "), generation "
-         << actions.generation << ": " << actions.menu.size() << " menus" << std::endl;
+    out_ << "Actions of " << printable(actions.appName) << " (" << printable(actions.bundleID)
+         << "), generation " << actions.generation << ": " << actions.menu.size() << " menus"
+         << std::endl;
     print(actions.menu, 1);
   }
   if (!options_.path.empty() && !asked_) {
     asked_ = true;
-    out_ << "Performing " << joined(options_.path) << " in " << actions.appName << std::endl;
+    out_ << "Performing " << joined(options_.path) << " in " << printable(actions.appName)
+         << std::endl;
     connection_.send(msg::performAction{actions.generation, options_.path});
   }
 }
@@ -111,8 +127,8 @@ void ActionsView::print(const std::vector<MenuNode>& nodes, int depth) {
   const std::string indent(std::size_t(depth) * 2, ' ');
   for (const MenuNode& node : nodes) {
     if (node.separatorBefore) out_ << indent << "----" << std::endl;
-    out_ << indent << markOf(node.mark) << node.title;
-    if (!node.key.empty()) out_ << "  " << shortcut(node);
+    out_ << indent << markOf(node.mark) << printable(node.title);
+    if (!node.key.empty()) out_ << "  " << printable(shortcut(node));
     if (!node.enabled) out_ << "  (disabled)";
     out_ << std::endl;
     print(node.children, depth + 1);

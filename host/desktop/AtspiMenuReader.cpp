@@ -87,6 +87,8 @@ class AtspiWalker {
       const auto childRole = role(child);
       if (!childRole) return {};
       if (*childRole == ATSPI_ROLE_POPUP_MENU) {
+        // Counted like an item, so that popups holding popups (or themselves) end.
+        if (!budget_.take()) return {};
         auto inner = items(child, depth, deep);
         for (auto& item : inner) result.push_back(std::move(item));
         continue;

@@ -119,6 +119,8 @@ class GtkModelReader {
       guint32 group = 0, id = 0;
       g_variant_get_child(menu.get(), 0, "u", &group);
       g_variant_get_child(menu.get(), 1, "u", &id);
+      // Menus of groups not asked for, or given twice, would double the items they hold.
+      if (!groups.count(group) || menus_.count({group, id})) continue;
       const Variant entries(g_variant_get_child_value(menu.get(), 2));
       std::vector<Variant>& items = menus_[{group, id}];
       const gsize n = g_variant_n_children(entries.get());

@@ -10,7 +10,6 @@
 #include <signal.h>
 
 #include <fstream>
-#include <map>
 #include <sstream>
 #include <thread>
 
@@ -19,6 +18,7 @@
 #include "host/desktop/X11WindowSystem.hpp"
 #include "tests/support/AccessibilityBus.hpp"
 #include "tests/support/AsyncTest.hpp"
+#include "tests/support/BusObject.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/TempDirectory.hpp"
 #include "tests/support/VirtualDisplay.hpp"
@@ -107,109 +107,6 @@ bool waitForLine(const std::filesystem::path& file, const std::string& line) {
   return false;
 }
 
-// A com.canonical.AppMenu.Registrar on the session bus, as a KDE desktop runs one: Qt exports its
-// menu bars as dbusmenus only while there is one, and tells it which window each belongs to.
-class MenuRegistrar {
- public:
-  explicit MenuRegistrar(const std::string& address) {
-    context_ = g_main_context_new();
-    loop_ = g_main_loop_new(context_, FALSE);
-    GError* error = nullptr;
-    bus_ = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (error) {
-      reason_ = error->message;
-      g_error_free(error);
-      return;
-    }
-    static constexpr const char* kInterface =
-        "<node><interface name='com.canonical.AppMenu.Registrar'>"
-        "<method name='RegisterWindow'><arg type='u' direction='in'/>"
-        "<arg type='o' direction='in'/></method>"
-        "<method name='UnregisterWindow'><arg type='u' direction='in'/></method>"
-        "<method name='GetMenuForWindow'><arg type='u' direction='in'/>"
-        "<arg type='s' direction='out'/><arg type='o' direction='out'/></method>"
-        "</interface></node>";
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kInterface, nullptr);
-    static const GDBusInterfaceVTable vtable = {&MenuRegistrar::call, nullptr, nullptr, {}};
-    // Calls are answered on the thread below, whose context is current while registering.
-    g_main_context_push_thread_default(context_);
-    g_dbus_connection_register_object(bus_, "/com/canonical/AppMenu/Registrar", node->interfaces[0],
-                                      &vtable, this, nullptr, nullptr);
-    g_main_context_pop_thread_default(context_);
-    g_dbus_node_info_unref(node);
-    const Variant owned(g_dbus_connection_call_sync(
-        bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "RequestName", g_variant_new("(su)", "com.canonical.AppMenu.Registrar", 4u), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error));
-    if (error) {
-      reason_ = error->message;
-      g_error_free(error);
-    }
-    thread_ = std::thread([this] {
-      g_main_context_push_thread_default(context_);
-      g_main_loop_run(loop_);
-      g_main_context_pop_thread_default(context_);
-    });
-  }
-  ~MenuRegistrar() {
-    if (thread_.joinable()) {
-      g_main_context_invoke(
-          context_,
-          [](gpointer loop) {
-            g_main_loop_quit(static_cast<GMainLoop*>(loop));
-            return gboolean(G_SOURCE_REMOVE);
-          },
-          loop_);
-      thread_.join();
-    }
-    if (bus_) g_object_unref(bus_);
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
-  }
-  MenuRegistrar(const MenuRegistrar&) = delete;
-  MenuRegistrar& operator=(const MenuRegistrar&) = delete;
-
-  bool available() const { return reason_.empty(); }
-  const std::string& skipReason() const { return reason_; }
-
- private:
-  static void call(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
-                   const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,
-                   gpointer data) {
-    auto* self = static_cast<MenuRegistrar*>(data);
-    guint32 window = 0;
-    g_variant_get_child(parameters, 0, "u", &window);
-    const std::string name = method;
-    if (name == "RegisterWindow") {
-      const gchar* path = nullptr;
-      g_variant_get_child(parameters, 1, "&o", &path);
-      self->menus_[window] = {sender, path};
-      g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (name == "UnregisterWindow") {
-      self->menus_.erase(window);
-      g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (const auto found = self->menus_.find(window); found != self->menus_.end()) {
-      g_dbus_method_invocation_return_value(
-          invocation,
-          g_variant_new("(so)", found->second.first.c_str(), found->second.second.c_str()));
-    } else {
-      g_dbus_method_invocation_return_dbus_error(
-          invocation, "com.canonical.AppMenu.Registrar.Error", "no menu for that window");
-    }
-  }
-
-  GMainContext* context_ = nullptr;
-  GMainLoop* loop_ = nullptr;
-  GDBusConnection* bus_ = nullptr;
-  std::thread thread_;
-  std::string reason_;
-  std::map<guint32, std::pair<std::string, std::string>> menus_;  // on the thread
-};
-
 struct Route {
   const char* name;
   std::vector<std::string> arguments;  // the program's, and what keeps it off other routes
@@ -231,9 +128,9 @@ TEST_P(MenuRoutes, GiveTheTreeAndPressItsItemsAndAHungProgramGivesNothingInTime)
   bus.exportToProcess();
 
   if (route.arguments.empty()) GTEST_SKIP() << "the program of this route was not built";
-  std::unique_ptr<MenuRegistrar> registrar;
+  std::unique_ptr<BusObject> registrar;
   if (route.needsRegistrar) {
-    registrar = std::make_unique<MenuRegistrar>(bus.sessionAddress());
+    registrar = menuRegistrar(bus.sessionAddress());
     if (!registrar->available()) GTEST_SKIP() << "no menu registrar: " << registrar->skipReason();
   }
 
@@ -320,6 +217,67 @@ INSTANTIATE_TEST_SUITE_P(
                     Route{"AccessibilityTree", {TOVU_MENU_APP, "--widgets"}, false},
                     Route{"Dbusmenu", kQtProgram, true, true}),
     [](const testing::TestParamInfo<Route>& each) { return std::string(each.param.name); });
+
+// A menu model as no GTK program would export it, served by the test: every read ends in time,
+// with a finite tree or nothing.
+TEST(GtkMenuModel, AHostileModelIsReadInBoundsOrNotAtAll) {
+  AccessibilityBus bus;
+  SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
+  std::string many = "@a(uuaa{sv}) [(0, 0, [";
+  for (int i = 0; i < 10'000; ++i) many += i ? ", {'label': <'x'>}" : "{'label': <'x'>}";
+  many += "])]";
+  enum Serving { answer, never, quit };
+  struct Case {
+    const char* what;
+    std::string model;  // what Start answers, whatever the groups asked for
+    Serving serving;
+    MenuReadStatus status;
+    std::string tree;
+  };
+  const Case cases[] = {
+      {"cycles through submenus and sections, and control characters",
+       "@a(uuaa{sv}) [(0, 0, [{'label': <'_Loop'>, ':submenu': <(uint32 1, uint32 0)>},"
+       " {'label': <'Tab\\tbell\\u0007 \\u001b[31mred'>, 'action': <'app.gone'>},"
+       " {':section': <(uint32 0, uint32 0)>}]),"
+       " (1, 0, [{'label': <'Again'>, ':submenu': <(uint32 0, uint32 0)>}])]",
+       answer, MenuReadStatus::read, "Loop\n  Again\nTab\tbell\a \x1b[31mred disabled\n"},
+      {"10,000 items", many, answer, MenuReadStatus::exhausted, ""},
+      {"never answers", "", never, MenuReadStatus::exhausted, ""},
+      {"quits while being read", "", quit, MenuReadStatus::absent, ""},
+  };
+  for (const Case& c : cases) {
+    std::vector<GDBusMethodInvocation*> unanswered;
+    BusObject model(
+        bus.sessionAddress(),
+        "<interface name='org.gtk.Menus'><method name='Start'><arg type='au' direction='in'/>"
+        "<arg type='a(uuaa{sv})' direction='out'/></method>"
+        "<method name='End'><arg type='au' direction='in'/></method></interface>",
+        "/menus",
+        [&](const std::string&, const std::string& method, GVariant*,
+            GDBusMethodInvocation* invocation) {
+          if (method == "End") return g_dbus_method_invocation_return_value(invocation, nullptr);
+          if (c.serving == never) return unanswered.push_back(invocation);
+          if (c.serving == quit) {
+            g_dbus_connection_close_sync(g_dbus_method_invocation_get_connection(invocation),
+                                         nullptr, nullptr);
+            return g_object_unref(invocation);
+          }
+          GVariant* menus = g_variant_new_parsed(c.model.c_str());
+          g_dbus_method_invocation_return_value(invocation, g_variant_new_tuple(&menus, 1));
+        });
+    BusObject reader(bus.sessionAddress(), nullptr, nullptr, nullptr);
+    ASSERT_TRUE(model.available() && reader.available()) << model.skipReason();
+
+    MenuBudget budget(1500ms, 3200);
+    const auto started = std::chrono::steady_clock::now();
+    const MenuRead read =
+        readGtkMenus(reader.connection(), {model.uniqueName(), "/menus", "", ""}, budget);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s) << c.what;
+    EXPECT_EQ(read.status, c.status) << c.what;
+    EXPECT_EQ(describe(read.items), c.tree) << c.what;
+    for (GDBusMethodInvocation* invocation : unanswered) g_object_unref(invocation);
+  }
+}
 
 }  // namespace
 }  // namespace kelvaron::host
