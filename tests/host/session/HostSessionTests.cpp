@@ -107,6 +107,10 @@ struct Harness {
     client->send(msg::ping{77});
     CO_EXPECT_MESSAGE(*this, msg::pong, 77);
   }
+  asio::awaitable<void> tick(std::chrono::duration<double> d) {
+    clock->advance(d);
+    co_await roundTrip();
+  }
 
   // The session's timers wait for `clock`, which the test advances.
   void useManualClock() {
@@ -401,8 +405,7 @@ SESSION_TEST(FeedbackSteersTheRateInputReachesTheInjectorAndTheEndLeavesNothingB
   const auto received = co_await nextWithin(h.client->videoFrames(), 5s);
   EXPECT_EQ(received, frame);
   EXPECT_EQ(h.lastReport().framesSent, 0);
-  h.clock->advance(1s);
-  co_await h.roundTrip();
+  co_await h.tick(1s);
   EXPECT_EQ(h.lastReport().framesSent, 1);
   EXPECT_EQ(h.lastReport().encodeLatencyMs, 12.5);
 
@@ -547,8 +550,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   const float x = float(12.0 / 1920), y = float(34.0 / 1080);
   h.clock->advance(positionRound);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 0, 1, x, y, true, 0);  // no shape known yet
-  h.clock->advance(positionRound);
-  co_await h.roundTrip();  // a still pointer sends nothing
+  co_await h.tick(positionRound);                               // a still pointer sends nothing
 
   const CursorShapeData arrow{{0x89, 'P', 'N', 'G'}, 1, 2, 16};
   const std::uint32_t arrowID = CursorShapeRegistry::shapeID(arrow);
@@ -559,8 +561,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   // The same image, left out by the source; nothing readable; then an application hides it.
   for (const auto& poll : {std::optional(CursorPoll{7, true, {}}), std::optional<CursorPoll>()}) {
     cursor->next = poll;
-    h.clock->advance(1s);
-    co_await h.roundTrip();
+    co_await h.tick(1s);
   }
   cursor->next = CursorPoll{7, false, {}};
   h.clock->advance(1s);
@@ -582,8 +583,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   CO_EXPECT_MESSAGE(h, msg::cursorState, 6, 2, float((3199.9 - 1920) / 1280), float(1023.9 / 1024),
                     false, arrowID);
   h.injector->position = Point{5000, 5000};
-  h.clock->advance(positionRound);
-  co_await h.roundTrip();
+  co_await h.tick(positionRound);
 
   // A client that lost a shape asks for it again; one never seen is not sent.
   h.client->send(msg::requestCursorShape{arrowID});
@@ -623,8 +623,7 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   CO_EXPECT_MESSAGE(h, msg::clipboardText, "copied");
   for (const std::string text : {"from the device", ""}) {
     h.client->send(msg::clipboardText{text});
-    h.clock->advance(500ms);
-    co_await h.roundTrip();
+    co_await h.tick(500ms);
     EXPECT_EQ(pasteboard->text, text);
   }
 
@@ -640,8 +639,7 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   co_await h.roundTrip();  // only the newest loop runs
   h.client->send(msg::setThumbnails{false});
   co_await h.roundTrip();
-  h.clock->advance(1s);
-  co_await h.roundTrip();
+  co_await h.tick(1s);
   EXPECT_EQ(thumbnails->asked, (std::vector<std::uint32_t>{2, 3, 2, 3, 2, 3}));
 }
 
@@ -784,20 +782,16 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::appList, h.windows->appList);
   h.client->send(msg::activateApp{30, 300, false});
-  co_await h.roundTrip();
-  EXPECT_EQ(h.windows->log.back(), "raise 300");
   // Quitting: never this process, nor a pid below 1.
   for (const std::int32_t pid : {0, h.env.ownPID, 30}) h.client->send(msg::quitApp{pid});
   co_await h.roundTrip();
-  EXPECT_EQ(std::ranges::count_if(h.windows->log, [](auto& l) { return l.starts_with("close"); }),
-            1);
-  EXPECT_EQ(h.windows->log.back(), "close 30");
+  EXPECT_EQ(std::vector(h.windows->log.end() - 2, h.windows->log.end()),
+            (std::vector<std::string>{"raise 300", "close 30"}));
   h.windows->list = {fixed};
 
   h.client->send(msg::windowThumbnails{true, {300, 301}});
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{1});
-  h.clock->advance(1s);
-  co_await h.roundTrip();
+  co_await h.tick(1s);
   h.windows->pictures[300] = Data{2};
   h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{2});
@@ -823,10 +817,8 @@ SESSION_TEST(InstalledAppsAndTheirIconsAreAnsweredWithoutHoldingUpWhatFollows) {
   CO_EXPECT_MESSAGE(h, msg::installedApps, installed->list);
 
   h.client->send(msg::requestAppIcons{ids});
-  for (int i = 0; i < 24; ++i) {
-    if (i % 5 == 1) continue;
-    CO_EXPECT_MESSAGE(h, msg::appIcon, ids[std::size_t(i)], Data{std::uint8_t(i)});
-  }
+  for (int i = 0; i < 24; ++i)
+    if (i % 5 != 1) CO_EXPECT_MESSAGE(h, msg::appIcon, ids[std::size_t(i)], Data{std::uint8_t(i)});
   co_await h.roundTrip();
   EXPECT_EQ(installed->asked, std::vector(ids.begin(), ids.begin() + 24));
 }
@@ -844,8 +836,7 @@ struct FakeMenus : MenuSource {
     co_return tree;
   }
   asio::awaitable<MenuPressResult> press(std::int32_t, std::vector<std::string> path) override {
-    pressed.push_back(std::move(path));
-    co_return pressing;
+    co_return (pressed.push_back(std::move(path)), pressing);
   }
 };
 
