@@ -205,10 +205,6 @@ TEST(WireCodec, MediaFramesHaveTheirLayouts) {
   EXPECT_EQ(WireCodec::decodeAudioPacket(Data(audioBytes.begin() + 4, audioBytes.end())), audio);
 }
 
-void expectInvalid(const Data& bytes, const std::string& label) {
-  EXPECT_EQ(decodeError(bytes), WireError::invalidValue(label)) << label;
-}
-
 // Unknown bytes of a lenient enumeration read as none; a short frame is truncated; bytes after the
 // last field are ignored (a newer peer's), and a stream mode without its follow part has none.
 TEST(WireCodec, LenientReadsAndFrameLengths) {
@@ -263,12 +259,13 @@ TEST(WireCodec, MenuTreeIsCutToFourLevelsAndTheNodeBudget) {
   EXPECT_EQ(bushy.menu.size(), 60u);
 
   const Data leaf = concat({str("x"), str(""), u8(0), u8(1), u8(0), u8(0), u16(0)});
-  expectInvalid(frame(58, {str(""), str(""), u32(1), u16(3001), repeated(leaf, 3001)}),
-                "menu tree too large");
+  const WireError tooLarge = WireError::invalidValue("menu tree too large");
+  EXPECT_EQ(decodeError(frame(58, {str(""), str(""), u32(1), u16(3001), repeated(leaf, 3001)})),
+            tooLarge);
   // A list of 2 whose first node claims 2999 children overruns the budget at the second node.
-  expectInvalid(frame(58, {str(""), str(""), u32(1), u16(2), str("p"), str(""), u8(0), u8(1), u8(0),
-                           u8(0), u16(2999), repeated(leaf, 2999), leaf}),
-                "menu tree too large");
+  EXPECT_EQ(decodeError(frame(58, {str(""), str(""), u32(1), u16(2), str("p"), str(""), u8(0),
+                                   u8(1), u8(0), u8(0), u16(2999), repeated(leaf, 2999), leaf})),
+            tooLarge);
 }
 
 TEST(WireDecoder, AStreamFedOneByteAtATimeYieldsEveryFrameAsItsLastByteArrives) {
