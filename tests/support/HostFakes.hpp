@@ -23,8 +23,7 @@ namespace kelvaron::test {
 
 using namespace kelvaron::host;
 
-class FakeDisplays : public DisplayProviding {
- public:
+struct FakeDisplays : DisplayProviding {
   std::vector<DisplayInfo> list = {{1, "DP-1", true, 1920, 1080, {0, 0, 1920, 1080}}};
 
   asio::awaitable<std::vector<DisplayInfo>> displays() override { co_return list; }
@@ -46,8 +45,7 @@ class FakeDisplays : public DisplayProviding {
 };
 
 // Records each frame's capture time and quality; the test drives its output.
-class FakeEncoder : public VideoEncoder {
- public:
+struct FakeEncoder : VideoEncoder {
   explicit FakeEncoder(EncoderOutputHandler handler) : output(std::move(handler)) {}
   void encode(const CapturedFrame& frame, bool, bool highQuality) override {
     encodes.emplace_back(frame.captureTimeNs, highQuality);
@@ -66,8 +64,7 @@ class FakeEncoder : public VideoEncoder {
   bool stopped = false;
 };
 
-class FakeEncoders : public EncoderFactory {
- public:
+struct FakeEncoders : EncoderFactory {
   std::vector<CodecProfile> profiles = {CodecProfile::hevcMain, CodecProfile::hevcMain444};
   mutable std::shared_ptr<FakeEncoder> made;
   std::vector<CodecProfile> supportedProfiles() const override { return profiles; }
@@ -88,8 +85,7 @@ struct FakeCaptures {
   CaptureScope scope;                  // the last one set
 };
 
-class FakeCapture : public CaptureSource {
- public:
+struct FakeCapture : CaptureSource {
   explicit FakeCapture(std::shared_ptr<FakeCaptures> all) : all_(std::move(all)) {}
   void setScope(CaptureScope scope) override { all_->scope = scope; }
   asio::awaitable<void> start(DisplayInfo display, Viewport viewport, FrameHandler,
@@ -115,12 +111,11 @@ class FakeCapture : public CaptureSource {
 
 // Applications and windows as the test arranges them, and what the session asked of them
 // ("activate 10", "raise 100", "resize 100 480,0 1440x1080").
-class FakeWindows : public AppProviding,
-                    public WindowControlling,
-                    public WindowTracking,
-                    public WindowThumbnailProviding,
-                    public FocusObserving {
- public:
+struct FakeWindows : AppProviding,
+                     WindowControlling,
+                     WindowTracking,
+                     WindowThumbnailProviding,
+                     FocusObserving {
   std::vector<WindowRecord> list;  // front to back
   std::vector<AppInfo> appList;
   std::vector<std::int32_t> recent;
@@ -203,9 +198,7 @@ class FakeWindows : public AppProviding,
   }
 };
 
-// Records what reaches the injector.
-class FakeInjector : public InputInjector {
- public:
+struct FakeInjector : InputInjector {
   void injectKey(InputOwner owner, const KeyEvent& event) override {
     keys.push_back(event);
     if (event.isDown) held[event.usage.rawValue] = owner;
@@ -228,8 +221,7 @@ class FakeInjector : public InputInjector {
   std::map<std::uint16_t, InputOwner> held;  // keys down, by HID usage
 };
 
-class FakePower : public PowerManaging {
- public:
+struct FakePower : PowerManaging {
   std::vector<std::uint32_t> held;
   int taken = 0;
   int activityDeclared = 0;
@@ -241,43 +233,31 @@ class FakePower : public PowerManaging {
   }
   void releaseAssertion(std::uint32_t id) override { std::erase(held, id); }
   void stopAllAssertions() override { held.clear(); }
-  void declareUserActivity() override {
-    ++activityDeclared;
-    onActivity();
-  }
+  void declareUserActivity() override { ++activityDeclared, onActivity(); }
 };
 
 // Answers each poll with `next`, noting the token it was asked with.
-class FakeCursorSource : public CursorSource {
- public:
+struct FakeCursorSource : CursorSource {
   std::optional<CursorPoll> next;
   std::vector<std::optional<std::uint64_t>> tokens;
   asio::awaitable<std::optional<CursorPoll>> poll(std::optional<std::uint64_t> token) override {
-    tokens.push_back(token);
-    co_return next;
+    co_return (tokens.push_back(token), next);
   }
 };
 
-class FakePasteboard : public PasteboardProviding {
- public:
+struct FakePasteboard : PasteboardProviding {
   std::int64_t count = 0;
   std::optional<std::string> text;
   int reads = 0;
   std::int64_t changeCount() override { return count; }
-  asio::awaitable<std::optional<std::string>> string() override {
-    ++reads;
-    co_return text;
-  }
+  asio::awaitable<std::optional<std::string>> string() override { co_return (++reads, text); }
   asio::awaitable<void> writeString(std::string written) override {
-    text = std::move(written);
-    ++count;
-    co_return;
+    co_return (void)(text = std::move(written), ++count);
   }
 };
 
 // A picture of one byte, the display's ID; `failing` displays throw instead.
-class FakeThumbnails : public ThumbnailProviding {
- public:
+struct FakeThumbnails : ThumbnailProviding {
   std::vector<std::uint32_t> failing;
   std::vector<std::uint32_t> asked;
   asio::awaitable<std::optional<Data>> thumbnail(std::uint32_t displayID, int maxWidth) override {
@@ -290,8 +270,7 @@ class FakeThumbnails : public ThumbnailProviding {
 
 // Installed applications as the test sets them; listing waits for `gate` when there is one, and
 // every icon asked for is noted.
-class FakeInstalledApps : public InstalledAppsProviding {
- public:
+struct FakeInstalledApps : InstalledAppsProviding {
   std::vector<InstalledApp> list;
   std::map<std::string, Data> icons;
   std::vector<std::string> asked;

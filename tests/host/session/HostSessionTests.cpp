@@ -107,6 +107,10 @@ struct Harness {
     client->send(msg::ping{77});
     CO_EXPECT_MESSAGE(*this, msg::pong, 77);
   }
+  asio::awaitable<void> tick(std::chrono::duration<double> d) {
+    clock->advance(d);
+    co_await roundTrip();
+  }
 
   // The session's timers wait for `clock`, which the test advances.
   void useManualClock() {
@@ -401,8 +405,7 @@ SESSION_TEST(FeedbackSteersTheRateInputReachesTheInjectorAndTheEndLeavesNothingB
   const auto received = co_await nextWithin(h.client->videoFrames(), 5s);
   EXPECT_EQ(received, frame);
   EXPECT_EQ(h.lastReport().framesSent, 0);
-  h.clock->advance(1s);
-  co_await h.roundTrip();
+  co_await h.tick(1s);
   EXPECT_EQ(h.lastReport().framesSent, 1);
   EXPECT_EQ(h.lastReport().encodeLatencyMs, 12.5);
 
@@ -470,8 +473,7 @@ struct FakeAudioCapture : AudioCapturing {
   AudioFormat start(bool mute, SamplesCallback onSamples, FailureCallback onFailure) override {
     while (hold) std::this_thread::sleep_for(1ms);
     if (refusal) throw *refusal;
-    muted = mute, running = true;
-    samples = std::move(onSamples), failure = std::move(onFailure);
+    muted = mute, running = true, samples = std::move(onSamples), failure = std::move(onFailure);
     return {48000, 2};
   }
   void stop() override { running = false; }
@@ -538,8 +540,7 @@ SESSION_TEST(AudioFollowsTheNewestClaimAndEveryRunEndsWithItsStatus) {
 SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState) {
   h.useManualClock();
   const auto cursor = std::make_shared<FakeCursorSource>();
-  h.env.cursorSource = cursor;
-  h.env.cursorShapePollInterval = 1s;
+  h.env.cursorSource = cursor, h.env.cursorShapePollInterval = 1s,
   h.env.cursorInputInterval = 200ms;
   h.displays->list.push_back({2, "HDMI-1", false, 1280, 1024, {1920, 0, 1280, 1024}});
   co_await h.open();
@@ -547,8 +548,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   const float x = float(12.0 / 1920), y = float(34.0 / 1080);
   h.clock->advance(positionRound);
   CO_EXPECT_MESSAGE(h, msg::cursorState, 0, 1, x, y, true, 0);  // no shape known yet
-  h.clock->advance(positionRound);
-  co_await h.roundTrip();  // a still pointer sends nothing
+  co_await h.tick(positionRound);                               // a still pointer sends nothing
 
   const CursorShapeData arrow{{0x89, 'P', 'N', 'G'}, 1, 2, 16};
   const std::uint32_t arrowID = CursorShapeRegistry::shapeID(arrow);
@@ -559,8 +559,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   // The same image, left out by the source; nothing readable; then an application hides it.
   for (const auto& poll : {std::optional(CursorPoll{7, true, {}}), std::optional<CursorPoll>()}) {
     cursor->next = poll;
-    h.clock->advance(1s);
-    co_await h.roundTrip();
+    co_await h.tick(1s);
   }
   cursor->next = CursorPoll{7, false, {}};
   h.clock->advance(1s);
@@ -582,8 +581,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
   CO_EXPECT_MESSAGE(h, msg::cursorState, 6, 2, float((3199.9 - 1920) / 1280), float(1023.9 / 1024),
                     false, arrowID);
   h.injector->position = Point{5000, 5000};
-  h.clock->advance(positionRound);
-  co_await h.roundTrip();
+  co_await h.tick(positionRound);
 
   // A client that lost a shape asks for it again; one never seen is not sent.
   h.client->send(msg::requestCursorShape{arrowID});
@@ -598,8 +596,7 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
 SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays) {
   h.useManualClock();
   const auto pasteboard = std::make_shared<FakePasteboard>();
-  pasteboard->count = 5;
-  pasteboard->text = "before";
+  pasteboard->count = 5, pasteboard->text = "before";
   h.env.pasteboard = pasteboard;
   const auto thumbnails = std::make_shared<FakeThumbnails>();
   h.env.thumbnails = thumbnails;
@@ -607,12 +604,10 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   h.displays->list.push_back({3, "HDMI-2", false, 1280, 1024, {3200, 0, 1280, 1024}});
   co_await h.open();
   const auto clipboardRound = [&](std::int64_t count, std::optional<std::string> text) {
-    pasteboard->count = count;
-    pasteboard->text = std::move(text);
+    pasteboard->count = count, pasteboard->text = std::move(text);
     h.clock->advance(500ms);
   };
-  clipboardRound(5, "before");
-  co_await h.roundTrip();
+  co_await h.tick(500ms);           // unchanged
   clipboardRound(6, std::nullopt);  // a copied picture
   co_await h.roundTrip();
   clipboardRound(6, "not read again");
@@ -623,8 +618,7 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   CO_EXPECT_MESSAGE(h, msg::clipboardText, "copied");
   for (const std::string text : {"from the device", ""}) {
     h.client->send(msg::clipboardText{text});
-    h.clock->advance(500ms);
-    co_await h.roundTrip();
+    co_await h.tick(500ms);
     EXPECT_EQ(pasteboard->text, text);
   }
 
@@ -640,8 +634,7 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   co_await h.roundTrip();  // only the newest loop runs
   h.client->send(msg::setThumbnails{false});
   co_await h.roundTrip();
-  h.clock->advance(1s);
-  co_await h.roundTrip();
+  co_await h.tick(1s);
   EXPECT_EQ(thumbnails->asked, (std::vector<std::uint32_t>{2, 3, 2, 3, 2, 3}));
 }
 
@@ -740,8 +733,7 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
       {30, "xcalc", "XCalc", {}, true, {{300, "fixed", {0, 0, 300, 200}, 1, true}}}};
   h.windows->recent = {30};
   h.windows->pictures = {{300, Data{1}}};
-  h.captures->isolatesApps = false;
-  h.env.ownPID = 40;
+  h.captures->isolatesApps = false, h.env.ownPID = 40;
   co_await h.open();
 
   h.client->send(msg::focus{31, 300, false, false});
@@ -784,20 +776,16 @@ SESSION_TEST(FocusProblemsAreToldAndAppsAndWindowPicturesGoOutOnlyWhenChanged) {
   h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::appList, h.windows->appList);
   h.client->send(msg::activateApp{30, 300, false});
-  co_await h.roundTrip();
-  EXPECT_EQ(h.windows->log.back(), "raise 300");
   // Quitting: never this process, nor a pid below 1.
   for (const std::int32_t pid : {0, h.env.ownPID, 30}) h.client->send(msg::quitApp{pid});
   co_await h.roundTrip();
-  EXPECT_EQ(std::ranges::count_if(h.windows->log, [](auto& l) { return l.starts_with("close"); }),
-            1);
-  EXPECT_EQ(h.windows->log.back(), "close 30");
+  EXPECT_EQ(std::vector(h.windows->log.end() - 2, h.windows->log.end()),
+            (std::vector<std::string>{"raise 300", "close 30"}));
   h.windows->list = {fixed};
 
   h.client->send(msg::windowThumbnails{true, {300, 301}});
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{1});
-  h.clock->advance(1s);
-  co_await h.roundTrip();
+  co_await h.tick(1s);
   h.windows->pictures[300] = Data{2};
   h.clock->advance(1s);
   CO_EXPECT_MESSAGE(h, msg::windowThumbnail, 300, Data{2});
@@ -823,10 +811,8 @@ SESSION_TEST(InstalledAppsAndTheirIconsAreAnsweredWithoutHoldingUpWhatFollows) {
   CO_EXPECT_MESSAGE(h, msg::installedApps, installed->list);
 
   h.client->send(msg::requestAppIcons{ids});
-  for (int i = 0; i < 24; ++i) {
-    if (i % 5 == 1) continue;
-    CO_EXPECT_MESSAGE(h, msg::appIcon, ids[std::size_t(i)], Data{std::uint8_t(i)});
-  }
+  for (int i = 0; i < 24; ++i)
+    if (i % 5 != 1) CO_EXPECT_MESSAGE(h, msg::appIcon, ids[std::size_t(i)], Data{std::uint8_t(i)});
   co_await h.roundTrip();
   EXPECT_EQ(installed->asked, std::vector(ids.begin(), ids.begin() + 24));
 }
@@ -844,8 +830,7 @@ struct FakeMenus : MenuSource {
     co_return tree;
   }
   asio::awaitable<MenuPressResult> press(std::int32_t, std::vector<std::string> path) override {
-    pressed.push_back(std::move(path));
-    co_return pressing;
+    co_return (pressed.push_back(std::move(path)), pressing);
   }
 };
 
