@@ -3,7 +3,8 @@
 # clock and a terminal on it and a sound server of its own playing quiet noise, starts the host,
 # pairs the reference client by token, streams picture and sound for a while typing into the
 # terminal, then streams the terminal's window alone (focus mode), opens an installed application
-# from the client and quits it, and says what happened.
+# from the client and quits it, shows a program's menu bar on the client and presses one of its
+# items, and says what happened.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,7 +13,7 @@ SECONDS_TO_STREAM=${TOVU_DEMO_SECONDS:-10}
 scripts/install-deps.sh
 export CCACHE_BASEDIR="$PWD"
 cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build/release --target tovu-host tovu-client
+cmake --build build/release --target tovu-host tovu-client tovu_menu_app
 
 work=$(mktemp -d /tmp/tovu-demo.XXXXXX)
 # The demo's own identities, pairings and settings, apart from the user's.
@@ -39,6 +40,13 @@ export PULSE_SERVER="unix:$work/pulse/sock"
 for _ in $(seq 1 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
 pacat --volume=6000 --rate=48000 --channels=2 --format=s16le /dev/urandom &
 pids+=($!)
+
+# A session bus of the demo's own, where programs publish their menus.
+dbus-daemon --session --nofork --print-address=1 >"$work/session-bus" 2>&1 &
+pids+=($!)
+for _ in $(seq 1 50); do [ -s "$work/session-bus" ] && break; sleep 0.1; done
+DBUS_SESSION_BUS_ADDRESS=$(head -1 "$work/session-bus")
+export DBUS_SESSION_BUS_ADDRESS
 
 echo "== starting the host on a virtual display"
 build/release/apps/tovu-host --virtual-display 1280x720 --pair --no-advertise >"$work/host.log" 2>&1 &
@@ -89,6 +97,17 @@ client_app apps --installed | grep -E "^(Installed|Icon) "
 client_app launch debian-uxterm | grep "^Launch "
 uxterm_pid=$(client_app apps | sed -n 's/^App \([0-9]*\) .*(debian-uxterm).*$/\1/p' | head -1)
 if [ -n "$uxterm_pid" ]; then client_app quit "$uxterm_pid" | grep -E "^(Asked|Process) "; fi
+
+echo "== actions: the menu bar of the program in front, and one of its items pressed"
+# A small GTK program of the tests' own, whose menu model GTK exports on the session bus.
+DISPLAY=$display NO_AT_BRIDGE=1 TOVU_MENU_LOG="$work/menu-presses" build/release/tests/tovu_menu_app \
+  >"$work/menu-app.log" 2>&1 &
+pids+=($!)
+for _ in $(seq 1 50); do grep -q ready "$work/menu-app.log" && break; sleep 0.2; done
+client_app actions >"$work/actions.txt"
+head -12 "$work/actions.txt"
+client_app action File "New Window"
+echo "The program says: $(cat "$work/menu-presses" 2>/dev/null)"
 
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"
