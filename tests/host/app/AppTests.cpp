@@ -75,8 +75,7 @@ struct App {
   asio::awaitable<void> started() {
     model->start();
     model->start();
-    for (int i = 0; i < 500 && !(model->supervisor() || model->securityError()); ++i)
-      co_await sleepFor(10ms);
+    co_await pollUntil([this] { return model->supervisor() || model->securityError(); });
   }
 
   // A device on a new connection, pairing with a fresh token or signing in, says hello; its end.
@@ -89,9 +88,8 @@ struct App {
     const Data fingerprint = model->security()->identity->fingerprint();
     const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
     const std::function<void(const std::string&)> noCode;
-    const auto event =
-        co_await ClientHandshake::run(client, device, purpose, name, pinned, 5s, noCode);
-    EXPECT_EQ(event, ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
+    CO_EXPECT_EQ(ClientHandshake::run(client, device, purpose, name, pinned, 5s, noCode),
+                 ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
     client->send(msg::hello{
         16, device.deviceID, name, {{CodecProfile::hevcMain}, 1920, 1080, 2, "x", false}});
     const auto ack = co_await until<msg::helloAck>(client);
@@ -133,7 +131,7 @@ TEST(AppModel, RestartsTheListenerWhenTheNetworkChanges) {
     for (const char* change : {"add", "del"}) {
       const auto before = app.requestedPorts.size();
       NetworkNamespace::ip({"address", change, "10.78.0.1/24", "dev", "tovu1"});
-      for (int i = 0; i < 500 && app.requestedPorts.size() == before; ++i) co_await sleepFor(10ms);
+      co_await pollUntil([&] { return app.requestedPorts.size() != before; });
     }
     EXPECT_EQ(app.requestedPorts, (std::vector<Port>{7000, 7000, 7000}));
   });
@@ -156,13 +154,12 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
     // The host's ID is made once and kept in the settings.
     const UUID id = app.model->security()->service->hostID();
     EXPECT_EQ(Settings(app.directory.path() / "settings.json").hostID(), id);
-    const ClientIdentity ann{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
-    const ClientIdentity bob{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    const ClientIdentity ann{AuthCrypto::randomUUID(), P256PrivateKey::generate()},
+        bob{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
     const std::string annName = "Ann's iPad", bobName = "Bob's iPhone";
 
     const auto first = co_await app.connect(ann, annName, true);
-    for (int i = 0; i < 100 && !app.shows(annName); ++i) co_await sleepFor(10ms);
-    EXPECT_TRUE(app.shows(annName));
+    EXPECT_TRUE(co_await pollUntil([&] { return app.shows(annName); }));
 
     // A connection that never signs in stays a candidate and never shows.
     auto [silent, silentHost] = InMemoryConnection::makePair();
@@ -170,12 +167,10 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
 
     // Ann again, by signature alone: the old session ends without a word.
     const auto again = co_await app.connect(ann, annName, false);
-    const auto replacedSelf = co_await App::until<msg::sessionReplaced>(first);
-    EXPECT_EQ(replacedSelf, std::nullopt);
+    CO_EXPECT_EQ(App::until<msg::sessionReplaced>(first), std::nullopt);
 
     const auto third = co_await app.connect(bob, bobName, true);
-    const auto replaced = co_await App::until<msg::sessionReplaced>(again);
-    EXPECT_EQ(replaced, msg::sessionReplaced{bobName});
+    CO_EXPECT_EQ(App::until<msg::sessionReplaced>(again), msg::sessionReplaced{bobName});
     co_await sleepFor(300ms);
     EXPECT_TRUE(app.model->hasLiveSession() && app.shows(bobName));
     EXPECT_EQ(app.model->status()->phase, SessionStatus::Phase::streaming);
@@ -183,8 +178,7 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
 
     // The live session ending by itself shows as ended, and leaves no live session.
     third->close();
-    for (int i = 0; i < 100 && app.model->hasLiveSession(); ++i) co_await sleepFor(10ms);
-    EXPECT_FALSE(app.model->hasLiveSession());
+    EXPECT_TRUE(co_await pollUntil([&] { return !app.model->hasLiveSession(); }));
     EXPECT_EQ(app.model->status()->phase, SessionStatus::Phase::ended);
 
     // Stopping ends the sessions that are left; the model says when their teardowns are over.
