@@ -92,8 +92,7 @@ struct App {
                  ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
     client->send(msg::hello{
         16, device.deviceID, name, {{CodecProfile::hevcMain}, 1920, 1080, 2, "x", false}});
-    const auto ack = co_await until<msg::helloAck>(client);
-    CO_ASSERT_TRUE(ack.has_value());
+    CO_ASSERT_TRUE(co_await until<msg::helloAck>(client));
     co_return client;
   }
 
@@ -102,9 +101,8 @@ struct App {
   // Skips a device's messages up to one of type `Case`; nothing if the connection ends first.
   template <class Case>
   static asio::awaitable<std::optional<Case>> until(const Client& client) {
-    while (const auto m = co_await nextWithin(client->messages(), 5s)) {
+    while (const auto m = co_await nextWithin(client->messages(), 5s))
       if (const auto* found = std::get_if<Case>(&*m)) co_return *found;
-    }
     co_return std::nullopt;
   }
 
@@ -154,8 +152,8 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
     // The host's ID is made once and kept in the settings.
     const UUID id = app.model->security()->service->hostID();
     EXPECT_EQ(Settings(app.directory.path() / "settings.json").hostID(), id);
-    const ClientIdentity ann{AuthCrypto::randomUUID(), P256PrivateKey::generate()},
-        bob{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    const ClientIdentity ann{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
+    const ClientIdentity bob{AuthCrypto::randomUUID(), P256PrivateKey::generate()};
     const std::string annName = "Ann's iPad", bobName = "Bob's iPhone";
 
     const auto first = co_await app.connect(ann, annName, true);
@@ -197,13 +195,11 @@ TEST(Settings, KeepsItsValuesAndItsHostIDAndADamagedFileAside) {
   EXPECT_EQ(first.flag(flag), std::nullopt);
   first.setFlag(flag, false);
   const UUID id = first.hostID();
-  Settings again(file);
-  EXPECT_EQ(again.flag(flag), false);
-  EXPECT_EQ(again.hostID(), id);
+  EXPECT_EQ(Settings(file).flag(flag), false);
+  EXPECT_EQ(Settings(file).hostID(), id);
   std::ofstream(file) << R"({"hostID": "not a uuid", "keepDisplayAwakeWhileConnected": "yes"})";
-  Settings odd(file);
-  EXPECT_EQ(odd.flag(flag), std::nullopt);
-  EXPECT_NE(odd.hostID(), id);
+  EXPECT_EQ(Settings(file).flag(flag), std::nullopt);
+  EXPECT_NE(Settings(file).hostID(), id);
 
   for (const std::string damaged : {"{\"hostID\": ", "[1, 2]", "\xff\xfe"}) {
     std::ofstream(file) << damaged;
@@ -229,7 +225,7 @@ struct Supervision {
                       }};
             },
             [this](std::shared_ptr<Connection> c) { accepted.push_back(std::move(c)); },
-            [this](std::chrono::duration<double> d) { return clock.sleep(d); }, {}, firstPort)) {
+            [this](auto d) { return clock.sleep(d); }, {}, firstPort)) {
     supervisor->setOnPortChange([this](Port p) { ports.push_back(p); });
   }
   ~Supervision() {

@@ -53,9 +53,8 @@ struct Host {
 
   Link connect() {
     auto [client, host] = InMemoryConnection::makePair();
-    auto gate =
-        HostAuthGate::make(io.get_executor(), host, service, AuthTimeouts{}, nullptr,
-                           [this](std::chrono::duration<double> d) { return clock.sleep(d); });
+    auto gate = HostAuthGate::make(io.get_executor(), host, service, AuthTimeouts{}, nullptr,
+                                   [this](auto d) { return clock.sleep(d); });
     Link link{client, gate};
     links.push_back(link);
     asio::co_spawn(
