@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <optional>
+#include <ranges>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -20,6 +21,37 @@
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron::test {
+
+// Environment variables of this process set (a value) or removed (none) for the life of the
+// object, and put back afterwards.
+class ScopedEnvironment {
+ public:
+  using Values = std::vector<std::pair<std::string, std::optional<std::string>>>;
+  explicit ScopedEnvironment(const Values& values = {}) {
+    for (const auto& [name, value] : values) set(name, value);
+  }
+  ~ScopedEnvironment() {
+    for (const auto& [name, value] : saved_ | std::views::reverse) apply(name, value);
+  }
+  ScopedEnvironment(const ScopedEnvironment&) = delete;
+  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+  void set(const std::string& name, const std::optional<std::string>& value) {
+    const char* before = std::getenv(name.c_str());
+    saved_.emplace_back(name, before ? std::optional<std::string>(before) : std::nullopt);
+    apply(name, value);
+  }
+
+ private:
+  static void apply(const std::string& name, const std::optional<std::string>& value) {
+    if (value) {
+      ::setenv(name.c_str(), value->c_str(), 1);
+    } else {
+      ::unsetenv(name.c_str());
+    }
+  }
+  Values saved_;
+};
 
 class AccessibilityBus {
  public:
@@ -55,20 +87,6 @@ class AccessibilityBus {
     }
   }
 
-  ~AccessibilityBus() {
-    for (const auto& [name, value] : saved_) {
-      if (value) {
-        ::setenv(name.c_str(), value->c_str(), 1);
-      } else {
-        ::unsetenv(name.c_str());
-      }
-    }
-    launcher_.reset();
-    sessionBus_.reset();
-  }
-  AccessibilityBus(const AccessibilityBus&) = delete;
-  AccessibilityBus& operator=(const AccessibilityBus&) = delete;
-
   bool available() const { return reason_.empty(); }
   const std::string& skipReason() const { return reason_; }
   const std::string& sessionAddress() const { return address_; }
@@ -95,10 +113,10 @@ class AccessibilityBus {
   // Points this process (libatspi, GIO) at the display and the bus until the object goes. Call it
   // before the process has threads that read the environment.
   void exportToProcess() {
-    exportVariable("AT_SPI_BUS_ADDRESS", std::nullopt);
+    exported_.set("AT_SPI_BUS_ADDRESS", std::nullopt);
     for (const auto& name : environment()) {
       const auto equals = name.find('=');
-      exportVariable(name.substr(0, equals), name.substr(equals + 1));
+      exported_.set(name.substr(0, equals), name.substr(equals + 1));
     }
   }
 
@@ -136,23 +154,14 @@ class AccessibilityBus {
     return {};
   }
 
-  void exportVariable(const std::string& name, const std::optional<std::string>& value) {
-    const char* before = std::getenv(name.c_str());
-    saved_.emplace_back(name, before ? std::optional<std::string>(before) : std::nullopt);
-    if (value) {
-      ::setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      ::unsetenv(name.c_str());
-    }
-  }
-
   std::string display_;
   TempDirectory folder_;
   std::string reason_;
   std::string address_;
+  // Gone in reverse order: the environment is put back, the launcher stops, then the session bus.
   std::unique_ptr<ChildProcess> sessionBus_;
   std::unique_ptr<ChildProcess> launcher_;
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+  ScopedEnvironment exported_;
 };
 
 #define SKIP_WITHOUT_ACCESSIBILITY_BUS(bus) \

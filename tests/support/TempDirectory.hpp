@@ -14,6 +14,11 @@ class TempDirectory {
     path_ = std::filesystem::temp_directory_path() / ("tovu-test-" + std::to_string(random()));
     std::filesystem::create_directories(path_);
   }
+  // The folder `path`, emptied of anything an earlier run left there.
+  explicit TempDirectory(std::filesystem::path path) : path_(std::move(path)) {
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directories(path_);
+  }
   ~TempDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);

@@ -47,11 +47,8 @@ int main(int argc, char** argv) {
   GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
   gtk_container_add(GTK_CONTAINER(window), box);
 
-  widgets[0] = gtk_entry_new();
-  widgets[1] = gtk_entry_new();
+  widgets = {gtk_entry_new(), gtk_entry_new(), gtk_search_entry_new(), gtk_text_view_new()};
   gtk_entry_set_visibility(GTK_ENTRY(widgets[1]), FALSE);
-  widgets[2] = gtk_search_entry_new();
-  widgets[3] = gtk_text_view_new();
   for (std::size_t i = 0; i < widgets.size(); ++i) {
     const bool last = i + 1 == widgets.size();
     atk_object_set_name(gtk_widget_get_accessible(widgets[i]), kNames[i]);

@@ -75,8 +75,7 @@ struct App {
   asio::awaitable<void> started() {
     model->start();
     model->start();
-    for (int i = 0; i < 500 && !(model->supervisor() || model->securityError()); ++i)
-      co_await sleepFor(10ms);
+    co_await pollUntil([this] { return model->supervisor() || model->securityError(); });
   }
 
   // A device on a new connection, pairing with a fresh token or signing in, says hello; its end.
@@ -89,13 +88,11 @@ struct App {
     const Data fingerprint = model->security()->identity->fingerprint();
     const std::function<std::optional<Data>()> pinned = [fingerprint] { return fingerprint; };
     const std::function<void(const std::string&)> noCode;
-    const auto event =
-        co_await ClientHandshake::run(client, device, purpose, name, pinned, 5s, noCode);
-    EXPECT_EQ(event, ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
+    CO_EXPECT_EQ(ClientHandshake::run(client, device, purpose, name, pinned, 5s, noCode),
+                 ClientHandshake::Event::of(ClientHandshake::Event::Kind::authenticated));
     client->send(msg::hello{
         16, device.deviceID, name, {{CodecProfile::hevcMain}, 1920, 1080, 2, "x", false}});
-    const auto ack = co_await until<msg::helloAck>(client);
-    CO_ASSERT_TRUE(ack.has_value());
+    CO_ASSERT_TRUE(co_await until<msg::helloAck>(client));
     co_return client;
   }
 
@@ -104,9 +101,8 @@ struct App {
   // Skips a device's messages up to one of type `Case`; nothing if the connection ends first.
   template <class Case>
   static asio::awaitable<std::optional<Case>> until(const Client& client) {
-    while (const auto m = co_await nextWithin(client->messages(), 5s)) {
+    while (const auto m = co_await nextWithin(client->messages(), 5s))
       if (const auto* found = std::get_if<Case>(&*m)) co_return *found;
-    }
     co_return std::nullopt;
   }
 
@@ -133,7 +129,7 @@ TEST(AppModel, RestartsTheListenerWhenTheNetworkChanges) {
     for (const char* change : {"add", "del"}) {
       const auto before = app.requestedPorts.size();
       NetworkNamespace::ip({"address", change, "10.78.0.1/24", "dev", "tovu1"});
-      for (int i = 0; i < 500 && app.requestedPorts.size() == before; ++i) co_await sleepFor(10ms);
+      co_await pollUntil([&] { return app.requestedPorts.size() != before; });
     }
     EXPECT_EQ(app.requestedPorts, (std::vector<Port>{7000, 7000, 7000}));
   });
@@ -161,8 +157,7 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
     const std::string annName = "Ann's iPad", bobName = "Bob's iPhone";
 
     const auto first = co_await app.connect(ann, annName, true);
-    for (int i = 0; i < 100 && !app.shows(annName); ++i) co_await sleepFor(10ms);
-    EXPECT_TRUE(app.shows(annName));
+    EXPECT_TRUE(co_await pollUntil([&] { return app.shows(annName); }));
 
     // A connection that never signs in stays a candidate and never shows.
     auto [silent, silentHost] = InMemoryConnection::makePair();
@@ -170,12 +165,10 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
 
     // Ann again, by signature alone: the old session ends without a word.
     const auto again = co_await app.connect(ann, annName, false);
-    const auto replacedSelf = co_await App::until<msg::sessionReplaced>(first);
-    EXPECT_EQ(replacedSelf, std::nullopt);
+    CO_EXPECT_EQ(App::until<msg::sessionReplaced>(first), std::nullopt);
 
     const auto third = co_await app.connect(bob, bobName, true);
-    const auto replaced = co_await App::until<msg::sessionReplaced>(again);
-    EXPECT_EQ(replaced, msg::sessionReplaced{bobName});
+    CO_EXPECT_EQ(App::until<msg::sessionReplaced>(again), msg::sessionReplaced{bobName});
     co_await sleepFor(300ms);
     EXPECT_TRUE(app.model->hasLiveSession() && app.shows(bobName));
     EXPECT_EQ(app.model->status()->phase, SessionStatus::Phase::streaming);
@@ -183,8 +176,7 @@ TEST(AppModel, ListensOnceTheEncodersAreKnownAndTheLastDeviceToSignInIsLive) {
 
     // The live session ending by itself shows as ended, and leaves no live session.
     third->close();
-    for (int i = 0; i < 100 && app.model->hasLiveSession(); ++i) co_await sleepFor(10ms);
-    EXPECT_FALSE(app.model->hasLiveSession());
+    EXPECT_TRUE(co_await pollUntil([&] { return !app.model->hasLiveSession(); }));
     EXPECT_EQ(app.model->status()->phase, SessionStatus::Phase::ended);
 
     // Stopping ends the sessions that are left; the model says when their teardowns are over.
@@ -203,13 +195,11 @@ TEST(Settings, KeepsItsValuesAndItsHostIDAndADamagedFileAside) {
   EXPECT_EQ(first.flag(flag), std::nullopt);
   first.setFlag(flag, false);
   const UUID id = first.hostID();
-  Settings again(file);
-  EXPECT_EQ(again.flag(flag), false);
-  EXPECT_EQ(again.hostID(), id);
+  EXPECT_EQ(Settings(file).flag(flag), false);
+  EXPECT_EQ(Settings(file).hostID(), id);
   std::ofstream(file) << R"({"hostID": "not a uuid", "keepDisplayAwakeWhileConnected": "yes"})";
-  Settings odd(file);
-  EXPECT_EQ(odd.flag(flag), std::nullopt);
-  EXPECT_NE(odd.hostID(), id);
+  EXPECT_EQ(Settings(file).flag(flag), std::nullopt);
+  EXPECT_NE(Settings(file).hostID(), id);
 
   for (const std::string damaged : {"{\"hostID\": ", "[1, 2]", "\xff\xfe"}) {
     std::ofstream(file) << damaged;
@@ -235,7 +225,7 @@ struct Supervision {
                       }};
             },
             [this](std::shared_ptr<Connection> c) { accepted.push_back(std::move(c)); },
-            [this](std::chrono::duration<double> d) { return clock.sleep(d); }, {}, firstPort)) {
+            [this](auto d) { return clock.sleep(d); }, {}, firstPort)) {
     supervisor->setOnPortChange([this](Port p) { ports.push_back(p); });
   }
   ~Supervision() {

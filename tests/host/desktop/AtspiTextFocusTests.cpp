@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <asio/co_spawn.hpp>
-#include <asio/detached.hpp>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -28,22 +27,17 @@ namespace {
 
 using namespace test;
 
-// The widgets' boxes as the text-fields program prints them, once it is ready; none if it never
-// is.
+// The widgets' boxes as the text-fields program prints them, once it is ready (within ten
+// seconds); none if it never is.
 std::map<std::string, Rect> waitForWidgets(const std::filesystem::path& log) {
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (std::chrono::steady_clock::now() < deadline) {
+  for (int tries = 0; tries < 500; ++tries, std::this_thread::sleep_for(20ms)) {
     std::ifstream in(log);
     std::map<std::string, Rect> boxes;
-    std::string name;
-    Rect box;
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line, name; std::getline(in, line);) {
       if (line == "ready") return boxes;
       std::istringstream fields(line);
-      if (fields >> name >> box.x >> box.y >> box.width >> box.height) boxes[name] = box;
+      if (Rect box; fields >> name >> box.x >> box.y >> box.width >> box.height) boxes[name] = box;
     }
-    std::this_thread::sleep_for(20ms);
   }
   return {};
 }
@@ -66,9 +60,8 @@ bool run(const AccessibilityBus& bus, const std::vector<std::string>& arguments)
 TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessibilityIsOn) {
   VirtualDisplay display(1280, 720);
   SKIP_WITHOUT_DISPLAY(display);
-  if (!runCommand({"sh", "-c", "command -v openbox && command -v xterm"}).succeeded()) {
+  if (!runCommand({"sh", "-c", "command -v openbox && command -v xterm"}).succeeded())
     GTEST_SKIP() << "openbox or xterm is missing";
-  }
   AccessibilityBus bus(display.name());
   SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
   bus.exportToProcess();
@@ -81,7 +74,7 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
                       logs / "fields.log");
   const auto widgets = waitForWidgets(logs / "fields.log");
   ASSERT_EQ(widgets.size(), 4u) << "the text-fields program did not show its window";
-  std::unique_ptr<ChildProcess> xterm;
+  std::unique_ptr<ChildProcess> xterm;  // in front until the end, for the hanging program's turn
 
   runAsync(
       [&](asio::io_context& io) -> asio::awaitable<void> {
@@ -90,12 +83,10 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
             std::make_shared<AtspiTextFocusSource>(io.get_executor(), windows, display.name());
         // The program's bundle ID, once the window manager has put its window in front.
         std::string bundleID;
-        for (int i = 0; i < 500 && bundleID.empty(); ++i) {
+        for (int i = 0; i < 500 && bundleID.empty(); ++i, co_await sleepFor(20ms)) {
           const std::vector<AppInfo> apps = co_await windows->apps();
-          for (const AppInfo& app : apps) {
+          for (const AppInfo& app : apps)
             if (app.pid == fields.pid() && app.isFrontmost) bundleID = app.bundleID;
-          }
-          if (bundleID.empty()) co_await sleepFor(20ms);
         }
         CO_ASSERT_TRUE(!bundleID.empty());
 
@@ -105,27 +96,24 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
                             .displays = std::make_shared<FakeDisplays>(),
                             .encoders = std::make_shared<FakeEncoders>(),
                             .injector = std::make_shared<FakeInjector>(),
-                            .power = std::make_shared<FakePower>()};
+                            .power = std::make_shared<FakePower>(),
+                            .textFocus = source};
         env.makeCapture = [captures] { return std::make_shared<FakeCapture>(captures); };
-        env.textFocus = source;
         const auto session = HostSession::make(io.get_executor(), host, env, nullptr, std::nullopt,
                                                [](const SessionStatus&) {});
         auto ended = std::make_shared<bool>(false);
         asio::co_spawn(io, session->run(), [ended](std::exception_ptr) { *ended = true; });
-        client->send(msg::hello{kProtocolVersion,
-                                UUID{{1}},
-                                "Ann's iPad",
-                                {{CodecProfile::hevcMain}, 2048, 1536, 2, "iPad8,1", false}});
+        const ClientCapabilities iPad{{CodecProfile::hevcMain}, 2048, 1536, 2, "iPad8,1", false};
+        client->send(msg::hello{kProtocolVersion, UUID{{1}}, "Ann's iPad", iPad});
 
         // GTK gives the first entry the focus of a new window.
-        auto told = co_await nextTextFocus(*client);
-        EXPECT_EQ(told, (msg::textFocus{true, bundleID, TextFocusKind::field, false}));
+        CO_EXPECT_EQ(nextTextFocus(*client),
+                     msg::textFocus{true, bundleID, TextFocusKind::field, false});
         EXPECT_EQ(bus.accessibilityEnabled(), true);
         for (const auto kind :
              {TextFocusKind::secure, TextFocusKind::search, TextFocusKind::area}) {
           CO_ASSERT_TRUE(run(bus, {"xdotool", "key", "Tab"}));
-          told = co_await nextTextFocus(*client);
-          EXPECT_EQ(told, (msg::textFocus{true, bundleID, kind, false}));
+          CO_EXPECT_EQ(nextTextFocus(*client), msg::textFocus{true, bundleID, kind, false});
         }
 
         // The client clicks into the entry, as the injector records it.
@@ -134,27 +122,25 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
         env.clicks->record({middle, uptimeSeconds()});
         CO_ASSERT_TRUE(run(bus, {"xdotool", "mousemove", std::to_string(int(middle.x)),
                                  std::to_string(int(middle.y)), "click", "1"}));
-        told = co_await nextTextFocus(*client);
-        EXPECT_EQ(told, (msg::textFocus{true, bundleID, TextFocusKind::field, true}));
+        CO_EXPECT_EQ(nextTextFocus(*client),
+                     msg::textFocus{true, bundleID, TextFocusKind::field, true});
         EXPECT_EQ(env.clicks->last(), std::nullopt);
 
         // xterm is on no accessibility bus: its bundle ID alone says it is a terminal.
         xterm = std::make_unique<ChildProcess>(
             bus.withEnvironment({"xterm", "-geometry", "60x20+300+200"}), logs / "xterm.log");
-        told = co_await nextTextFocus(*client);
-        EXPECT_EQ(told, (msg::textFocus{true, "debian-xterm", TextFocusKind::terminal, false}));
+        CO_EXPECT_EQ(nextTextFocus(*client),
+                     msg::textFocus{true, "debian-xterm", TextFocusKind::terminal, false});
 
         client->close();
-        for (int i = 0; i < 500 && !*ended; ++i) co_await sleepFor(10ms);
-        CO_ASSERT_TRUE(*ended);
+        CO_ASSERT_TRUE(co_await pollUntil([&] { return *ended; }));
       },
       60s);
 
   // Stopped, the source turns accessibility off again: it was off before.
   std::optional<bool> enabled;
-  for (int i = 0; i < 250 && (enabled = bus.accessibilityEnabled()) != false; ++i) {
+  for (int i = 0; i < 250 && (enabled = bus.accessibilityEnabled()) != false; ++i)
     std::this_thread::sleep_for(20ms);
-  }
   EXPECT_EQ(enabled, false);
 
   // An application that hangs answers no call: the read ends at the first, bounded in time, and
@@ -169,14 +155,14 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
     AsyncQueue<TextFocus> told;
     const double began = uptimeSeconds();
     const auto stop = source->start([&told](TextFocus focus) { told.push(std::move(focus)); });
-    auto focus = co_await nextWithin(told, 10s);
-    EXPECT_EQ(focus, (TextFocus{false, "org.example.Fields", TextFocusKind::none, std::nullopt}));
+    CO_EXPECT_EQ(nextWithin(told, 10s),
+                 TextFocus{false, "org.example.Fields", TextFocusKind::none, std::nullopt});
     EXPECT_LT(uptimeSeconds() - began, 3.0);
 
     ::kill(fields.pid(), SIGCONT);
     CO_ASSERT_TRUE(
         run(bus, {"xdotool", "search", "--name", "^Text Fields$", "windowactivate", "--sync"}));
-    focus = co_await nextWithin(told, 10s);
+    const auto focus = co_await nextWithin(told, 10s);
     CO_ASSERT_TRUE(focus);
     EXPECT_EQ(std::tuple(focus->isText, focus->kind), std::tuple(true, TextFocusKind::field));
     stop();
@@ -184,55 +170,29 @@ TEST(AtspiTextFocus, EachKindOfFieldIsToldOnceAndAClickIntoOneSaysSoWhileAccessi
   ::kill(fields.pid(), SIGCONT);
 }
 
-// Environment variables set for the life of the object, and put back afterwards.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(std::initializer_list<std::pair<std::string, std::optional<std::string>>> set) {
-    for (const auto& [name, value] : set) {
-      const char* before = std::getenv(name.c_str());
-      saved_.emplace_back(name, before ? std::optional<std::string>(before) : std::nullopt);
-      apply(name, value);
-    }
-  }
-  ~ScopedEnvironment() {
-    for (const auto& [name, value] : saved_) apply(name, value);
-  }
-
- private:
-  static void apply(const std::string& name, const std::optional<std::string>& value) {
-    if (value) {
-      ::setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      ::unsetenv(name.c_str());
-    }
-  }
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-};
-
 TEST(AtspiTextFocus, WithoutAnAccessibilityBusOnlyATerminalInFrontIsText) {
   TempDirectory folder;
   const ScopedEnvironment nowhere{
-      {"DISPLAY", std::nullopt},
-      {"AT_SPI_BUS_ADDRESS", std::nullopt},
-      {"XDG_RUNTIME_DIR", folder.path().string()},
-      {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder / "none").string()}};
+      {{"DISPLAY", std::nullopt},
+       {"AT_SPI_BUS_ADDRESS", std::nullopt},
+       {"XDG_RUNTIME_DIR", folder.path().string()},
+       {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder / "none").string()}}};
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     const auto windows = std::make_shared<FakeWindows>();
     windows->appList = {{.pid = 10, .bundleID = "org.gnome.TextEditor", .isFrontmost = true}};
     const auto source = std::make_shared<AtspiTextFocusSource>(io.get_executor(), windows, "");
     AsyncQueue<TextFocus> told;
     const auto stop = source->start([&told](TextFocus focus) { told.push(std::move(focus)); });
-    auto focus = co_await nextWithin(told, 5s);
-    EXPECT_EQ(focus, (TextFocus{false, "org.gnome.TextEditor", TextFocusKind::none, std::nullopt}));
+    CO_EXPECT_EQ(nextWithin(told, 5s),
+                 TextFocus{false, "org.gnome.TextEditor", TextFocusKind::none, std::nullopt});
 
     // A terminal's text is its front window.
     const WindowInfo window{1, "~", {40, 40, 600, 400}, 1, true, false};
     windows->appList = {
         {.pid = 11, .bundleID = "debian-xterm", .isFrontmost = true, .windows = {window}}};
     windows->appChanges->push({});
-    focus = co_await nextWithin(told, 5s);
-    EXPECT_EQ(focus,
-              (TextFocus{true, "debian-xterm", TextFocusKind::terminal, Rect{40, 40, 600, 400}}));
+    CO_EXPECT_EQ(nextWithin(told, 5s),
+                 TextFocus{true, "debian-xterm", TextFocusKind::terminal, Rect{40, 40, 600, 400}});
     stop();
   });
 }

@@ -24,6 +24,7 @@ const Data kFingerprint(32, 0x5A);
 const std::string kName = "Ann's iPad";
 const Purpose kSignIn = Purpose::authenticate();
 const Purpose kCompare = Purpose::pairByComparison();
+const Event kAuthenticated = Event::of(Event::Kind::authenticated);
 
 // Answers the comparison prompt as told, and remembers what it was shown.
 struct TestConfirmer : PairingConfirming {
@@ -52,15 +53,13 @@ struct Host {
 
   Link connect() {
     auto [client, host] = InMemoryConnection::makePair();
-    auto gate =
-        HostAuthGate::make(io.get_executor(), host, service, AuthTimeouts{}, nullptr,
-                           [this](std::chrono::duration<double> d) { return clock.sleep(d); });
+    auto gate = HostAuthGate::make(io.get_executor(), host, service, AuthTimeouts{}, nullptr,
+                                   [this](auto d) { return clock.sleep(d); });
     Link link{client, gate};
     links.push_back(link);
     asio::co_spawn(
         io,
-        [](std::shared_ptr<InMemoryConnection> c, std::shared_ptr<HostAuthGate> g,
-           std::shared_ptr<std::vector<Message>> passed) -> asio::awaitable<void> {
+        [](auto c, auto g, auto passed) -> asio::awaitable<void> {
           co_await g->start();
           while (auto m = co_await c->messages().next()) {
             const auto verdict = co_await g->handle(*m);
@@ -121,12 +120,13 @@ asio::awaitable<void> requestComparison(Host& host, const Host::Link& link, cons
   co_await link.client->messages().next();  // the host's nonce
 }
 
-// Reveals `nonce` and waits until the person at the host is asked.
-asio::awaitable<void> revealAndAwaitPrompt(const Host::Link& link, const Data& nonce) {
+// As `requestComparison`, then reveals `nonce` and waits until the person at the host is asked.
+asio::awaitable<void> comparisonUntilPrompt(Host& host, const Host::Link& link, const Data& nonce,
+                                            std::chrono::seconds pause = 0s) {
+  co_await requestComparison(host, link, nonce, pause);
   link.client->send(msg::pairReveal{nonce});
-  const auto asking = [&] { return link.gate->phase() == HostAuthGate::Phase::awaitingUser; };
-  for (int i = 0; i < 100 && !asking(); ++i) co_await settle();
-  EXPECT_TRUE(asking());
+  EXPECT_TRUE(
+      co_await pollUntil([&] { return link.gate->phase() == HostAuthGate::Phase::awaitingUser; }));
 }
 
 TEST(HostAuthGate, ANewDevicePairsByTokenSignsInBySignatureAloneAndCanBeRevoked) {
@@ -140,8 +140,7 @@ TEST(HostAuthGate, ANewDevicePairsByTokenSignsInBySignatureAloneAndCanBeRevoked)
     std::string accents;
     for (int i = 0; i < 70; ++i) accents += "e\xCC\x81";
     const std::string spaced = "  " + accents + "\n";
-    const auto paired = co_await host.handshake(device, withToken, spaced);
-    EXPECT_EQ(paired, Event::of(Event::Kind::authenticated));
+    CO_EXPECT_EQ(host.handshake(device, withToken, spaced), kAuthenticated);
     const PairedDevice stored{device.deviceID, accents.substr(0, 64 * 3),
                               device.privateKey.publicKey(), host.clock.now(), host.clock.now()};
     EXPECT_EQ(host.store->device(device.deviceID), stored);
@@ -156,8 +155,7 @@ TEST(HostAuthGate, ANewDevicePairsByTokenSignsInBySignatureAloneAndCanBeRevoked)
     co_await settle();
     EXPECT_EQ(*link.passed, std::vector<Message>{msg::hello{}});
 
-    const auto signedIn = co_await host.handshake(device, kSignIn);
-    EXPECT_EQ(signedIn, Event::of(Event::Kind::authenticated));
+    CO_EXPECT_EQ(host.handshake(device, kSignIn), kAuthenticated);
 
     // Revoking forgets the device and ends every session of it at once, and no other.
     host.service->revoke(device.deviceID);
@@ -174,48 +172,40 @@ TEST(HostAuthGate, PairingByComparisonNeedsAYesInTime) {
     Host host(io);
     const auto device = newIdentity(), other = newIdentity();
     const std::string blank = "   ";
-    const auto accepted = co_await host.handshake(device, kCompare, blank);
-    EXPECT_EQ(accepted, Event::of(Event::Kind::authenticated));
+    const Data nonce(32, 3);
+    CO_EXPECT_EQ(host.handshake(device, kCompare, blank), kAuthenticated);
     const std::pair<std::string, std::string> shown{"Unknown device", host.codes.at(0)};
     EXPECT_EQ(host.confirmer->shown, std::vector{shown});
 
     host.confirmer->answer = false;
-    const auto declined = co_await host.handshake(other, kCompare);
-    EXPECT_EQ(declined, Event::pairingFailed(PairResult::denied));
+    CO_EXPECT_EQ(host.handshake(other, kCompare), Event::pairingFailed(PairResult::denied));
 
     // A reveal that does not match the commitment never reaches the person.
     host.confirmer->shown.clear();
     const auto liar = host.connect();
-    const Data committed(32, 1);
-    co_await requestComparison(host, liar, committed);
+    co_await requestComparison(host, liar, nonce);
     liar.client->send(msg::pairReveal{Data(32, 2)});
-    const auto failed = co_await liar.client->messages().next();
-    EXPECT_EQ(failed, Message(msg::pairResult{PairResult::failed}));
+    CO_EXPECT_EQ(liar.client->messages().next(), Message(msg::pairResult{PairResult::failed}));
     EXPECT_TRUE(host.confirmer->shown.empty());
 
     host.confirmer->answer = true;
     host.confirmer->thinking = 100s;
     const auto slow = host.connect();
-    const Data nonce(32, 3);
-    co_await requestComparison(host, slow, nonce);
-    co_await revealAndAwaitPrompt(slow, nonce);
+    co_await comparisonUntilPrompt(host, slow, nonce);
     host.clock.advance(59s);
     co_await settle();
     EXPECT_EQ(slow.gate->phase(), HostAuthGate::Phase::awaitingUser);
     host.clock.advance(1s);
-    const auto givenUp = co_await slow.client->messages().next();
-    EXPECT_EQ(givenUp, Message(msg::pairResult{PairResult::denied}));
+    CO_EXPECT_EQ(slow.client->messages().next(), Message(msg::pairResult{PairResult::denied}));
 
     // "Not paired" replaces the response deadline with the pairing one. The person accepts 121 s
     // after it: the pairing deadline closed the gate at 120 s and the answer is dropped.
     const auto late = host.connect();
-    co_await requestComparison(host, late, nonce, 100s);
     host.confirmer->thinking = 21s;
-    co_await revealAndAwaitPrompt(late, nonce);
-    host.clock.advance(20s);  // 120 s
-    const auto end = co_await nextWithin(late.client->messages(), 2s);
-    EXPECT_FALSE(end);       // closed without a word
-    host.clock.advance(1s);  // the answer comes
+    co_await comparisonUntilPrompt(host, late, nonce, 100s);
+    host.clock.advance(20s);                                              // 120 s
+    CO_EXPECT_EQ(nextWithin(late.client->messages(), 2s), std::nullopt);  // closed without a word
+    host.clock.advance(1s);                                               // the answer comes
     co_await settle();
     EXPECT_EQ(late.gate->phase(), HostAuthGate::Phase::closed);
     EXPECT_EQ(host.store->all().size(), 1u);
@@ -244,8 +234,7 @@ TEST(HostAuthGate, SilenceAnotherKeyOrABadSignatureAreRefused) {
                               host.clock.now(), std::nullopt};
     host.store->add(record);
     const ClientIdentity impostor{device.deviceID, P256PrivateKey::generate()};
-    const auto denied = co_await host.handshake(impostor, kSignIn);
-    EXPECT_EQ(denied, Event::of(Event::Kind::denied));
+    CO_EXPECT_EQ(host.handshake(impostor, kSignIn), Event::of(Event::Kind::denied));
     EXPECT_EQ(host.store->device(device.deviceID), record);  // untouched
 
     // An unknown device whose signature is bad (made for another host) never learns that it is
@@ -254,8 +243,7 @@ TEST(HostAuthGate, SilenceAnotherKeyOrABadSignatureAreRefused) {
     const auto stranger = newIdentity();
     const Data otherHost(32, 0x33);
     co_await respond(link, stranger, otherHost);
-    const auto answer = co_await link.client->messages().next();
-    EXPECT_EQ(answer, Message(msg::authResult{AuthResult::denied}));
+    CO_EXPECT_EQ(link.client->messages().next(), Message(msg::authResult{AuthResult::denied}));
     host.clock.advance(0.2s);
     const auto end = co_await nextWithin(link.client->messages(), 2s);
     EXPECT_TRUE(!end && link.client->messages().isFinished());
@@ -267,30 +255,26 @@ TEST(HostAuthGate, TokensAreSingleUseShortLivedAndRateLimited) {
   runAsync([](asio::io_context& io) -> asio::awaitable<void> {
     Host host(io);
     const auto wrongToken = Purpose::pairWithToken(Data(16, 0));
+    const auto invalid = Event::pairingFailed(PairResult::invalidToken);
+    const auto limited = Event::pairingFailed(PairResult::rateLimited);
     const auto device = newIdentity(), latecomer = newIdentity();
     for (int i = 0; i < 3; ++i) {  // before any token exists
       if (i == 1) host.clock.advance(10s);
-      const auto wrong = co_await host.handshake(device, wrongToken);
-      EXPECT_EQ(wrong, Event::pairingFailed(PairResult::invalidToken));
+      CO_EXPECT_EQ(host.handshake(device, wrongToken), invalid);
     }
     const auto rightToken = Purpose::pairWithToken(host.service->issueToken().value);
-    const auto limited = co_await host.handshake(device, rightToken);
-    EXPECT_EQ(limited, Event::pairingFailed(PairResult::rateLimited));
+    CO_EXPECT_EQ(host.handshake(device, rightToken), limited);
     host.clock.advance(50s);  // the first guess is 60 s old: one slot comes free
-    const auto wrongAgain = co_await host.handshake(device, wrongToken);
-    EXPECT_EQ(wrongAgain, Event::pairingFailed(PairResult::invalidToken));
-    const auto stillLimited = co_await host.handshake(device, rightToken);
-    EXPECT_EQ(stillLimited, Event::pairingFailed(PairResult::rateLimited));
+    CO_EXPECT_EQ(host.handshake(device, wrongToken), invalid);
+    CO_EXPECT_EQ(host.handshake(device, rightToken), limited);
 
     host.clock.advance(249s);  // the token has a second left
-    const auto paired = co_await host.handshake(device, rightToken);
-    EXPECT_EQ(paired, Event::of(Event::Kind::authenticated));
-    const auto reused = co_await host.handshake(latecomer, rightToken);
-    EXPECT_EQ(reused, Event::pairingFailed(PairResult::invalidToken));
+    CO_EXPECT_EQ(host.handshake(device, rightToken), kAuthenticated);
+    CO_EXPECT_EQ(host.handshake(latecomer, rightToken), invalid);
     const auto lateToken = Purpose::pairWithToken(host.service->issueToken().value);
     host.clock.advance(300s);  // the exact instant of expiry
-    const auto expired = co_await host.handshake(latecomer, lateToken);
-    EXPECT_EQ(expired, Event::pairingFailed(PairResult::expiredToken));
+    CO_EXPECT_EQ(host.handshake(latecomer, lateToken),
+                 Event::pairingFailed(PairResult::expiredToken));
   });
 }
 
@@ -304,18 +288,15 @@ TEST(ClientHandshake, EndsWithTheRightWordsWhenThingsGoWrong) {
           client, identity, kSignIn, kName, [=] { return fingerprint; }, timeout, nullptr);
     };
     host->send(msg::authChallenge{Data(32)});
-    const auto blind = co_await run(std::nullopt, 5s);
-    EXPECT_EQ(blind, Event::failed("no host fingerprint"));
+    CO_EXPECT_EQ(run(std::nullopt, 5s), Event::failed("no host fingerprint"));
     EXPECT_EQ(host->messages().count(), 0u);  // nothing signed
 
-    const auto silent = co_await run(kFingerprint, 0.1s);
-    EXPECT_EQ(silent, Event::failed("timed out"));
+    CO_EXPECT_EQ(run(kFingerprint, 0.1s), Event::failed("timed out"));
     host->send(msg::ping{2});
     const auto mine = co_await client->messages().next();  // the caller reads on afterwards
     EXPECT_EQ(mine, Message(msg::ping{2}));
     host->close();  // a host that hangs up in silence
-    const auto closed = co_await run(kFingerprint, 5s);
-    EXPECT_EQ(closed, Event::failed("connection closed"));
+    CO_EXPECT_EQ(run(kFingerprint, 5s), Event::failed("connection closed"));
   });
 }
 

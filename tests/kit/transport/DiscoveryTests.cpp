@@ -31,6 +31,7 @@
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/NetworkNamespace.hpp"
+#include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron {
 
@@ -71,10 +72,6 @@ class DiscoveryNetwork {
       problem_ = error.what();
       return;
     }
-    // libdbus reads the bus address once per process, so a process keeps one folder for all its
-    // tests; each test has a process of its own under CTest anyway.
-    std::filesystem::remove_all(folder_);
-    std::filesystem::create_directories(folder_);
     // The session bus's configuration lets anyone own and call anything, which is all
     // avahi-daemon needs; at this address it is the system bus of this process and its children.
     const std::string address = "unix:path=" + (folder_ / "bus").string();
@@ -84,13 +81,6 @@ class DiscoveryNetwork {
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     const auto ready = [&] { return std::filesystem::exists(folder_ / "bus"); };
     if (waitFor(*bus_, "dbus-daemon", ready) && avahi == Avahi::start) startAvahi();
-  }
-
-  ~DiscoveryNetwork() {
-    avahiDaemon_.reset();
-    bus_.reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
   }
 
   // Empty when everything is up; otherwise why not.
@@ -135,8 +125,11 @@ class DiscoveryNetwork {
   }
 
   NetworkNamespace network_;
-  std::filesystem::path folder_ =
-      std::filesystem::temp_directory_path() / ("tovu-discovery-" + std::to_string(::getpid()));
+  // libdbus reads the bus address once per process, so a process keeps one folder for all its
+  // tests; each test has a process of its own under CTest anyway.
+  TempDirectory folder_{std::filesystem::temp_directory_path() /
+                        ("tovu-discovery-" + std::to_string(::getpid()))};
+  // Stopped in reverse order, avahi-daemon first, before the folder goes.
   std::optional<ChildProcess> bus_;
   std::optional<ChildProcess> avahiDaemon_;
   std::string problem_;
@@ -222,9 +215,7 @@ TEST(QUICHostBrowser, ListsEveryHostByNameConnectsOnlyToThoseAndSeesTheListenerG
             io.get_executor(), identity,
             {.hostName = "Test Host", .hostID = kHostID, .port = 0, .advertise = true});
         const auto browser = QUICHostBrowser::start(io.get_executor());
-        const auto found = co_await listWith(*browser, kTestHostOnly);
-        CO_ASSERT_TRUE(found);
-        EXPECT_EQ(*found, Hosts{kTestHost});
+        CO_EXPECT_EQ(listWith(*browser, kTestHostOnly), Hosts{kTestHost});
         const auto zeta = advertise(io, "Zeta", 4433, std::nullopt);
         const auto alpha = advertise(io, "Alpha", 4433, std::nullopt);
         const auto second = advertise(io, "Test Host", 4434, std::nullopt);
@@ -258,14 +249,11 @@ TEST(QUICHostBrowser, ListsEveryHostByNameConnectsOnlyToThoseAndSeesTheListenerG
         EXPECT_EQ(co_await nextWithin((*host)->messages(), 5s), Message(msg::ping{4}));
         client->close();
 
-        try {
-          auto dialing = browser->connect("Nobody._tovu._udp.local", ServerTrust::unpinned());
-          [[maybe_unused]] const auto connection = co_await std::move(dialing);
-          ADD_FAILURE() << "connected to a host that was never listed";
-        } catch (const QUICError& error) {
-          EXPECT_EQ(error.kind(), QUICError::Kind::failed);
-          EXPECT_STREQ(error.what(), "unknown host Nobody._tovu._udp.local");
-        }
+        auto dialing = browser->connect("Nobody._tovu._udp.local", ServerTrust::unpinned());
+        const auto error = co_await thrownBy<QUICError>(dialing);
+        CO_ASSERT_TRUE(error);  // otherwise it connected to a host that was never listed
+        EXPECT_EQ(error->kind(), QUICError::Kind::failed);
+        EXPECT_STREQ(error->what(), "unknown host Nobody._tovu._udp.local");
         browser->stop();
         EXPECT_EQ(co_await nextWithin(browser->hosts(), 10s), std::nullopt);
       },
@@ -279,8 +267,7 @@ TEST(QUICHostBrowser, ANewKindOfInterfaceEmptiesTheListAtOnceAndItFillsAgain) {
       [](asio::io_context& io) -> asio::awaitable<void> {
         const auto browser = QUICHostBrowser::start(io.get_executor());
         const auto advertiser = advertise(io, "Test Host", 4433, kHostID);
-        const auto found = co_await listWith(*browser, kTestHostOnly);
-        CO_ASSERT_TRUE(found);
+        CO_ASSERT_TRUE(co_await listWith(*browser, kTestHostOnly));
         // Another wired interface is no new kind; a layer-3 tunnel is (it has a carrier while its
         // descriptor is open), and its quick removal right after belongs to the same burst.
         NetworkNamespace::addEthernet("tovu2", "tovu3", "10.79.0.1/24");
@@ -292,10 +279,8 @@ TEST(QUICHostBrowser, ANewKindOfInterfaceEmptiesTheListAtOnceAndItFillsAgain) {
         NetworkNamespace::ip({"address", "add", "10.78.0.1/24", "dev", "tovutun0"});
         NetworkNamespace::ip({"link", "set", "tovutun0", "up"});
         ::close(tunnel);
-        const auto emptied = co_await nextWithin(browser->hosts(), 10s);
-        EXPECT_EQ(emptied, Hosts{});
-        const auto refilled = co_await nextWithin(browser->hosts(), 10s);
-        EXPECT_EQ(refilled, Hosts{kTestHost});
+        CO_EXPECT_EQ(nextWithin(browser->hosts(), 10s), Hosts{});
+        CO_EXPECT_EQ(nextWithin(browser->hosts(), 10s), Hosts{kTestHost});
         browser->stop();
       },
       30s);
