@@ -21,6 +21,8 @@ export XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config"
 pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill -INT "$pid" 2>/dev/null || true; done
+  # The bus ends on TERM only.
+  [ -z "${bus_pid:-}" ] || kill -TERM "$bus_pid" 2>/dev/null || true
   wait 2>/dev/null || true
 }
 trap cleanup EXIT
@@ -43,7 +45,7 @@ pids+=($!)
 
 # A session bus of the demo's own, where programs publish their menus.
 dbus-daemon --session --nofork --print-address=1 >"$work/session-bus" 2>&1 &
-pids+=($!)
+bus_pid=$!
 for _ in $(seq 1 50); do [ -s "$work/session-bus" ] && break; sleep 0.1; done
 DBUS_SESSION_BUS_ADDRESS=$(head -1 "$work/session-bus")
 export DBUS_SESSION_BUS_ADDRESS

@@ -1,6 +1,6 @@
-// A GTK 3 application with one menu bar, published in either of two ways: as an exported menu
-// model (GtkApplication's menubar, read over org.gtk.Menus), or with --widgets as a plain
-// GtkMenuBar of its own, which only the accessibility tree shows. Both have the same items:
+// A GTK 3 application with one menu model, published in either of two ways: exported as
+// GtkApplication's menubar (read over org.gtk.Menus), or with --widgets drawn as a GtkMenuBar of
+// the window's own, which only the accessibility tree shows. Both have the same items:
 //
 //   File: New Window (Ctrl+N) | Show Toolbar (checked) | Light, Dark (radio, Dark chosen)
 //         | Print (disabled), Quit (Ctrl+Q)
@@ -135,70 +135,7 @@ GMenuModel* menuModel() {
   return G_MENU_MODEL(bar);
 }
 
-// The plain widgets' items.
-void widgetActivated(GtkMenuItem* item, gpointer name) {
-  // A radio item that is chosen activates the one chosen before, which then turns off.
-  if (GTK_IS_RADIO_MENU_ITEM(item) && !gtk_check_menu_item_get_active(GTK_CHECK_MENU_ITEM(item))) {
-    return;
-  }
-  record(static_cast<const char*>(name));
-}
-
-GtkWidget* widgetItem(GtkWidget* menu, GtkWidget* item, const char* name, GtkAccelGroup* accels,
-                      const char* accel) {
-  gtk_menu_shell_append(GTK_MENU_SHELL(menu), item);
-  if (name) g_signal_connect(item, "activate", G_CALLBACK(widgetActivated), (gpointer)name);
-  if (accel) {
-    guint key = 0;
-    GdkModifierType modifiers{};
-    gtk_accelerator_parse(accel, &key, &modifiers);
-    gtk_widget_add_accelerator(item, "activate", accels, key, modifiers, GTK_ACCEL_VISIBLE);
-  }
-  return item;
-}
-
-GtkWidget* widgetMenuBar(GtkAccelGroup* accels) {
-  GtkWidget* bar = gtk_menu_bar_new();
-  GtkWidget* file = gtk_menu_new();
-  widgetItem(file, gtk_menu_item_new_with_mnemonic("_New Window"), "new-window", accels,
-             "<Primary>n");
-  widgetItem(file, gtk_separator_menu_item_new(), nullptr, nullptr, nullptr);
-  GtkWidget* toolbar = gtk_check_menu_item_new_with_mnemonic("Show _Toolbar");
-  gtk_check_menu_item_set_active(GTK_CHECK_MENU_ITEM(toolbar), TRUE);
-  widgetItem(file, toolbar, "show-toolbar", accels, nullptr);
-  widgetItem(file, gtk_separator_menu_item_new(), nullptr, nullptr, nullptr);
-  GtkWidget* light = gtk_radio_menu_item_new_with_mnemonic(nullptr, "_Light");
-  GtkWidget* dark =
-      gtk_radio_menu_item_new_with_mnemonic_from_widget(GTK_RADIO_MENU_ITEM(light), "_Dark");
-  gtk_check_menu_item_set_active(GTK_CHECK_MENU_ITEM(dark), TRUE);
-  widgetItem(file, light, "theme light", accels, nullptr);
-  widgetItem(file, dark, "theme dark", accels, nullptr);
-  widgetItem(file, gtk_separator_menu_item_new(), nullptr, nullptr, nullptr);
-  gtk_widget_set_sensitive(
-      widgetItem(file, gtk_menu_item_new_with_mnemonic("_Print"), "print", accels, nullptr), FALSE);
-  widgetItem(file, gtk_menu_item_new_with_mnemonic("_Quit"), "quit", accels, "<Primary>q");
-  GtkWidget* fileItem = gtk_menu_item_new_with_mnemonic("_File");
-  gtk_menu_item_set_submenu(GTK_MENU_ITEM(fileItem), file);
-  gtk_menu_shell_append(GTK_MENU_SHELL(bar), fileItem);
-
-  GtkWidget* edit = gtk_menu_new();
-  widgetItem(edit, gtk_menu_item_new_with_mnemonic("_Copy"), "copy", accels, "<Primary>c");
-  widgetItem(edit, gtk_menu_item_new_with_mnemonic("_Find Next"), "find-next", accels, "F3");
-  GtkWidget* zoom = gtk_menu_new();
-  widgetItem(zoom, gtk_menu_item_new_with_mnemonic("Zoom _In"), "zoom-in", accels, "<Primary>plus");
-  widgetItem(zoom, gtk_menu_item_new_with_mnemonic("Reset __Zoom"), "zoom-reset", accels,
-             "<Primary><Shift>BackSpace");
-  GtkWidget* zoomItem = gtk_menu_item_new_with_mnemonic("_Zoom");
-  gtk_menu_item_set_submenu(GTK_MENU_ITEM(zoomItem), zoom);
-  gtk_menu_shell_append(GTK_MENU_SHELL(edit), zoomItem);
-  GtkWidget* editItem = gtk_menu_item_new_with_mnemonic("_Edit");
-  gtk_menu_item_set_submenu(GTK_MENU_ITEM(editItem), edit);
-  gtk_menu_shell_append(GTK_MENU_SHELL(bar), editItem);
-  return bar;
-}
-
 void startup(GtkApplication* application, gpointer) {
-  if (widgets) return;
   static const GActionEntry appActions[] = {
       {"new-window", activated, nullptr, nullptr, nullptr, {}},
       {"show-toolbar", toggled, nullptr, "true", nullptr, {}},
@@ -213,27 +150,34 @@ void startup(GtkApplication* application, gpointer) {
                                   application);
   g_simple_action_set_enabled(
       G_SIMPLE_ACTION(g_action_map_lookup_action(G_ACTION_MAP(application), "print")), FALSE);
+  if (widgets) return;
   GMenuModel* model = menuModel();
   gtk_application_set_menubar(application, model);
   g_object_unref(model);
 }
 
 void activate(GtkApplication* application, gpointer) {
+  static const GActionEntry windowActions[] = {
+      {"copy", activated, nullptr, nullptr, nullptr, {}},
+      {"find-next", activated, nullptr, nullptr, nullptr, {}},
+  };
   GtkWidget* window;
   if (widgets) {
+    // The same model drawn as a menu bar of the window's own, exported nowhere.
     window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
     gtk_application_add_window(application, GTK_WINDOW(window));
-    GtkAccelGroup* accels = gtk_accel_group_new();
-    gtk_window_add_accel_group(GTK_WINDOW(window), accels);
+    GSimpleActionGroup* actions = g_simple_action_group_new();
+    g_action_map_add_action_entries(G_ACTION_MAP(actions), windowActions,
+                                    G_N_ELEMENTS(windowActions), window);
+    gtk_widget_insert_action_group(window, "win", G_ACTION_GROUP(actions));
+    g_object_unref(actions);
+    GMenuModel* model = menuModel();
     GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-    gtk_box_pack_start(GTK_BOX(box), widgetMenuBar(accels), FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(box), gtk_menu_bar_new_from_model(model), FALSE, FALSE, 0);
+    g_object_unref(model);
     gtk_container_add(GTK_CONTAINER(window), box);
   } else {
     window = gtk_application_window_new(application);
-    static const GActionEntry windowActions[] = {
-        {"copy", activated, nullptr, nullptr, nullptr, {}},
-        {"find-next", activated, nullptr, nullptr, nullptr, {}},
-    };
     g_action_map_add_action_entries(G_ACTION_MAP(window), windowActions,
                                     G_N_ELEMENTS(windowActions), window);
   }

@@ -142,6 +142,10 @@ TEST_P(MenuRoutes, GiveTheTreeAndPressItsItemsAndAHungProgramGivesNothingInTime)
   command.insert(command.end(), route.arguments.begin(), route.arguments.end());
   ChildProcess app(bus.withEnvironment(command), logs / "app.log");
   ASSERT_TRUE(waitForLine(logs / "app.log", "ready")) << readFile(logs / "app.log");
+  // Qt 6's first window sometimes stays unmapped under a window manager that has just started:
+  // mapped again and activated, as a person would bring it up.
+  runCommand({"env", "DISPLAY=" + display.name(), "timeout", "10", "xdotool", "search", "--sync",
+              "--pid", std::to_string(app.pid()), "windowmap", "windowactivate"});
 
   runAsync(
       [&](asio::io_context& io) -> asio::awaitable<void> {
