@@ -23,6 +23,7 @@
 #include "tests/support/AccessibilityBus.hpp"
 #include "tests/support/AsyncTest.hpp"
 #include "tests/support/AudioSignals.hpp"
+#include "tests/support/BusObject.hpp"
 #include "tests/support/ChildProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
 #include "tests/support/NetworkNamespace.hpp"
@@ -599,7 +600,9 @@ TEST(EndToEnd, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
 }
 
 // The front application's menu bar as the device's tree of actions, and its items pressed from
-// there: a GTK program's exported menu model of 2,000 items and more, over a private session bus.
+// there, by each way a program publishes it: GTK's exported menu model (with 2,000 items more),
+// Qt 6's dbusmenu (with a menu registrar on the session bus), and a menu bar that only the
+// accessibility tree shows.
 TEST(EndToEnd, TheDeviceSeesTheFrontMenusAndPressesTheirItems) {
   AccessibilityBus bus;
   SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
@@ -610,64 +613,72 @@ TEST(EndToEnd, TheDeviceSeesTheFrontMenusAndPressesTheirItems) {
   const fs::path work = ann.home.path();
   const Desktop desktop(host.display(), work, {});
   if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
-  const fs::path activations = work / "activations";
-  ChildProcess app(bus.withEnvironment({"DISPLAY=" + host.display(), "NO_AT_BRIDGE=1",
-                                        "TOVU_MENU_LOG=" + activations.string(), TOVU_MENU_APP,
-                                        "--items", "2000"}),
-                   work / "app.log");
-  ASSERT_TRUE(waitFor(work / "app.log", "ready")) << readFile(work / "app.log");
+  const auto registrar = menuRegistrar(bus.sessionAddress());
+  ASSERT_TRUE(registrar->available()) << registrar->skipReason();
 
   const auto run = [&](std::vector<std::string> arguments) {
     arguments.insert(arguments.begin() + 1, {ann.host(), "--address", host.address()});
     return ann.run(arguments);
   };
-  const CommandResult listed = run({"actions"});
-  EXPECT_TRUE(listed.succeeded()) << listed.output;
-  EXPECT_NE(listed.output.find("generation 1: 42 menus\n"
-                               "  File\n"
-                               "    New Window  Ctrl+N\n"
-                               "    ----\n"
-                               "    [x] Show Toolbar\n"
-                               "    ----\n"
-                               "    Light\n"
-                               "    (*) Dark\n"
-                               "    ----\n"
-                               "    Print  (disabled)\n"
-                               "    Quit  Ctrl+Q\n"
-                               "  Edit\n"
-                               "    Copy  Ctrl+C\n"
-                               "    Find Next  F3\n"
-                               "    Zoom\n"
-                               "      Zoom In  Ctrl++\n"
-                               "      Reset _Zoom  Ctrl+Shift+Backspace\n"
-                               "  Menu 1\n"
-                               "    Item 1.1\n"),
-            std::string::npos)
-      << listed.output;
-  EXPECT_NE(listed.output.find("  Menu 40\n    Item 40.1\n"), std::string::npos);
-  EXPECT_NE(listed.output.find("    Item 40.50\n"), std::string::npos);
-
-  struct Press {
-    std::vector<std::string> path;
-    std::string answer;
-  };
   std::vector<std::string> deepPath = {"File"};
   for (int i = 0; i < 1000; ++i) deepPath.push_back("Level " + std::to_string(i));
-  const Press presses[] = {
-      {{"Menu 40", "Item 40.50"}, "Done"},
+  const std::pair<std::vector<std::string>, std::string> presses[] = {
       {{"File", "Light"}, "Done"},
       {{"File", "Print"}, "Failed: Not available right now"},
       {{"Edit", "Paste"}, "Failed: Action not found"},
       {deepPath, "Failed: Action not found"},
   };
-  for (const Press& press : presses) {
-    std::vector<std::string> arguments = {"action"};
-    arguments.insert(arguments.end(), press.path.begin(), press.path.end());
-    const CommandResult result = run(arguments);
-    EXPECT_NE(result.output.find("\n" + press.answer + "\n"), std::string::npos) << result.output;
-    EXPECT_EQ(result.succeeded(), press.answer == "Done") << result.output;
+  std::vector<std::vector<std::string>> programs = {
+      {"NO_AT_BRIDGE=1", TOVU_MENU_APP, "--items", "2000"}, {TOVU_MENU_APP, "--widgets"}};
+#ifdef TOVU_QT_MENU_APP
+  programs.push_back({"QT_ACCESSIBILITY=0", TOVU_QT_MENU_APP});
+#endif
+  for (std::vector<std::string>& program : programs) {
+    SCOPED_TRACE(program[program.size() > 2 ? 1 : 0]);
+    const fs::path activations = work / "activations";
+    fs::remove(activations);
+    program.insert(program.begin(),
+                   {"DISPLAY=" + host.display(), "TOVU_MENU_LOG=" + activations.string()});
+    ChildProcess app(bus.withEnvironment(program), work / "app.log");
+    ASSERT_TRUE(waitFor(work / "app.log", "ready")) << readFile(work / "app.log");
+    // Qt 6's first window sometimes stays unmapped under a window manager that has just started.
+    onDisplay(host.display(), "timeout 10 xdotool search --sync --pid " +
+                                  std::to_string(app.pid()) + " windowmap windowactivate");
+
+    const CommandResult listed = run({"actions"});
+    EXPECT_TRUE(listed.succeeded()) << listed.output;
+    EXPECT_NE(listed.output.find("  File\n"
+                                 "    New Window  Ctrl+N\n"
+                                 "    ----\n"
+                                 "    [x] Show Toolbar\n"
+                                 "    ----\n"
+                                 "    Light\n"
+                                 "    (*) Dark\n"
+                                 "    ----\n"
+                                 "    Print  (disabled)\n"
+                                 "    Quit  Ctrl+Q\n"
+                                 "  Edit\n"
+                                 "    Copy  Ctrl+C\n"
+                                 "    Find Next  F3\n"
+                                 "    Zoom\n"
+                                 "      Zoom In  Ctrl++\n"
+                                 "      Reset _Zoom  Ctrl+Shift+Backspace\n"),
+              std::string::npos)
+        << listed.output;
+    if (program.back() == "2000") {
+      EXPECT_NE(listed.output.find("generation 1: 42 menus\n"), std::string::npos);
+      EXPECT_NE(listed.output.find("  Menu 40\n    Item 40.1\n"), std::string::npos);
+      EXPECT_NE(listed.output.find("    Item 40.50\n"), std::string::npos);
+    }
+    for (const auto& [path, answer] : presses) {
+      std::vector<std::string> arguments = {"action"};
+      arguments.insert(arguments.end(), path.begin(), path.end());
+      const CommandResult result = run(arguments);
+      EXPECT_NE(result.output.find("\n" + answer + "\n"), std::string::npos) << result.output;
+      EXPECT_EQ(result.succeeded(), answer == "Done") << result.output;
+    }
+    EXPECT_EQ(readFile(activations), "activated theme light\n");
   }
-  EXPECT_EQ(readFile(activations), "activated many 40.50\nactivated theme light\n");
 }
 
 // The device's desktop is a second X server; xclip copies and pastes on each side.
