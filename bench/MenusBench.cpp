@@ -24,17 +24,15 @@
 #include <iterator>
 #include <sstream>
 
+#include "bench/BenchSession.hpp"
 #include "host/desktop/DesktopMenuSource.hpp"
 #include "host/desktop/X11WindowSystem.hpp"
 #include "host/session/HostSession.hpp"
-#include "host/video/LibavEncoderFactory.hpp"
-#include "host/video/RandrDisplayManager.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "kit/wire/WireCodec.hpp"
 #include "tests/support/AccessibilityBus.hpp"
 #include "tests/support/BusObject.hpp"
 #include "tests/support/ChildProcess.hpp"
-#include "tests/support/HostFakes.hpp"
 #include "tests/support/TempDirectory.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
@@ -222,12 +220,7 @@ int measure(int seconds) {
   const auto windows = std::make_shared<X11WindowSystem>(pool.get_executor(), x.name());
   const auto menus = std::make_shared<DesktopMenuSource>(pool.get_executor(), windows, x.name());
   auto [clientEnd, hostEnd] = InMemoryConnection::makePair();
-  HostEnvironment env{
-      .hostName = "bench",
-      .displays = std::make_shared<RandrDisplayManager>(pool.get_executor(), x.name()),
-      .encoders = std::make_shared<LibavEncoderFactory>(),
-      .injector = std::make_shared<test::FakeInjector>(),
-      .power = std::make_shared<test::FakePower>()};
+  HostEnvironment env = benchEnvironment(pool.get_executor(), x.name());
   env.apps = windows;
   env.menus = menus;
   const auto session = HostSession::make(io.get_executor(), hostEnd, env, nullptr, Data{1}, {});

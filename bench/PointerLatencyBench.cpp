@@ -90,15 +90,14 @@ asio::awaitable<void> readVideo(std::shared_ptr<Connection> connection, Probe& p
   }
 }
 
-asio::awaitable<void> probe(std::string host, QUICConnection::Endpoint address,
-                            double seconds, Probe& probe) {
+asio::awaitable<void> probe(std::string host, QUICConnection::Endpoint address, double seconds,
+                            Probe& probe) {
   ClientDevice device;
   const auto paired = device.hosts.match(UUID::parse(host), host);
   if (!paired) throw FlowError("not paired with " + host);
   const HostDirectory directory(address);
-  const auto connection =
-      co_await directory.dial([](const DiscoveredHost&) { return true; },
-                              ServerTrust::pinned(paired->fingerprint));
+  const auto connection = co_await directory.dial([](const DiscoveredHost&) { return true; },
+                                                  ServerTrust::pinned(paired->fingerprint));
   const std::function<void(const std::string&)> noCode;
   co_await device.signIn(connection, ClientHandshake::Purpose::authenticate(),
                          std::chrono::seconds(10), noCode, "the host did not let this device in");
@@ -123,8 +122,8 @@ asio::awaitable<void> probe(std::string host, QUICConnection::Endpoint address,
     const float unitX = float((x + 0.25 - display->frame.x) / display->frame.width);
     const float unitY = float((kLineY + 0.25 - display->frame.y) / display->frame.height);
     probe.sent[x] = Clock::now();
-    connection->send(msg::pointer{std::uint32_t(i + 1),
-                                  pointer::moveAbsolute{display->id, unitX, unitY}});
+    connection->send(
+        msg::pointer{std::uint32_t(i + 1), pointer::moveAbsolute{display->id, unitX, unitY}});
     co_await sleepFor(std::chrono::milliseconds(10));
   }
   co_await sleepFor(std::chrono::milliseconds(500));  // the last moves arrive
@@ -166,9 +165,10 @@ int main(int argc, char** argv) {
     std::cerr << "pointer_latency_bench: no move arrived\n";
     return 1;
   }
-  std::printf("%zu of %zu moves arrived while %d frames streamed: p50 %.1f ms, p99 %.1f ms, "
-              "max %.1f ms\n",
-              delays.size(), result.sent.size(), result.frames, percentile(delays, 0.5),
-              percentile(delays, 0.99), *std::ranges::max_element(delays));
+  std::printf(
+      "%zu of %zu moves arrived while %d frames streamed: p50 %.1f ms, p99 %.1f ms, "
+      "max %.1f ms\n",
+      delays.size(), result.sent.size(), result.frames, percentile(delays, 0.5),
+      percentile(delays, 0.99), *std::ranges::max_element(delays));
   return 0;
 }

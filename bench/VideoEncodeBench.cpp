@@ -40,17 +40,20 @@ void encodeChangingDesktop(benchmark::State& state) {
       std::lock_guard guard(lock);
       return latencies.size();
     }();
-    encoder.encode({pictures[next++ % pictures.size()], 0, {0, 0, 1, 1}, monotonicRawNs()},
-                   false, false);
+    encoder.encode({pictures[next++ % pictures.size()], 0, {0, 0, 1, 1}, monotonicRawNs()}, false,
+                   false);
     std::unique_lock guard(lock);
     done.wait(guard, [&] { return latencies.size() > before; });
   }
   encoder.stop();
   std::sort(latencies.begin(), latencies.end());
-  auto percentile = [&](double p) { return latencies[std::size_t(p * double(latencies.size() - 1))]; };
+  auto percentile = [&](double p) {
+    return latencies[std::size_t(p * double(latencies.size() - 1))];
+  };
   state.counters["p50_ms"] = percentile(0.50);
   state.counters["p95_ms"] = percentile(0.95);
-  state.counters["fps"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["fps"] =
+      benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(encodeChangingDesktop)
     ->Args({1280, 720})

@@ -24,15 +24,13 @@
 #include <iostream>
 #include <thread>
 
+#include "bench/BenchSession.hpp"
 #include "host/desktop/X11FocusObserver.hpp"
 #include "host/desktop/X11WindowSystem.hpp"
 #include "host/session/HostSession.hpp"
-#include "host/video/LibavEncoderFactory.hpp"
-#include "host/video/RandrDisplayManager.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "kit/wire/WireCodec.hpp"
 #include "tests/support/ChildProcess.hpp"
-#include "tests/support/HostFakes.hpp"
 #include "tests/support/TempDirectory.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
@@ -216,12 +214,7 @@ int measure(int count, int idleSeconds) {
   io.restart();
 
   auto [clientEnd, hostEnd] = InMemoryConnection::makePair();
-  HostEnvironment env{
-      .hostName = "bench",
-      .displays = std::make_shared<RandrDisplayManager>(pool.get_executor(), x.name()),
-      .encoders = std::make_shared<LibavEncoderFactory>(),
-      .injector = std::make_shared<test::FakeInjector>(),
-      .power = std::make_shared<test::FakePower>()};
+  HostEnvironment env = benchEnvironment(pool.get_executor(), x.name());
   env.apps = system;
   env.windowControl = system;
   env.windowTracker = system;

@@ -562,19 +562,32 @@ TEST(EndToEnd, TheDeviceLaunchesAnApplicationAndQuitsIt) {
   EXPECT_FALSE(onDisplay(host.display(), "xdotool search --class TovuTerm").succeeded());
 }
 
+// A host whose desktop, under openbox, has a private session bus and accessibility bus, and Ann's
+// iPad paired with it.
+class AccessibleDesktop : public testing::Test {
+ protected:
+  void SetUp() override {
+    SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
+    host = std::make_unique<Host>(false, std::vector<std::string>{"--no-advertise"},
+                                  bus.environment());
+    HOST_OR_SKIP(*host);
+    ASSERT_TRUE(ann.run({"pair", host->link(), "--address", host->address()}).succeeded());
+    desktop =
+        std::make_unique<Desktop>(host->display(), work, std::vector<std::vector<std::string>>{});
+    if (!desktop->problem.empty()) GTEST_SKIP() << desktop->problem;
+  }
+
+  AccessibilityBus bus;
+  std::unique_ptr<Host> host;
+  const Device ann{{}, "Ann's iPad"};
+  const fs::path work = ann.home.path();
+  std::unique_ptr<Desktop> desktop;
+};
+
 // The keyboard's cue: the host tells which kind of text field has focus, and whether the device's
 // tap put it there. The fields are a GTK program's, read through a private accessibility bus.
-TEST(EndToEnd, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
-  AccessibilityBus bus;
-  SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
-  Host host(false, {"--no-advertise"}, bus.environment());
-  HOST_OR_SKIP(host);
-  const Device ann{{}, "Ann's iPad"};
-  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
-  const fs::path work = ann.home.path();
-  const Desktop desktop(host.display(), work, {});
-  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
-  ChildProcess fields(bus.withEnvironment({"DISPLAY=" + host.display(), TOVU_TEXT_FIELDS_APP}),
+TEST_F(AccessibleDesktop, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
+  ChildProcess fields(bus.withEnvironment({"DISPLAY=" + host->display(), TOVU_TEXT_FIELDS_APP}),
                       work / "fields.log");
   ASSERT_TRUE(waitFor(work / "fields.log", "ready")) << readFile(work / "fields.log");
   std::istringstream boxes(readFile(work / "fields.log"));
@@ -587,14 +600,14 @@ TEST(EndToEnd, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
 
   // The tap moves the focus from the entry to the password field; the Tab key on to the search.
   const fs::path log = work / "connect.log";
-  auto watching = ann.start(ann.connect(host.address(), "10",
+  auto watching = ann.start(ann.connect(host->address(), "10",
                                         {"--click", std::to_string(x + width / 2) + "," +
                                                         std::to_string(y + height / 2)}),
                             log);
   const std::string app = " app=tovu_text_fields_app ";
   EXPECT_TRUE(waitFor(log, "textFocus: text=yes kind=secure" + app + "byClick=yes", 1, 30s))
       << readFile(log);
-  onDisplay(host.display(), "xdotool key Tab");
+  onDisplay(host->display(), "xdotool key Tab");
   EXPECT_TRUE(waitFor(log, "textFocus: text=yes kind=search" + app + "byClick=no", 1, 30s))
       << readFile(log);
 }
@@ -603,21 +616,12 @@ TEST(EndToEnd, TheDeviceHearsWhichTextFieldHasFocusAndWhetherItsTapPutItThere) {
 // there, by each way a program publishes it: GTK's exported menu model (with 2,000 items more),
 // Qt 6's dbusmenu (with a menu registrar on the session bus), and a menu bar that only the
 // accessibility tree shows.
-TEST(EndToEnd, TheDeviceSeesTheFrontMenusAndPressesTheirItems) {
-  AccessibilityBus bus;
-  SKIP_WITHOUT_ACCESSIBILITY_BUS(bus);
-  Host host(false, {"--no-advertise"}, bus.environment());
-  HOST_OR_SKIP(host);
-  const Device ann{{}, "Ann's iPad"};
-  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
-  const fs::path work = ann.home.path();
-  const Desktop desktop(host.display(), work, {});
-  if (!desktop.problem.empty()) GTEST_SKIP() << desktop.problem;
+TEST_F(AccessibleDesktop, TheDeviceSeesTheFrontMenusAndPressesTheirItems) {
   const auto registrar = menuRegistrar(bus.sessionAddress());
   ASSERT_TRUE(registrar->available()) << registrar->skipReason();
 
   const auto run = [&](std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin() + 1, {ann.host(), "--address", host.address()});
+    arguments.insert(arguments.begin() + 1, {ann.host(), "--address", host->address()});
     return ann.run(arguments);
   };
   std::vector<std::string> deepPath = {"File"};
@@ -638,12 +642,12 @@ TEST(EndToEnd, TheDeviceSeesTheFrontMenusAndPressesTheirItems) {
     const fs::path activations = work / "activations";
     fs::remove(activations);
     program.insert(program.begin(),
-                   {"DISPLAY=" + host.display(), "TOVU_MENU_LOG=" + activations.string()});
+                   {"DISPLAY=" + host->display(), "TOVU_MENU_LOG=" + activations.string()});
     ChildProcess app(bus.withEnvironment(program), work / "app.log");
     ASSERT_TRUE(waitFor(work / "app.log", "ready")) << readFile(work / "app.log");
     // Qt 6's first window sometimes stays unmapped under a window manager that has just started.
-    onDisplay(host.display(), "timeout 10 xdotool search --sync --pid " +
-                                  std::to_string(app.pid()) + " windowmap windowactivate");
+    onDisplay(host->display(), "timeout 10 xdotool search --sync --pid " +
+                                   std::to_string(app.pid()) + " windowmap windowactivate");
 
     const CommandResult listed = run({"actions"});
     EXPECT_TRUE(listed.succeeded()) << listed.output;
