@@ -699,7 +699,9 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
   // The INCR protocol: each deletion of the property asks for the next piece; an empty piece is
   // the end.
   asio::awaitable<Converted> readPieces(Link& l, Clock::time_point deadline) {
-    const auto start = transferProperty(l, true, 1);
+    // Read whole, and so deleted by the read itself, which asks for the first piece. A delete of
+    // our own afterwards could come after that piece and throw it away.
+    const auto start = transferProperty(l, true, 16);
     if (!start) co_return Converted{};
     // Its value, where given, is a lower bound of the size.
     if (start->format == 32 && xcb_get_property_value_length(start.get()) >= 4) {
@@ -707,8 +709,6 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
       std::memcpy(&atLeast, xcb_get_property_value(start.get()), 4);
       if (atLeast > limits.maxTextBytes) co_return tooLarge();
     }
-    xcb_delete_property(l.c, l.requestor, l.atoms.transferProperty);
-    xcb_flush(l.c);
     std::string data;
     xcb_atom_t type = XCB_NONE;
     std::uint8_t format = 8;

@@ -5,7 +5,7 @@
 
 #include "host/desktop/MenuTree.hpp"
 #include "host/session/HostSession.hpp"
-#include "host/session/MenuShortcut.hpp"
+#include "host/session/ShortcutKeys.hpp"
 
 namespace kelvaron::host {
 

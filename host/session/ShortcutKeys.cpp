@@ -1,4 +1,4 @@
-#include "host/session/MenuShortcut.hpp"
+#include "host/session/ShortcutKeys.hpp"
 
 #include <locale.h>
 #include <wctype.h>

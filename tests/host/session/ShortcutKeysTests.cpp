@@ -1,7 +1,7 @@
 // A menu item's shortcut as key events, on real layouts compiled by libxkbcommon from the
 // system's XKB data and read as the host reads the layout in force.
 
-#include "host/session/MenuShortcut.hpp"
+#include "host/session/ShortcutKeys.hpp"
 
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ std::string written(const std::optional<std::vector<KeyEvent>>& events) {
   return text;
 }
 
-TEST(MenuShortcut, TypesTheKeyOnTheLayoutInForceBetweenItsModifiers) {
+TEST(ShortcutKeys, TypesTheKeyOnTheLayoutInForceBetweenItsModifiers) {
   constexpr std::uint8_t ctrl = kMenuControl, opt = kMenuOption, shift = kMenuShift,
                          cmd = kMenuCommand;
   struct Case {
