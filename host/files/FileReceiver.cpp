@@ -1,0 +1,272 @@
+#include "host/files/FileReceiver.hpp"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "kit/log/Logger.hpp"
+#include "kit/wire/FileTransfer.hpp"
+#include "kit/wire/FrameReader.hpp"
+
+namespace kelvaron::host {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kCouldNotSave = "Couldn’t save files on this computer";
+constexpr const char* kCouldNotWrite = "Couldn’t write the file on this computer";
+constexpr const char* kCouldNotFinish = "Couldn’t set the clipboard";
+
+const Logger& log() {
+  static const Logger logger("io.dovka.tovu.host", "files");
+  return logger;
+}
+
+// The code point starting at `text[at]` of well-formed UTF-8, and its length in bytes.
+std::pair<char32_t, std::size_t> decode(std::string_view text, std::size_t at) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  const unsigned char lead = byte(0);
+  if (lead < 0x80) return {lead, 1};
+  if (lead < 0xE0) return {char32_t(lead & 0x1F) << 6 | (byte(1) & 0x3F), 2};
+  if (lead < 0xF0) {
+    return {char32_t(lead & 0x0F) << 12 | char32_t(byte(1) & 0x3F) << 6 | (byte(2) & 0x3F), 3};
+  }
+  return {char32_t(lead & 0x07) << 18 | char32_t(byte(1) & 0x3F) << 12 |
+              char32_t(byte(2) & 0x3F) << 6 | (byte(3) & 0x3F),
+          4};
+}
+
+bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
+
+bool isWhiteSpace(char32_t c) {
+  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
+         c == 0x3000;
+}
+
+// At most `limit` bytes of well-formed UTF-8 `text`, cut before a character, never inside one.
+std::string cutUTF8(std::string text, std::size_t limit) {
+  if (text.size() <= limit) return text;
+  std::size_t end = limit;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  text.resize(end);
+  return text;
+}
+
+std::string folded(const std::string& name) {
+  gchar* lower = g_utf8_strdown(name.data(), static_cast<gssize>(name.size()));
+  std::string result(lower);
+  g_free(lower);
+  return result;
+}
+
+}  // namespace
+
+std::string sanitizedFileName(std::string_view raw) {
+  const std::string text = validUTF8(raw);
+  // Separators become underscores; control characters go.
+  std::string name;
+  std::vector<std::size_t> starts;  // of each character kept, in `name`
+  for (std::size_t at = 0; at < text.size();) {
+    const auto [c, length] = decode(text, at);
+    if (c == '/' || c == '\\') {
+      starts.push_back(name.size());
+      name += '_';
+    } else if (!isControl(c)) {
+      starts.push_back(name.size());
+      name.append(text, at, length);
+    }
+    at += length;
+  }
+  // White space at both ends, then the leading dots that would hide the file.
+  std::size_t first = 0, last = starts.size();
+  while (first < last && isWhiteSpace(decode(name, starts[first]).first)) ++first;
+  while (last > first && isWhiteSpace(decode(name, starts[last - 1]).first)) --last;
+  const std::size_t begin = first < starts.size() ? starts[first] : name.size();
+  const std::size_t end = last < starts.size() ? starts[last] : name.size();
+  name = name.substr(begin, end - begin);
+  name.erase(0, std::min(name.find_first_not_of('.'), name.size()));
+  if (name.empty()) return "file";
+  return cutUTF8(std::move(name), kMaxFileNameBytes);
+}
+
+std::string uniqueFileName(const std::string& name, std::set<std::string>& taken) {
+  if (taken.insert(folded(name)).second) return name;
+  const std::size_t dot = name.rfind('.');
+  const bool hasExtension = dot != std::string::npos && dot > 0 && dot + 1 < name.size();
+  for (unsigned n = 2;; ++n) {
+    const std::string number = " " + std::to_string(n);
+    std::string stem = name, tail = number;
+    // An extension too long to leave room for any of the stem counts as part of it.
+    if (hasExtension && number.size() + name.size() - dot < kMaxFileNameBytes) {
+      stem = name.substr(0, dot);
+      tail = number + name.substr(dot);
+    }
+    std::string candidate = cutUTF8(std::move(stem), kMaxFileNameBytes - tail.size()) + tail;
+    if (taken.insert(folded(candidate)).second) return candidate;
+  }
+}
+
+FileReceiver::FileReceiver(HostInbox inbox, Clock now, Reply reply, Finish finish)
+    : inbox_(std::move(inbox)),
+      now_(std::move(now)),
+      reply_(std::move(reply)),
+      finish_(std::move(finish)) {}
+
+FileReceiver::~FileReceiver() { abort(); }
+
+void FileReceiver::status(std::uint32_t transferID, FileTransferState state, std::uint64_t bytes,
+                          std::string detail) {
+  reply_(msg::fileStatus{transferID, state, bytes, std::move(detail)});
+}
+
+void FileReceiver::offer(std::uint32_t transferID, const std::vector<FileMeta>& files,
+                         FileTransferKind kind) {
+  if (active_) {
+    log().info("file offer %u refused: transfer %u is running", transferID, active_->id);
+    status(transferID, FileTransferState::rejected, 0, "Another transfer is in progress");
+    return;
+  }
+  std::vector<std::uint64_t> sizes;
+  std::uint64_t totalBytes = 0;
+  for (const FileMeta& file : files) {
+    sizes.push_back(file.size);
+    totalBytes += file.size;
+  }
+  if (std::optional<std::string> problem = fileOfferProblem(sizes)) {
+    log().info("file offer %u refused: %s", transferID, problem->c_str());
+    status(transferID, FileTransferState::rejected, 0, std::move(*problem));
+    return;
+  }
+
+  Active record;
+  record.id = transferID;
+  record.files = files;
+  record.folder = inbox_.folder(transferID);
+  record.received.assign(files.size(), 0);
+  try {
+    inbox_.makeRoot();
+    std::error_code ignored;
+    fs::remove_all(record.folder, ignored);
+    fs::create_directories(record.folder);
+    std::set<std::string> taken;
+    for (const FileMeta& file : files) {
+      fs::path path = record.folder / uniqueFileName(sanitizedFileName(file.name), taken);
+      const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+      if (fd < 0)
+        throw fs::filesystem_error("create", path, std::error_code(errno, std::system_category()));
+      ::close(fd);
+      record.paths.push_back(std::move(path));
+    }
+  } catch (const std::exception& e) {
+    log().error("file offer %u: %s", transferID, e.what());
+    std::error_code ignored;
+    fs::remove_all(record.folder, ignored);
+    status(transferID, FileTransferState::rejected, 0, kCouldNotSave);
+    return;
+  }
+  record.lastProgress = now_();
+  active_ = std::move(record);
+  log().info("file offer %u files=%zu bytes=%llu kind=%u", transferID, files.size(),
+             static_cast<unsigned long long>(totalBytes), static_cast<unsigned>(kind));
+  status(transferID, FileTransferState::accepted, 0, "");
+}
+
+void FileReceiver::chunk(std::uint32_t transferID, std::uint16_t fileIndex, std::uint64_t offset,
+                         std::span<const std::uint8_t> data) {
+  if (!active_ || active_->id != transferID) return;
+  Active& a = *active_;
+  std::size_t due = 0;
+  while (due < a.files.size() && a.received[due] >= a.files[due].size) ++due;
+  if (fileIndex != due || due == a.files.size() || offset != a.received[due]) {
+    return fail("Chunk out of order");
+  }
+  if (data.empty() || data.size() > maxChunkBytes) return fail("Bad chunk size");
+  if (data.size() > a.files[due].size - a.received[due]) {
+    return fail("Chunk past the declared size");
+  }
+  if (!write(due, data)) return fail(kCouldNotWrite);
+  a.received[due] += data.size();
+  a.total += data.size();
+  const double now = now_();
+  if (now - a.lastProgress >= progressInterval) {
+    a.lastProgress = now;
+    status(a.id, FileTransferState::progress, a.total, "");
+  }
+}
+
+bool FileReceiver::write(std::size_t fileIndex, std::span<const std::uint8_t> data) {
+  Active& a = *active_;
+  if (a.openFile < 0 || a.openIndex != fileIndex) {
+    closeFile();
+    a.openFile = ::open(a.paths[fileIndex].c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (a.openFile < 0) {
+      log().error("file transfer %u: cannot open %s: %s", a.id, a.paths[fileIndex].c_str(),
+                  std::strerror(errno));
+      return false;
+    }
+    a.openIndex = fileIndex;
+  }
+  while (!data.empty()) {
+    const ssize_t written = ::write(a.openFile, data.data(), data.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      log().error("file transfer %u: cannot write %s: %s", a.id, a.paths[fileIndex].c_str(),
+                  written < 0 ? std::strerror(errno) : "nothing written");
+      return false;
+    }
+    data = data.subspan(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+void FileReceiver::closeFile() {
+  if (active_ && active_->openFile >= 0) {
+    ::close(active_->openFile);
+    active_->openFile = -1;
+  }
+}
+
+void FileReceiver::end(std::uint32_t transferID) {
+  if (!active_ || active_->id != transferID) return;
+  closeFile();
+  Active& a = *active_;
+  for (std::size_t i = 0; i < a.files.size(); ++i) {
+    if (a.received[i] != a.files[i].size) return fail("Size mismatch");
+  }
+  std::vector<PasteboardFile> files;
+  for (std::size_t i = 0; i < a.files.size(); ++i) {
+    files.push_back(pasteboardFile(a.paths[i], a.files[i].typeID));
+  }
+  if (!finish_(std::move(files))) return fail(kCouldNotFinish);
+  const std::uint64_t total = a.total;
+  active_.reset();
+  lastCompletedID_ = transferID;
+  status(transferID, FileTransferState::done, total, "");
+  log().info("file transfer %u done", transferID);
+  inbox_.prune(fs::file_time_type::clock::now(), {std::to_string(transferID)},
+               std::chrono::seconds(86400));
+}
+
+void FileReceiver::fail(const std::string& detail) {
+  log().error("file transfer %u failed: %s", active_->id, detail.c_str());
+  status(active_->id, FileTransferState::failed, active_->total, detail);
+  abort();
+}
+
+void FileReceiver::abort() {
+  if (!active_) return;
+  closeFile();
+  std::error_code ignored;
+  fs::remove_all(active_->folder, ignored);
+  active_.reset();
+}
+
+}  // namespace kelvaron::host

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "host/files/HostInbox.hpp"
+#include "host/files/PasteboardFile.hpp"
+#include "kit/wire/Message.hpp"
+
+namespace kelvaron::host {
+
+// The longest name, in bytes of UTF-8, a received file is given.
+inline constexpr std::size_t kMaxFileNameBytes = 200;
+
+// A name the device gave a file as one safe in a folder of ours: no path separators, control
+// characters, surrounding white space or leading dots, never empty, at most kMaxFileNameBytes.
+std::string sanitizedFileName(std::string_view name);
+
+// `name` (already sanitised) made different, regardless of case, from every name in `taken`,
+// which holds them case-folded: "a.txt" becomes "a 2.txt", then "a 3.txt"; the result's folded
+// form is added to `taken`.
+std::string uniqueFileName(const std::string& name, std::set<std::string>& taken);
+
+// Receives the files the device sends: one transfer at a time, an offer, its files' chunks in
+// order, and an end, written into the inbox's folder of the transfer. Every answer goes to `reply`
+// as a fileStatus; at the end the files go to `finish` (which puts them on the clipboard) and
+// their folder stays. A failure or an abort removes the folder.
+//
+// Not thread-safe: the session calls it from its own executor. The work is the file system's, in
+// chunks of at most 64 KiB.
+class FileReceiver {
+ public:
+  using Clock = std::function<double()>;  // a steady time, in seconds
+  using Reply = std::function<void(Message)>;
+  using Finish = std::function<bool(std::vector<PasteboardFile>)>;
+
+  // The least time between two progress reports.
+  static constexpr double progressInterval = 0.25;
+  static constexpr std::size_t maxChunkBytes = 65536;
+
+  FileReceiver(HostInbox inbox, Clock now, Reply reply, Finish finish);
+  ~FileReceiver();
+  FileReceiver(const FileReceiver&) = delete;
+  FileReceiver& operator=(const FileReceiver&) = delete;
+
+  void offer(std::uint32_t transferID, const std::vector<FileMeta>& files, FileTransferKind kind);
+  void chunk(std::uint32_t transferID, std::uint16_t fileIndex, std::uint64_t offset,
+             std::span<const std::uint8_t> data);
+  void end(std::uint32_t transferID);
+  // Drops the running transfer, if any, and its folder, without a word to the device: for its
+  // cancel and for the session's end.
+  void abort();
+
+  std::optional<std::uint32_t> activeID() const {
+    return active_ ? std::optional(active_->id) : std::nullopt;
+  }
+  std::optional<std::uint32_t> lastCompletedID() const { return lastCompletedID_; }
+  const HostInbox& inbox() const { return inbox_; }
+
+ private:
+  struct Active {
+    std::uint32_t id = 0;
+    std::vector<FileMeta> files;
+    std::filesystem::path folder;
+    std::vector<std::filesystem::path> paths;
+    std::vector<std::uint64_t> received;
+    int openFile = -1;  // a descriptor
+    std::size_t openIndex = 0;
+    std::uint64_t total = 0;
+    double lastProgress = 0;
+  };
+
+  void fail(const std::string& detail);
+  void closeFile();
+  bool write(std::size_t fileIndex, std::span<const std::uint8_t> data);
+  void status(std::uint32_t transferID, FileTransferState state, std::uint64_t bytes,
+              std::string detail);
+
+  HostInbox inbox_;
+  Clock now_;
+  Reply reply_;
+  Finish finish_;
+  std::optional<Active> active_;
+  std::optional<std::uint32_t> lastCompletedID_;
+};
+
+}  // namespace kelvaron::host
