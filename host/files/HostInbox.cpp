@@ -31,11 +31,12 @@ fs::path HostInbox::defaultRoot() {
 }
 
 void HostInbox::makeRoot() const {
-  if (fs::is_directory(fs::symlink_status(root_))) return;
+  // A link to a folder serves: the person may keep the inbox elsewhere.
+  if (fs::is_directory(root_)) return;
   if (root_.has_parent_path()) fs::create_directories(root_.parent_path());
   if (fs::create_directory(root_)) {
     fs::permissions(root_, fs::perms::owner_all, fs::perm_options::replace);
-  } else if (!fs::is_directory(fs::symlink_status(root_))) {
+  } else if (!fs::is_directory(root_)) {
     throw fs::filesystem_error("not a folder", root_,
                                std::make_error_code(std::errc::not_a_directory));
   }
