@@ -192,7 +192,7 @@ void FileReceiver::chunk(std::uint32_t transferID, std::uint16_t fileIndex, std:
   if (data.size() > a.files[due].size - a.received[due]) {
     return fail("Chunk past the declared size");
   }
-  if (!write(due, data)) return fail(kCouldNotWrite);
+  if (std::optional<std::string> problem = write(due, data)) return fail(kCouldNotWrite, *problem);
   a.received[due] += data.size();
   a.total += data.size();
   const double now = now_();
@@ -202,29 +202,26 @@ void FileReceiver::chunk(std::uint32_t transferID, std::uint16_t fileIndex, std:
   }
 }
 
-bool FileReceiver::write(std::size_t fileIndex, std::span<const std::uint8_t> data) {
+std::optional<std::string> FileReceiver::write(std::size_t fileIndex,
+                                               std::span<const std::uint8_t> data) {
   Active& a = *active_;
   if (a.openFile < 0 || a.openIndex != fileIndex) {
     closeFile();
     a.openFile = ::open(a.paths[fileIndex].c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (a.openFile < 0) {
-      log().error("file transfer %u: cannot open %s: %s", a.id, a.paths[fileIndex].c_str(),
-                  std::strerror(errno));
-      return false;
-    }
+    if (a.openFile < 0)
+      return "cannot open " + a.paths[fileIndex].string() + ": " + std::strerror(errno);
     a.openIndex = fileIndex;
   }
   while (!data.empty()) {
     const ssize_t written = ::write(a.openFile, data.data(), data.size());
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) {
-      log().error("file transfer %u: cannot write %s: %s", a.id, a.paths[fileIndex].c_str(),
-                  written < 0 ? std::strerror(errno) : "nothing written");
-      return false;
+      return "cannot write " + a.paths[fileIndex].string() + ": " +
+             (written < 0 ? std::strerror(errno) : "nothing written");
     }
     data = data.subspan(static_cast<std::size_t>(written));
   }
-  return true;
+  return std::nullopt;
 }
 
 void FileReceiver::closeFile() {
@@ -255,8 +252,9 @@ void FileReceiver::end(std::uint32_t transferID) {
                std::chrono::seconds(86400));
 }
 
-void FileReceiver::fail(const std::string& detail) {
-  log().error("file transfer %u failed: %s", active_->id, detail.c_str());
+void FileReceiver::fail(const std::string& detail, const std::string& cause) {
+  log().error("file transfer %u failed: %s%s%s", active_->id, detail.c_str(),
+              cause.empty() ? "" : " (", cause.empty() ? "" : (cause + ")").c_str());
   status(active_->id, FileTransferState::failed, active_->total, detail);
   abort();
 }

@@ -76,9 +76,11 @@ class FileReceiver {
     double lastProgress = 0;
   };
 
-  void fail(const std::string& detail);
+  // Reports `detail` to the device and drops the transfer; `cause` goes only to the log.
+  void fail(const std::string& detail, const std::string& cause = "");
   void closeFile();
-  bool write(std::size_t fileIndex, std::span<const std::uint8_t> data);
+  // Appends to the file `fileIndex`, opening it if it is not the open one; yields what went wrong.
+  std::optional<std::string> write(std::size_t fileIndex, std::span<const std::uint8_t> data);
   void status(std::uint32_t transferID, FileTransferState state, std::uint64_t bytes,
               std::string detail);
 

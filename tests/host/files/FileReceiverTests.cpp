@@ -184,6 +184,13 @@ TEST(FileReceiver, EachFailureReportsItsReasonAndRemovesTheFolder) {
          r.chunk(1, 0, 65536, bytesOf(70000 - 65536 + 1, 0));
        },
        65536, "Chunk past the declared size"},
+      {"the file turned into a folder",
+       [](Receiving& r) {
+         fs::remove(r.root / "1" / "big");
+         fs::create_directory(r.root / "1" / "big");
+         r.chunk(1, 0, 0, bytesOf(4, 0));
+       },
+       0, "Couldn’t write the file on this computer"},
       {"short at the end",
        [](Receiving& r) {
          r.chunk(1, 0, 0, bytesOf(65536, 0));
