@@ -32,8 +32,9 @@ std::string uniqueFileName(const std::string& name, std::set<std::string>& taken
 // as a fileStatus; at the end the files go to `finish` (which puts them on the clipboard) and
 // their folder stays. A failure or an abort removes the folder.
 //
-// Not thread-safe: the session calls it from its own executor. The work is the file system's, in
-// chunks of at most 64 KiB.
+// Not thread-safe: one caller at a time. Offers and chunks do a little file-system work each
+// (a chunk is at most 64 KiB); `end` reads the images back and may convert one to PNG, which for a
+// large picture takes a while, so a caller that must stay responsive runs it off its executor.
 class FileReceiver {
  public:
   using Clock = std::function<double()>;  // a steady time, in seconds
