@@ -102,7 +102,8 @@ std::string uniqueFileName(const std::string& name, std::set<std::string>& taken
   const std::size_t dot = name.rfind('.');
   const bool hasExtension = dot != std::string::npos && dot > 0 && dot + 1 < name.size();
   for (unsigned n = 2;; ++n) {
-    const std::string number = " " + std::to_string(n);
+    std::string number(" ");
+    number += std::to_string(n);
     std::string stem = name, tail = number;
     // An extension too long to leave room for any of the stem counts as part of it.
     if (hasExtension && number.size() + name.size() - dot < kMaxFileNameBytes) {
