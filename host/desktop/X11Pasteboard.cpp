@@ -12,6 +12,7 @@
 #include <asio/use_awaitable.hpp>
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <limits>
@@ -71,6 +72,29 @@ std::string utf8ToLatin1(std::string_view text) {
     i += length;
   }
   return bytes;
+}
+
+// A file's URI: "file://" and its absolute path, every byte but the unreserved ones and "/"
+// percent-encoded, as file managers expect in text/uri-list.
+std::string fileURI(const std::filesystem::path& path) {
+  std::error_code ignored;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, ignored);
+  const std::string& bytes = absolute.empty() ? path.native() : absolute.native();
+  constexpr char kHex[] = "0123456789ABCDEF";
+  std::string uri = "file://";
+  for (const char byte : bytes) {
+    const auto c = static_cast<unsigned char>(byte);
+    const bool kept = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '-' || c == '.' || c == '_' || c == '~' || c == '/';
+    if (kept) {
+      uri += byte;
+    } else {
+      uri += '%';
+      uri += kHex[c >> 4];
+      uri += kHex[c & 0x0F];
+    }
+  }
+  return uri;
 }
 
 std::string_view valueOf(const xcb_get_property_reply_t& reply) {
@@ -806,6 +830,31 @@ asio::awaitable<void> X11Pasteboard::writeContent(Content content) {
   return asio::co_spawn(
       context_.get_executor(), Core::write(core_, std::move(content)),
       asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+}
+
+asio::awaitable<void> X11Pasteboard::writeFiles(ClipboardFiles files) {
+  return writeContent(filesContent(files));
+}
+
+X11Pasteboard::Content X11Pasteboard::filesContent(const ClipboardFiles& files) {
+  std::string uriList, copied = "copy", paths;
+  for (const auto& path : files.paths) {
+    const std::string uri = fileURI(path);
+    uriList += uri;
+    uriList += "\r\n";
+    copied += '\n';
+    copied += uri;
+    if (!paths.empty()) paths += '\n';
+    paths += path.string();
+  }
+  Content content = textContent(paths);
+  content["text/uri-list"] = std::make_shared<const std::string>(std::move(uriList));
+  content["x-special/gnome-copied-files"] = std::make_shared<const std::string>(std::move(copied));
+  // The targets above name the files themselves: a content of the same name does not replace them.
+  for (const auto& [type, bytes] : files.contents) {
+    content.emplace(type, std::make_shared<const std::string>(bytes));
+  }
+  return content;
 }
 
 X11Pasteboard::Content X11Pasteboard::textContent(const std::string& text) {

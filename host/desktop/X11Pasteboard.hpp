@@ -49,15 +49,20 @@ class X11Pasteboard : public PasteboardProviding {
   std::int64_t changeCount() override;
   asio::awaitable<std::optional<std::string>> string() override;
   asio::awaitable<void> writeString(std::string text) override;
-  // Clears the clipboard and offers `content`, owned by this process; moves the count like
-  // `writeString`, which offers its text as UTF8_STRING, text/plain;charset=utf-8 and STRING.
-  asio::awaitable<void> writeContent(Content content);
+  asio::awaitable<void> writeFiles(ClipboardFiles files) override;
 
-  // The targets under which text is offered, with their bytes.
+  // The targets under which text is offered, with their bytes: UTF8_STRING,
+  // text/plain;charset=utf-8 and STRING.
   static Content textContent(const std::string& text);
+  // The targets under which files are offered: text/uri-list, x-special/gnome-copied-files (for
+  // file managers), their paths as text, one per line, and each of their contents' MIME types.
+  static Content filesContent(const ClipboardFiles& files);
 
  private:
   struct Core;
+
+  // Clears the clipboard and offers `content`, owned by this process; every write comes here.
+  asio::awaitable<void> writeContent(Content content);
 
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> keepRunning_;

@@ -254,6 +254,11 @@ struct FakePasteboard : PasteboardProviding {
   asio::awaitable<void> writeString(std::string written) override {
     co_return (void)(text = std::move(written), ++count);
   }
+  // Every write of files, in order.
+  std::vector<ClipboardFiles> files;
+  asio::awaitable<void> writeFiles(ClipboardFiles written) override {
+    co_return (void)(files.push_back(std::move(written)), ++count);
+  }
 };
 
 // A picture of one byte, the display's ID; `failing` displays throw instead.

@@ -202,6 +202,32 @@ TEST_F(X11PasteboardTest, WritesWhatAnotherProgramPastes) {
   }
 }
 
+// Files as file managers, text fields and picture editors paste them; a name outside the URI's
+// unreserved bytes is percent-encoded, byte by byte of its UTF-8.
+TEST_F(X11PasteboardTest, WritesFilesThatOtherProgramsPaste) {
+  X11Pasteboard clipboard(display());
+  const std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
+  ClipboardFiles files{{"/inbox/7/a b#ü.txt", "/inbox/7/photo.png"}, {{"image/png", png}}};
+  const auto before = clipboard.changeCount();
+  runAsync([&](asio::io_context&) -> asio::awaitable<void> {
+    auto writing = clipboard.writeFiles(files);
+    co_await std::move(writing);
+  });
+  EXPECT_EQ(clipboard.changeCount(), before + 1);
+  const std::pair<std::string, std::string> cases[] = {
+      {"text/uri-list", "file:///inbox/7/a%20b%23%C3%BC.txt\r\nfile:///inbox/7/photo.png\r\n"},
+      {"x-special/gnome-copied-files",
+       "copy\nfile:///inbox/7/a%20b%23%C3%BC.txt\nfile:///inbox/7/photo.png"},
+      {"UTF8_STRING", "/inbox/7/a b#ü.txt\n/inbox/7/photo.png"},
+      {"text/plain;charset=utf-8", "/inbox/7/a b#ü.txt\n/inbox/7/photo.png"},
+      {"image/png", png},
+  };
+  for (const auto& [target, expected] : cases) {
+    EXPECT_TRUE(same(paste(target), expected)) << target;
+  }
+  EXPECT_TRUE(same(read(clipboard), "/inbox/7/a b#ü.txt\n/inbox/7/photo.png"));
+}
+
 // An owner that never answers, and one that offers 100 MB, give nothing within a read's bounds
 // (each read's deadline is 5 s here); the next read works.
 TEST_F(X11PasteboardTest, AReadIsBoundedInTimeAndSize) {
