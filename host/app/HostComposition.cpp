@@ -8,6 +8,7 @@
 #include "host/audio/PulseAudioCapture.hpp"
 #include "host/desktop/X11FocusObserver.hpp"
 #include "host/desktop/X11WindowThumbnails.hpp"
+#include "host/files/HostInbox.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/X11CaptureSource.hpp"
 #include "host/video/X11Thumbnails.hpp"
@@ -34,6 +35,9 @@ HostComposition::HostComposition(Executors executors, Options options)
       menus_(std::make_shared<DesktopMenuSource>(executors_.pool, windows_, options_.displayName)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
+  // Files from the device stay a day, for the person to paste or move; older ones go.
+  HostInbox(HostInbox::defaultRoot())
+      .prune(std::filesystem::file_time_type::clock::now(), {}, std::chrono::hours(24));
 }
 
 Permissions HostComposition::readPermissions(const std::string& displayName) {

@@ -2,6 +2,7 @@
 
 #include <asio/awaitable.hpp>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -70,6 +71,8 @@ struct HostEnvironment {
   // The clipboard, one for the process; without it the session keeps no clipboard in step.
   std::shared_ptr<PasteboardProviding> pasteboard;
   std::chrono::duration<double> clipboardPollInterval{0.5};
+  // Where files from the device land, a folder per transfer; the user's inbox when empty.
+  std::filesystem::path inboxRoot;
   // Pictures of the displays not streamed, for the device's picker; none without a provider.
   std::shared_ptr<ThumbnailProviding> thumbnails;
   std::chrono::duration<double> thumbnailInterval{1.0};

@@ -167,6 +167,15 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
     watchActions(watch->enabled);
   } else if (const auto* action = std::get_if<msg::performAction>(&message)) {
     co_await performAction(*action);
+  } else if (const auto* offer = std::get_if<msg::fileOffer>(&message)) {
+    fileReceiver().offer(offer->transferID, offer->files, offer->kind);
+  } else if (const auto* chunk = std::get_if<msg::fileChunk>(&message)) {
+    fileReceiver().chunk(chunk->transferID, chunk->fileIndex, chunk->offset, chunk->data);
+  } else if (const auto* end = std::get_if<msg::fileEnd>(&message)) {
+    co_await endFiles(end->transferID);
+  } else if (const auto* cancel = std::get_if<msg::fileCancel>(&message)) {
+    // The device's cancel is not answered.
+    if (fileReceiver_ && fileReceiver_->activeID() == cancel->transferID) fileReceiver_->abort();
   }
 }
 
@@ -396,6 +405,8 @@ asio::awaitable<void> HostSession::teardown() {
   co_await stopCapture();
   stopAudioPipeline();
   env_.audioArbiter->release(audioOwnerID_);
+  // A transfer cut short leaves no folder behind.
+  if (fileReceiver_) fileReceiver_->abort();
   connection_->close();
   status_.phase = SessionStatus::Phase::ended;
   log_.info("session ended");

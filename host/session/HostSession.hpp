@@ -12,6 +12,7 @@
 
 #include "host/audio/AudioPipeline.hpp"
 #include "host/desktop/FocusFollowing.hpp"
+#include "host/files/FileReceiver.hpp"
 #include "host/session/CursorShapeRegistry.hpp"
 #include "host/session/HostEnvironment.hpp"
 #include "host/session/SessionStatus.hpp"
@@ -139,6 +140,15 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
                                              std::shared_ptr<ThumbnailProviding> provider,
                                              Sleeper sleep, std::chrono::duration<double> interval);
   void report() const;
+
+  // Files from the device (HostSessionFiles.cpp): received into the inbox by a receiver made at
+  // the first need, and put on the clipboard once complete.
+  FileReceiver& fileReceiver();
+  asio::awaitable<void> endFiles(std::uint32_t transferID);
+  bool putFilesOnClipboard(std::vector<PasteboardFile> files);
+  static asio::awaitable<void> writeClipboardFiles(std::weak_ptr<HostSession> weak,
+                                                   std::shared_ptr<PasteboardProviding> pasteboard,
+                                                   ClipboardFiles files);
 
   // Focus mode (HostSessionFocus.cpp): one application's window instead of a whole display, and
   // following the computer's focus meanwhile.
@@ -306,6 +316,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   std::optional<std::uint64_t> shapeToken_;
   ChangeCountBox clipboardMark_;
   std::optional<Task> thumbnailTask_;
+  std::unique_ptr<FileReceiver> fileReceiver_;
   std::optional<FocusSession> focus_;
   std::optional<Task> focusTask_;
   std::map<std::uint32_t, FittedWindow> fitted_;

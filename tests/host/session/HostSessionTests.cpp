@@ -7,6 +7,8 @@
 #include <asio/thread_pool.hpp>
 #include <atomic>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "client/VideoDecoder.hpp"
@@ -19,6 +21,7 @@
 #include "tests/support/HostFakes.hpp"
 #include "tests/support/ManualClock.hpp"
 #include "tests/support/ScreenPainter.hpp"
+#include "tests/support/TempDirectory.hpp"
 #include "tests/support/VirtualDisplay.hpp"
 
 namespace kelvaron::host {
@@ -636,6 +639,99 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
   co_await h.roundTrip();
   co_await h.tick(1s);
   EXPECT_EQ(thumbnails->asked, (std::vector<std::uint32_t>{2, 3, 2, 3, 2, 3}));
+}
+
+// The next fileStatus of a transfer that is not a report of progress, which comes by time.
+asio::awaitable<msg::fileStatus> fileStatus(Harness& h) {
+  for (;;) {
+    const auto status = co_await h.expect<msg::fileStatus>();
+    if (status.state != FileTransferState::progress) co_return status;
+  }
+}
+
+// Sends the whole of each file, in chunks of at most `piece` bytes, then the end.
+void sendFiles(Harness& h, std::uint32_t id, const std::vector<std::string>& contents,
+               std::size_t piece = 3) {
+  for (std::size_t index = 0; index < contents.size(); ++index) {
+    const std::string& bytes = contents[index];
+    for (std::size_t at = 0; at < bytes.size(); at += piece) {
+      const std::string part = bytes.substr(at, piece);
+      h.client->send(msg::fileChunk{id, std::uint16_t(index), at, Data(part.begin(), part.end())});
+    }
+  }
+  h.client->send(msg::fileEnd{id});
+}
+
+std::string contentOf(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Two files land in the inbox and go on the clipboard as files; a single picture goes with its
+// bytes too. What the session wrote does not come back to the device as text.
+SESSION_TEST(FilesFromTheDeviceLandInTheInboxAndGoOnTheClipboard) {
+  h.useManualClock();
+  TempDirectory inbox;
+  const auto pasteboard = std::make_shared<FakePasteboard>();
+  pasteboard->text = "not sent back";
+  h.env.pasteboard = pasteboard;
+  h.env.inboxRoot = inbox.path();
+  co_await h.open();
+  const std::string notes = "hello, files", picture("\x89PNG\r\n\x1a\n\0pixels", 15);
+  h.client->send(msg::fileOffer{
+      7,
+      {{"notes.txt", "public.plain-text", notes.size()}, {"dot.png", "public.png", picture.size()}},
+      FileTransferKind::paste});
+  CO_EXPECT_MESSAGE(h, msg::fileStatus, 7, FileTransferState::accepted, 0, "");
+  sendFiles(h, 7, {notes, picture});
+  const auto done = co_await fileStatus(h);
+  EXPECT_EQ(done, (msg::fileStatus{7, FileTransferState::done, notes.size() + picture.size(), ""}));
+  co_await h.roundTrip();
+  const auto folder = inbox.path() / "7";
+  const ClipboardFiles both{{folder / "notes.txt", folder / "dot.png"}, {}};
+  EXPECT_EQ(pasteboard->files, std::vector{both});
+  EXPECT_EQ(contentOf(folder / "notes.txt"), notes);
+  EXPECT_EQ(contentOf(folder / "dot.png"), picture);
+
+  h.client->send(
+      msg::fileOffer{8, {{"dot.png", "public.png", picture.size()}}, FileTransferKind::paste});
+  CO_EXPECT_MESSAGE(h, msg::fileStatus, 8, FileTransferState::accepted, 0, "");
+  sendFiles(h, 8, {picture}, 64);
+  const auto alone = co_await fileStatus(h);
+  EXPECT_EQ(alone, (msg::fileStatus{8, FileTransferState::done, picture.size(), ""}));
+  co_await h.roundTrip();
+  const ClipboardFiles one{{inbox.path() / "8" / "dot.png"}, {{"image/png", picture}}};
+  EXPECT_EQ(pasteboard->files, (std::vector{both, one}));
+  co_await h.tick(h.env.clipboardPollInterval);
+  co_await h.expectSilence("the clipboard's poll after the files were written");
+}
+
+// A cancel of the running transfer removes its folder and is not answered; one of another
+// transfer does nothing. The session's end drops the transfer under way the same way.
+SESSION_TEST(ACancelOrTheSessionsEndLeavesNoFolderBehind) {
+  TempDirectory inbox;
+  h.env.inboxRoot = inbox.path();
+  co_await h.open();
+  const Data half(100, 'x');
+  const auto started = [&](std::uint32_t id) -> asio::awaitable<void> {
+    h.client->send(msg::fileOffer{id, {{"a.bin", "public.data", 200}}, FileTransferKind::attach});
+    CO_EXPECT_MESSAGE(h, msg::fileStatus, id, FileTransferState::accepted, 0, "");
+    h.client->send(msg::fileChunk{id, 0, 0, half});
+    co_await h.roundTrip();
+    EXPECT_EQ(std::filesystem::file_size(inbox.path() / std::to_string(id) / "a.bin"), 100u);
+  };
+  co_await started(3);
+  h.client->send(msg::fileCancel{2});
+  co_await h.roundTrip();
+  EXPECT_TRUE(std::filesystem::exists(inbox.path() / "3"));
+  h.client->send(msg::fileCancel{3});
+  co_await h.expectSilence("a cancel");
+  EXPECT_FALSE(std::filesystem::exists(inbox.path() / "3"));
+
+  co_await started(4);
+  h.client->close();
+  co_await h.waitForEnd();
+  EXPECT_FALSE(std::filesystem::exists(inbox.path() / "4"));
 }
 
 // Two windows of one xterm; the first's surface on the main display, with its 8 pixels of margin.

@@ -1,0 +1,95 @@
+// Files from the device: written into the inbox as they come, then put on the clipboard.
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/dispatch.hpp>
+#include <asio/use_awaitable.hpp>
+
+#include "host/session/HostSession.hpp"
+#include "kit/async/Uptime.hpp"
+
+namespace kelvaron::host {
+
+namespace {
+
+// The MIME type under which a picture of the device's type goes on the clipboard; none for the
+// others, which go as files only.
+const char* clipboardType(const std::string& typeID) {
+  if (typeID == "public.png") return "image/png";
+  if (typeID == "public.jpeg") return "image/jpeg";
+  return nullptr;
+}
+
+}  // namespace
+
+FileReceiver& HostSession::fileReceiver() {
+  if (fileReceiver_) return *fileReceiver_;
+  HostInbox inbox(env_.inboxRoot.empty() ? HostInbox::defaultRoot() : env_.inboxRoot);
+  // The end of a transfer runs off the strand: its answers come back to it, in order.
+  auto reply = [connection = connection_, strand = strand_](Message message) {
+    asio::dispatch(strand,
+                   [connection, message = std::move(message)] { connection->send(message); });
+  };
+  // The receiver lives no longer than the session, and the session no longer than its strand's
+  // work for it: `this` outlives every call.
+  auto finish = [this](std::vector<PasteboardFile> files) {
+    return putFilesOnClipboard(std::move(files));
+  };
+  fileReceiver_ = std::make_unique<FileReceiver>(std::move(inbox), uptimeSeconds, std::move(reply),
+                                                 std::move(finish));
+  return *fileReceiver_;
+}
+
+// Reading the files back, and converting a picture, may take a while for a large one: it runs on
+// the background executor, while the session's strand goes on with its other work. No message is
+// taken meanwhile, so nothing else touches the receiver.
+asio::awaitable<void> HostSession::endFiles(std::uint32_t transferID) {
+  FileReceiver& receiver = fileReceiver();
+  const Executor background = env_.background ? env_.background : strand_;
+  auto ending = asio::co_spawn(
+      background,
+      [&receiver, transferID]() -> asio::awaitable<void> {
+        receiver.end(transferID);
+        co_return;
+      },
+      asio::use_awaitable);
+  co_await std::move(ending);
+}
+
+// The X clipboard holds one picture: a single file's goes with it, several files go as files
+// only. Without a clipboard the files stay in the inbox, which is success all the same.
+bool HostSession::putFilesOnClipboard(std::vector<PasteboardFile> files) {
+  if (!env_.pasteboard) return true;
+  ClipboardFiles clipboard;
+  for (const PasteboardFile& file : files) clipboard.paths.push_back(file.path);
+  if (files.size() == 1) {
+    for (const auto& [typeID, bytes] : files.front().representations) {
+      if (const char* type = clipboardType(typeID)) {
+        clipboard.contents.emplace_back(type, std::string(bytes.begin(), bytes.end()));
+      }
+    }
+  }
+  asio::co_spawn(strand_,
+                 writeClipboardFiles(weak_from_this(), env_.pasteboard, std::move(clipboard)),
+                 asio::detached);
+  return true;
+}
+
+// Holds the session weakly: the files go on the clipboard even when it ended meanwhile.
+asio::awaitable<void> HostSession::writeClipboardFiles(
+    std::weak_ptr<HostSession> weak, std::shared_ptr<PasteboardProviding> pasteboard,
+    ClipboardFiles files) {
+  try {
+    auto writing = pasteboard->writeFiles(std::move(files));
+    co_await std::move(writing);
+  } catch (const std::exception& failure) {
+    if (const auto self = weak.lock()) {
+      self->log_.error("putting the files on the clipboard failed: %s", failure.what());
+    }
+    co_return;
+  }
+  // So that the clipboard's poll does not send the paths back as text.
+  if (const auto self = weak.lock()) self->clipboardMark_.exchange(pasteboard->changeCount());
+}
+
+}  // namespace kelvaron::host
