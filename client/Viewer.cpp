@@ -24,7 +24,8 @@ Viewer::Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, st
       out_(out),
       since_(since),
       apps_(*connection_, options_.apps, out),
-      actions_(*connection_, options_.actions, out) {}
+      actions_(*connection_, options_.actions, out),
+      files_(*connection_, options_.files, out) {}
 
 asio::awaitable<void> Viewer::run() {
   for (const auto& folder :
@@ -46,7 +47,7 @@ asio::awaitable<void> Viewer::run() {
   }
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
   int second = 0;
-  while (Clock::now() < end && !ended_ && !apps_.done() && !actions_.done()) {
+  while (Clock::now() < end && !ended_ && !apps_.done() && !actions_.done() && !files_.done()) {
     co_await sleepFor(std::chrono::seconds(1));
     endSecond(++second);
   }
@@ -57,7 +58,7 @@ asio::awaitable<void> Viewer::run() {
 
 asio::awaitable<void> Viewer::readMessages() {
   while (const auto message = co_await connection_->messages().next()) {
-    if (apps_.handle(*message) || actions_.handle(*message)) continue;
+    if (apps_.handle(*message) || actions_.handle(*message) || files_.handle(*message)) continue;
     if (const auto* ack = std::get_if<msg::helloAck>(&*message)) {
       out_ << "Connected to " << ack->hostName << "; profile " << profileLabel(ack->profile)
            << std::endl;
@@ -65,6 +66,11 @@ asio::awaitable<void> Viewer::readMessages() {
       if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
       apps_.greeted();
       actions_.greeted();
+      if (options_.files.wanted()) {
+        const auto executor = co_await asio::this_coro::executor;
+        asio::co_spawn(
+            executor, [self = shared_from_this()] { return self->files_.send(); }, asio::detached);
+      }
     } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
       streamMode(mode->info);
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
@@ -97,6 +103,7 @@ asio::awaitable<void> Viewer::readMessages() {
       ended_ = true;
     }
   }
+  files_.connectionEnded();
   ended_ = true;
 }
 
@@ -304,8 +311,10 @@ void Viewer::leave() {
   if (refusal_) throw FlowError("refused: " + *refusal_);
   if (const auto failure = apps_.failure()) throw FlowError(*failure);
   if (const auto failure = actions_.failure()) throw FlowError(*failure);
+  if (const auto failure = files_.failure()) throw FlowError(*failure);
   // An errand is done with or without a picture.
-  if (statistics_.totalFrames() == 0 && !options_.apps.errand && !options_.actions.wanted()) {
+  if (statistics_.totalFrames() == 0 && !options_.apps.errand && !options_.actions.wanted() &&
+      !options_.files.wanted()) {
     throw FlowError("the host sent no picture");
   }
   if (options_.audio && audioStatistics_.totalPackets() == 0) {

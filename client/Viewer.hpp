@@ -16,6 +16,7 @@
 #include "client/AudioDecoder.hpp"
 #include "client/AudioOutput.hpp"
 #include "client/ClientDevice.hpp"
+#include "client/FilesView.hpp"
 #include "client/HostDirectory.hpp"
 #include "client/VideoDecoder.hpp"
 #include "client/ViewerStatistics.hpp"
@@ -41,6 +42,7 @@ struct ViewerOptions {
   std::filesystem::path saveThumbnails;  // asks for the other displays' pictures, saved as JPEG
   AppsOptions apps;
   ActionsOptions actions;
+  FilesOptions files;
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
@@ -96,6 +98,7 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   std::uint32_t thumbnails_ = 0;
   AppsView apps_;
   ActionsView actions_;
+  FilesView files_;
   asio::thread_pool clipboardThread_{1};
   std::optional<std::string> lastLocalClipboard_;  // touched on the clipboard thread only
   std::optional<std::string> audioProblem_;

@@ -63,6 +63,9 @@ constexpr const char* kUsage = R"(Usage:
   tovu-client action <host> <TITLE>...
       carry out an item of the front application's menus, named by its titles from the menu
       bar down ("File" "New Window"), and print "Done" or why it failed
+  tovu-client send <host> <FILE>... [--kind attach|paste]
+      send files to the host, where they land in its inbox and on its clipboard; prints the
+      bytes sent as they go, then "Done" or the host's reason (default kind: attach)
   tovu-client hosts
       list the paired hosts
 
@@ -95,6 +98,7 @@ struct Arguments {
   bool compare = false;
   bool alone = false;
   std::optional<LaunchAction> onNoWindow;
+  FileTransferKind kind = FileTransferKind::attach;
 };
 
 std::optional<LaunchAction> launchActionNamed(const std::string& name) {
@@ -160,6 +164,16 @@ apps::CommandLine commandLine(Arguments& arguments) {
                   throw apps::UsageError("--on-no-window wants wait, new-window or cancel");
                 }
               })
+      .option("--kind",
+              [&](const std::string& name) {
+                if (name == "attach") {
+                  arguments.kind = FileTransferKind::attach;
+                } else if (name == "paste") {
+                  arguments.kind = FileTransferKind::paste;
+                } else {
+                  throw apps::UsageError("--kind wants attach or paste");
+                }
+              })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -175,15 +189,21 @@ apps::CommandLine commandLine(Arguments& arguments) {
 bool isCommand(const std::string& word) {
   return word == "list" || word == "pair" || word == "connect" || word == "hosts" ||
          word == "apps" || word == "launch" || word == "quit" || word == "actions" ||
-         word == "action";
+         word == "action" || word == "send";
 }
 
-// What the apps, launch, quit, actions and action commands ask of the viewer; a usage error as
-// text.
+// What the apps, launch, quit, actions, action and send commands ask of the viewer; a usage error
+// as text.
 std::optional<std::string> addErrand(const Arguments& arguments, client::AppsOptions& apps,
-                                     client::ActionsOptions& actions) {
+                                     client::ActionsOptions& actions, client::FilesOptions& files) {
   const std::string& command = arguments.command;
   const std::vector<std::string>& objects = arguments.objects;
+  if (command == "send") {
+    if (objects.empty()) return "send wants the files to send";
+    files.files.assign(objects.begin(), objects.end());
+    files.kind = arguments.kind;
+    return std::nullopt;
+  }
   if (command == "action") {
     if (objects.empty()) return "action wants the titles of a menu item";
     actions.path = objects;
@@ -233,20 +253,25 @@ int main(int argc, char** argv) {
                            .focus = arguments.focus,
                            .fit = arguments.fit};
   client::ActionsOptions actions;
-  if (const auto problem = addErrand(arguments, apps, actions)) return line.fail(*problem);
+  client::FilesOptions files;
+  if (const auto problem = addErrand(arguments, apps, actions, files)) return line.fail(*problem);
+  // Files take as long as they take; other errands end by themselves well within the default.
+  const double defaultSeconds = files.wanted() ? 3600 : 10;
 
   const client::HostDirectory directory(arguments.address);
-  const client::ViewerOptions viewing{std::chrono::duration<double>(arguments.seconds.value_or(10)),
-                                      arguments.saveFrame,
-                                      arguments.type,
-                                      arguments.click,
-                                      arguments.audio,
-                                      arguments.audioOut,
-                                      arguments.clipboard,
-                                      arguments.saveCursor,
-                                      arguments.saveThumbnails,
-                                      apps,
-                                      actions};
+  const client::ViewerOptions viewing{
+      std::chrono::duration<double>(arguments.seconds.value_or(defaultSeconds)),
+      arguments.saveFrame,
+      arguments.type,
+      arguments.click,
+      arguments.audio,
+      arguments.audioOut,
+      arguments.clipboard,
+      arguments.saveCursor,
+      arguments.saveThumbnails,
+      apps,
+      actions,
+      files};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

@@ -4,13 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <asio/detached.hpp>
 #include <asio/thread_pool.hpp>
 #include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
+#include "client/FilesView.hpp"
 #include "client/VideoDecoder.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/RandrDisplayManager.hpp"
@@ -732,6 +735,53 @@ SESSION_TEST(ACancelOrTheSessionsEndLeavesNoFolderBehind) {
   h.client->close();
   co_await h.waitForEnd();
   EXPECT_FALSE(std::filesystem::exists(inbox.path() / "4"));
+}
+
+// The reference client's send: a file of more than one chunk goes whole, with the lines of its
+// progress and the host's word; an offer while another transfer runs gets the host's reason.
+SESSION_TEST(TheClientsSendIsReceivedWholeOrToldTheHostsReason) {
+  TempDirectory inbox, sent;
+  h.env.inboxRoot = inbox.path();
+  co_await h.open();
+  std::string large(client::FilesView::chunkBytes + 1000, 'a');
+  for (std::size_t i = 0; i < large.size(); i += 7) large[i] = char('0' + i % 10);
+  std::ofstream(sent.path() / "big.TXT", std::ios::binary) << large;
+  // Hands the host's answers to the view until it is done.
+  const auto sendThrough = [&](client::FilesView& view) -> asio::awaitable<void> {
+    asio::co_spawn(h.io, view.send(), asio::detached);
+    while (!view.done()) {
+      const auto message = co_await nextWithin(h.client->messages(), 5s);
+      if (!message) break;
+      view.handle(*message);
+    }
+  };
+  std::ostringstream out;
+  client::FilesView view(*h.client, {{sent.path() / "big.TXT"}, FileTransferKind::paste}, out);
+  co_await sendThrough(view);
+  const std::string total = std::to_string(large.size());
+  // A slow machine may see a line for the first chunk too.
+  EXPECT_TRUE(out.str().ends_with("Sent " + total + " of " + total + " bytes\nDone\n"))
+      << out.str();
+  EXPECT_EQ(view.failure(), std::nullopt);
+  const auto folders = std::distance(std::filesystem::directory_iterator(inbox.path()), {});
+  EXPECT_EQ(folders, 1);
+  for (const auto& folder : std::filesystem::directory_iterator(inbox.path())) {
+    EXPECT_EQ(contentOf(folder.path() / "big.TXT"), large);
+  }
+
+  h.client->send(msg::fileOffer{9, {{"a.bin", "public.data", 10}}, FileTransferKind::attach});
+  CO_EXPECT_MESSAGE(h, msg::fileStatus, 9, FileTransferState::accepted, 0, "");
+  std::ostringstream refused;
+  client::FilesView second(*h.client, {{sent.path() / "big.TXT"}, FileTransferKind::attach},
+                           refused);
+  co_await sendThrough(second);
+  EXPECT_EQ(refused.str(), "Rejected: Another transfer is in progress\n");
+  EXPECT_NE(second.failure(), std::nullopt);
+
+  const std::pair<const char*, const char*> types[] = {
+      {"a.png", "public.png"},        {"b.JPG", "public.jpeg"}, {"c.jpeg", "public.jpeg"},
+      {"d.txt", "public.plain-text"}, {"e.pdf", "public.data"}, {"noextension", "public.data"}};
+  for (const auto& [name, type] : types) EXPECT_EQ(client::fileTypeID(name), type) << name;
 }
 
 // Two windows of one xterm; the first's surface on the main display, with its 8 pixels of margin.
