@@ -186,6 +186,8 @@ class Host {
     return waitFor(log(), "with this link:\n", nth).value_or("");
   }
   fs::path log() const { return home_.path() / "host.log"; }
+  // Where files from the device land, a folder per transfer.
+  fs::path inbox() const { return home_.path() / "tovu-host" / "Inbox"; }
   // The host's resident memory in KiB, from the kernel's status of its process.
   long residentKiB() const {
     std::ifstream status("/proc/" + std::to_string(process_->pid()) + "/status");
@@ -722,6 +724,45 @@ TEST(EndToEnd, TheClipboardGoesEachWayOnceAndNeverBack) {
   copy(host.display(), writeText(work / "done.txt", "done"));
   EXPECT_EQ(waitFor(log, "Clipboard from the host: ", 2, 10s), "4") << readFile(log);
   EXPECT_EQ(waitFor(log, "Clipboard to the host: ", 2, 1s), std::nullopt) << readFile(log);
+}
+
+// Files sent from the device land whole in the host's inbox and on its clipboard, where a file
+// manager finds them as URIs (a space percent-encoded) and a text field as their paths.
+TEST(EndToEnd, FilesFromTheDeviceLandInTheInboxAndOnTheHostsClipboard) {
+  Host host;
+  HOST_OR_SKIP(host);
+  const Device ann{{}, "Ann's iPad"};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const fs::path work = ann.home.path();
+  std::string report;
+  for (int line = 0; report.size() < 200'000; ++line) report += std::to_string(line) + " ü\n";
+  const CommandResult sent = ann.run({"send", ann.host(), "--address", host.address(), "--kind",
+                                      "paste", writeText(work / "report 1.txt", report).string(),
+                                      writeText(work / "b.txt", "two").string()});
+  EXPECT_TRUE(sent.succeeded()) << sent.output;
+  const std::string total = std::to_string(report.size() + 3);
+  EXPECT_NE(sent.output.find("Sent " + total + " of " + total + " bytes\nDone\n"),
+            std::string::npos)
+      << sent.output;
+
+  std::vector<fs::path> folders;
+  for (const auto& entry : fs::directory_iterator(host.inbox())) folders.push_back(entry.path());
+  ASSERT_EQ(folders.size(), 1u);
+  const fs::path& folder = folders[0];
+  EXPECT_EQ(readFile(folder / "report 1.txt"), report);
+  EXPECT_EQ(readFile(folder / "b.txt"), "two");
+  // The host puts them on its clipboard as it says it is done: they may come a moment later.
+  const std::string expected =
+      "file://" + folder.string() + "/report%201.txt\r\nfile://" + folder.string() + "/b.txt\r\n";
+  std::string uris;
+  for (int i = 0; i < 50 && uris != expected; ++i) {
+    if (i > 0) std::this_thread::sleep_for(100ms);
+    uris = onDisplay(host.display(), "timeout 5 xclip -o -selection clipboard -t text/uri-list")
+               .output;
+  }
+  EXPECT_EQ(uris, expected);
+  EXPECT_EQ(paste(host.display()),
+            (folder / "report 1.txt").string() + "\n" + (folder / "b.txt").string());
 }
 
 }  // namespace

@@ -737,46 +737,23 @@ SESSION_TEST(ACancelOrTheSessionsEndLeavesNoFolderBehind) {
   EXPECT_FALSE(std::filesystem::exists(inbox.path() / "4"));
 }
 
-// The reference client's send: a file of more than one chunk goes whole, with the lines of its
-// progress and the host's word; an offer while another transfer runs gets the host's reason.
-SESSION_TEST(TheClientsSendIsReceivedWholeOrToldTheHostsReason) {
+// The reference client's send told the host's reason when an offer comes while another transfer
+// runs (the end-to-end tests send files whole); its files' type identifiers by their extension.
+SESSION_TEST(TheClientsSendTellsTheHostsReasonForARefusal) {
   TempDirectory inbox, sent;
   h.env.inboxRoot = inbox.path();
   co_await h.open();
-  std::string large(client::FilesView::chunkBytes + 1000, 'a');
-  for (std::size_t i = 0; i < large.size(); i += 7) large[i] = char('0' + i % 10);
-  std::ofstream(sent.path() / "big.TXT", std::ios::binary) << large;
-  // Hands the host's answers to the view until it is done.
-  const auto sendThrough = [&](client::FilesView& view) -> asio::awaitable<void> {
-    asio::co_spawn(h.io, view.send(), asio::detached);
-    while (!view.done()) {
-      const auto message = co_await nextWithin(h.client->messages(), 5s);
-      if (!message) break;
-      view.handle(*message);
-    }
-  };
-  std::ostringstream out;
-  client::FilesView view(*h.client, {{sent.path() / "big.TXT"}, FileTransferKind::paste}, out);
-  co_await sendThrough(view);
-  const std::string total = std::to_string(large.size());
-  // A slow machine may see a line for the first chunk too.
-  EXPECT_TRUE(out.str().ends_with("Sent " + total + " of " + total + " bytes\nDone\n"))
-      << out.str();
-  EXPECT_EQ(view.failure(), std::nullopt);
-  const auto folders = std::distance(std::filesystem::directory_iterator(inbox.path()), {});
-  EXPECT_EQ(folders, 1);
-  for (const auto& folder : std::filesystem::directory_iterator(inbox.path())) {
-    EXPECT_EQ(contentOf(folder.path() / "big.TXT"), large);
-  }
-
   h.client->send(msg::fileOffer{9, {{"a.bin", "public.data", 10}}, FileTransferKind::attach});
   CO_EXPECT_MESSAGE(h, msg::fileStatus, 9, FileTransferState::accepted, 0, "");
-  std::ostringstream refused;
-  client::FilesView second(*h.client, {{sent.path() / "big.TXT"}, FileTransferKind::attach},
-                           refused);
-  co_await sendThrough(second);
-  EXPECT_EQ(refused.str(), "Rejected: Another transfer is in progress\n");
-  EXPECT_NE(second.failure(), std::nullopt);
+  std::ofstream(sent.path() / "b.txt") << "two";
+  std::ostringstream out;
+  client::FilesView view(*h.client, {{sent.path() / "b.txt"}, FileTransferKind::attach}, out);
+  asio::co_spawn(h.io, view.send(), asio::detached);
+  const auto refusal = co_await h.expect<msg::fileStatus>();
+  EXPECT_TRUE(view.handle(refusal));
+  EXPECT_TRUE(view.done());
+  EXPECT_EQ(out.str(), "Rejected: Another transfer is in progress\n");
+  EXPECT_NE(view.failure(), std::nullopt);
 
   const std::pair<const char*, const char*> types[] = {
       {"a.png", "public.png"},        {"b.JPG", "public.jpeg"}, {"c.jpeg", "public.jpeg"},
