@@ -748,9 +748,14 @@ SESSION_TEST(TheClientsSendTellsTheHostsReasonForARefusal) {
   std::ofstream(sent.path() / "b.txt") << "two";
   std::ostringstream out;
   client::FilesView view(*h.client, {{sent.path() / "b.txt"}, FileTransferKind::attach}, out);
-  asio::co_spawn(h.io, view.send(), asio::detached);
+  bool sendEnded = false;
+  asio::co_spawn(h.io, view.send(), [&](std::exception_ptr) { sendEnded = true; });
   const auto refusal = co_await h.expect<msg::fileStatus>();
   EXPECT_TRUE(view.handle(refusal));
+  // The send hears the refusal and ends before the view goes.
+  const auto hasEnded = [&] { return sendEnded; };
+  auto ending = pollUntil(hasEnded);
+  EXPECT_TRUE(co_await std::move(ending));
   EXPECT_TRUE(view.done());
   EXPECT_EQ(out.str(), "Rejected: Another transfer is in progress\n");
   EXPECT_NE(view.failure(), std::nullopt);
