@@ -196,7 +196,8 @@ TEST(X11WindowSystem, ListsRaisesAndResizesApplicationsWindowsThroughTheWindowMa
   EXPECT_EQ(std::tie(record->pid, record->ownerName), std::tuple(xterm.pid(), "xterm"));
   EXPECT_EQ(await(system.windows(xterm.pid())), std::vector{*record});
 
-  ASSERT_TRUE(eventually([&] { return desktop.active() == logo; }));
+  // Openbox may leave a new window unfocused (it did once, under load): the test makes sure.
+  ASSERT_TRUE(desktop.xdotool({"windowactivate", "--sync", std::to_string(logo)}).succeeded());
   runAsync([&](asio::io_context&) { return system.activate(xterm.pid()); });
   EXPECT_TRUE(
       eventually([&] { return desktop.active() == terminal && desktop.topmost() == terminal; }));
