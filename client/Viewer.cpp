@@ -3,6 +3,7 @@
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/post.hpp>
+#include <asio/signal_set.hpp>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -45,9 +46,19 @@ asio::awaitable<void> Viewer::run() {
     asio::co_spawn(
         executor, [self = shared_from_this()] { return self->mirrorClipboard(); }, asio::detached);
   }
+  // A person's interrupt ends the visit as its time would, and cancels the files under way.
+  asio::signal_set interrupts(executor, SIGINT, SIGTERM);
+  interrupts.async_wait([self = shared_from_this()](const std::error_code& error, int) {
+    if (error) return;
+    self->files_.cancel();
+    self->ended_ = true;
+  });
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options_.duration);
+  const auto errandDone = [&] {
+    return apps_.done() || actions_.done() || (options_.files.leaveWhenDone && files_.done());
+  };
   int second = 0;
-  while (Clock::now() < end && !ended_ && !apps_.done() && !actions_.done() && !files_.done()) {
+  while (Clock::now() < end && !ended_ && !errandDone()) {
     co_await sleepFor(std::chrono::seconds(1));
     endSecond(++second);
   }
@@ -66,10 +77,11 @@ asio::awaitable<void> Viewer::readMessages() {
       if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
       apps_.greeted();
       actions_.greeted();
-      if (options_.files.wanted()) {
-        const auto executor = co_await asio::this_coro::executor;
+      const auto executor = co_await asio::this_coro::executor;
+      for (std::size_t index = 0; index < options_.files.transfers.size(); ++index) {
         asio::co_spawn(
-            executor, [self = shared_from_this()] { return self->files_.send(); }, asio::detached);
+            executor, [self = shared_from_this(), index] { return self->files_.send(index); },
+            asio::detached);
       }
     } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
       streamMode(mode->info);
@@ -314,7 +326,7 @@ void Viewer::leave() {
   if (const auto failure = files_.failure()) throw FlowError(*failure);
   // An errand is done with or without a picture.
   if (statistics_.totalFrames() == 0 && !options_.apps.errand && !options_.actions.wanted() &&
-      !options_.files.wanted()) {
+      !options_.files.leaveWhenDone) {
     throw FlowError("the host sent no picture");
   }
   if (options_.audio && audioStatistics_.totalPackets() == 0) {

@@ -45,6 +45,8 @@ packages=(
   # audio: capture through the PulseAudio client API (PipeWire serves it too), rate and channel
   # conversion; tests run a private PulseAudio server and play into it with paplay
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils
+  # files: the desktop notification of what arrived, shown by a notification daemon in the tests
+  dunst
   # the demo: something moving on the virtual display
   xterm x11-apps
 )

@@ -2,8 +2,11 @@
 // it sees, and can type into it. Headless: for tests, benchmarks and a first look. The flows are
 // the client library's; this program reads the command line and runs the one asked for.
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -45,6 +48,8 @@ constexpr const char* kUsage = R"(Usage:
         --focus WINDOW|APP stream one window (its ID, or an application's name or ID: its first
                            window on screen); --type then types into it
         --fit              with --focus: first fit the window to this screen's shape
+        --send FILE        send FILE to the host meanwhile, as a transfer of its own; several
+                           start at once, as shares from a device do (see send)
   tovu-client apps <host> [--installed] [--save-icons DIR]
       print the host's running applications and their windows (with --installed also the
       installed ones, fetching their icons), then leave
@@ -64,8 +69,9 @@ constexpr const char* kUsage = R"(Usage:
       carry out an item of the front application's menus, named by its titles from the menu
       bar down ("File" "New Window"), and print "Done" or why it failed
   tovu-client send <host> <FILE>... [--kind attach|paste]
-      send files to the host, where they land in its inbox and on its clipboard; prints the
-      bytes sent as they go, then "Done" or the host's reason (default kind: attach)
+      send files to the host, where they land in its inbox and on its clipboard; shows the
+      progress as it goes (on a terminal a bar with the rate and time left), then "Done" or the
+      host's reason (default kind: attach). Ctrl-C cancels the transfer at the host
   tovu-client hosts
       list the paired hosts
 
@@ -99,6 +105,7 @@ struct Arguments {
   bool alone = false;
   std::optional<LaunchAction> onNoWindow;
   FileTransferKind kind = FileTransferKind::attach;
+  std::vector<std::filesystem::path> sends;
 };
 
 std::optional<LaunchAction> launchActionNamed(const std::string& name) {
@@ -174,6 +181,7 @@ apps::CommandLine commandLine(Arguments& arguments) {
                   throw apps::UsageError("--kind wants attach or paste");
                 }
               })
+      .option("--send", [&](const std::string& file) { arguments.sends.push_back(file); })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -198,10 +206,13 @@ std::optional<std::string> addErrand(const Arguments& arguments, client::AppsOpt
                                      client::ActionsOptions& actions, client::FilesOptions& files) {
   const std::string& command = arguments.command;
   const std::vector<std::string>& objects = arguments.objects;
+  files.kind = arguments.kind;
+  for (const auto& file : arguments.sends) files.transfers.push_back({file});
   if (command == "send") {
     if (objects.empty()) return "send wants the files to send";
-    files.files.assign(objects.begin(), objects.end());
-    files.kind = arguments.kind;
+    files.transfers.emplace_back(objects.begin(), objects.end());
+    files.leaveWhenDone = true;
+    files.progressBar = isatty(STDOUT_FILENO) != 0;
     return std::nullopt;
   }
   if (command == "action") {
@@ -256,7 +267,7 @@ int main(int argc, char** argv) {
   client::FilesOptions files;
   if (const auto problem = addErrand(arguments, apps, actions, files)) return line.fail(*problem);
   // Files take as long as they take; other errands end by themselves well within the default.
-  const double defaultSeconds = files.wanted() ? 3600 : 10;
+  const double defaultSeconds = files.leaveWhenDone ? 3600 : 10;
 
   const client::HostDirectory directory(arguments.address);
   const client::ViewerOptions viewing{

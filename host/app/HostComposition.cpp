@@ -32,7 +32,8 @@ HostComposition::HostComposition(Executors executors, Options options)
       installedApps_(std::make_shared<DesktopEntryApps>(executors_.pool)),
       launcher_(std::make_shared<GioAppLauncher>(executors_.pool, installedApps_, windows_,
                                                  options_.displayName)),
-      menus_(std::make_shared<DesktopMenuSource>(executors_.pool, windows_, options_.displayName)) {
+      menus_(std::make_shared<DesktopMenuSource>(executors_.pool, windows_, options_.displayName)),
+      notifier_(std::make_shared<BusNotifier>(executors_.pool)) {
   // A host that died in the phone-only mode left the user's sound on its private output.
   PulseAudioCapture().restoreLeftovers();
   // Files from the device stay a day, for the person to paste or move; older ones go.
@@ -77,6 +78,7 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   env.installedApps = installedApps_;
   env.launcher = launcher_;
   env.menus = menus_;
+  env.notifications = notifier_;
   env.ownPID = ::getpid();
   env.makeAudioCapture = [] { return std::make_shared<PulseAudioCapture>(); };
   env.background = executors_.pool;

@@ -7,6 +7,7 @@
 #include "host/app/AppModel.hpp"
 #include "host/app/X11PowerManager.hpp"
 #include "host/desktop/AtspiTextFocusSource.hpp"
+#include "host/desktop/BusNotifier.hpp"
 #include "host/desktop/DesktopEntryApps.hpp"
 #include "host/desktop/DesktopMenuSource.hpp"
 #include "host/desktop/FitRestoreRegistry.hpp"
@@ -74,6 +75,7 @@ class HostComposition {
   const std::shared_ptr<GioAppLauncher> launcher_;
   // The front application's menus, read for every session.
   const std::shared_ptr<DesktopMenuSource> menus_;
+  const std::shared_ptr<BusNotifier> notifier_;
 };
 
 }  // namespace kelvaron::host

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "host/desktop/BusConnection.hpp"
 #include "host/x11/RandrMonitors.hpp"
 #include "kit/log/Logger.hpp"
 
@@ -531,16 +532,7 @@ struct AtspiTextFocusSource::Impl : std::enable_shared_from_this<Impl> {
   bool sessionBus() {
     if (session) return true;
     GError* error = nullptr;
-    std::unique_ptr<gchar, GFree> address(
-        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error));
-    if (address) {
-      // A connection of its own: the process's shared one belongs to whoever made it first.
-      session = g_dbus_connection_new_for_address_sync(
-          address.get(),
-          GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-          nullptr, nullptr, &error);
-    }
+    session = connectBus(nullptr, &error).release();
     if (!session && !noSessionLogged) {
       log.error("text focus: no session bus to turn accessibility on: %s",
                 error ? error->message : "unknown error");

@@ -15,6 +15,7 @@
 #include <thread>
 #include <variant>
 
+#include "host/desktop/BusConnection.hpp"
 #include "host/desktop/MenuReaders.hpp"
 #include "host/desktop/MenuTree.hpp"
 #include "host/video/ChangeBroadcaster.hpp"
@@ -182,12 +183,7 @@ class WindowProperties {
   bool warned_ = false;
 };
 
-struct GObjectDeleter {
-  void operator()(gpointer object) const {
-    if (object) g_object_unref(object);
-  }
-};
-using Connection = std::unique_ptr<GDBusConnection, GObjectDeleter>;
+using Connection = Owned<GDBusConnection>;
 
 }  // namespace
 
@@ -278,29 +274,17 @@ struct DesktopMenuSource::Core {
 
   Connection connect(const char* address, const char* name) {
     GError* error = nullptr;
-    gchar* sessionAddress = nullptr;
-    if (!address) {
-      sessionAddress = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
-      address = sessionAddress;
-    }
-    Connection connection;
-    if (address) {
-      connection.reset(g_dbus_connection_new_for_address_sync(
-          address,
-          GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-          nullptr, nullptr, &error));
-    }
-    g_free(sessionAddress);
-    if (error) {
+    Connection connection = connectBus(address, &error);
+    if (!connection) {
       // Once per run of failures.
-      if (!busWarned[name]) log().error("menus: no %s bus: %s", name, error->message);
+      if (!busWarned[name]) {
+        log().error("menus: no %s bus: %s", name, error ? error->message : "unknown error");
+      }
       busWarned[name] = true;
-      g_error_free(error);
+      if (error) g_error_free(error);
       return nullptr;
     }
     busWarned[name] = false;
-    g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     return connection;
   }
 

@@ -16,6 +16,7 @@
 #include "host/desktop/InstalledApps.hpp"
 #include "host/desktop/LaunchCoordinator.hpp"
 #include "host/desktop/MenuSource.hpp"
+#include "host/desktop/Notifying.hpp"
 #include "host/desktop/PasteboardProviding.hpp"
 #include "host/desktop/TextFocus.hpp"
 #include "host/desktop/WindowSystem.hpp"
@@ -73,6 +74,8 @@ struct HostEnvironment {
   std::chrono::duration<double> clipboardPollInterval{0.5};
   // Where files from the device land, a folder per transfer; the user's inbox when empty.
   std::filesystem::path inboxRoot;
+  // Tells the person at the computer what arrived; without it nobody is told.
+  std::shared_ptr<Notifying> notifications;
   // Pictures of the displays not streamed, for the device's picker; none without a provider.
   std::shared_ptr<ThumbnailProviding> thumbnails;
   std::chrono::duration<double> thumbnailInterval{1.0};

@@ -146,6 +146,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   FileReceiver& fileReceiver();
   asio::awaitable<void> endFiles(std::uint32_t transferID);
   bool putFilesOnClipboard(std::vector<PasteboardFile> files);
+  void notifyArrival(const std::vector<PasteboardFile>& files);
   static asio::awaitable<void> writeClipboardFiles(std::weak_ptr<HostSession> weak,
                                                    std::shared_ptr<PasteboardProviding> pasteboard,
                                                    ClipboardFiles files);

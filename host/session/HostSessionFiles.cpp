@@ -33,6 +33,7 @@ FileReceiver& HostSession::fileReceiver() {
   // The receiver lives no longer than the session, and the session no longer than its strand's
   // work for it: `this` outlives every call.
   auto finish = [this](std::vector<PasteboardFile> files) {
+    notifyArrival(files);
     return putFilesOnClipboard(std::move(files));
   };
   fileReceiver_ = std::make_unique<FileReceiver>(std::move(inbox), uptimeSeconds, std::move(reply),
@@ -73,6 +74,16 @@ bool HostSession::putFilesOnClipboard(std::vector<PasteboardFile> files) {
                  writeClipboardFiles(weak_from_this(), env_.pasteboard, std::move(clipboard)),
                  asio::detached);
   return true;
+}
+
+void HostSession::notifyArrival(const std::vector<PasteboardFile>& files) {
+  if (!env_.notifications || files.empty()) return;
+  std::string summary = "Received ";
+  summary += files.size() == 1 ? files.front().path.filename().string()
+                               : std::to_string(files.size()) + " files";
+  std::string body = env_.pasteboard ? "On the clipboard, and in " : "In ";
+  body += files.front().path.parent_path().string();
+  env_.notifications->notify(std::move(summary), std::move(body));
 }
 
 // Holds the session weakly: the files go on the clipboard even when it ended meanwhile.

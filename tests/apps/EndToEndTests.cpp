@@ -19,6 +19,7 @@
 #include <png.h>
 
 #include "kit/transport/QUICConnection.hpp"
+#include "kit/wire/FileTransfer.hpp"
 #include "kit/wire/WireWriter.hpp"
 #include "tests/support/AccessibilityBus.hpp"
 #include "tests/support/AsyncTest.hpp"
@@ -726,43 +727,111 @@ TEST(EndToEnd, TheClipboardGoesEachWayOnceAndNeverBack) {
   EXPECT_EQ(waitFor(log, "Clipboard to the host: ", 2, 1s), std::nullopt) << readFile(log);
 }
 
-// Files sent from the device land whole in the host's inbox and on its clipboard, where a file
-// manager finds them as URIs (a space percent-encoded) and a text field as their paths.
-TEST(EndToEnd, FilesFromTheDeviceLandInTheInboxAndOnTheHostsClipboard) {
-  Host host;
-  HOST_OR_SKIP(host);
-  const Device ann{{}, "Ann's iPad"};
-  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
-  const fs::path work = ann.home.path();
-  std::string report;
-  for (int line = 0; report.size() < 200'000; ++line) report += std::to_string(line) + " ü\n";
-  const CommandResult sent = ann.run({"send", ann.host(), "--address", host.address(), "--kind",
-                                      "paste", writeText(work / "report 1.txt", report).string(),
-                                      writeText(work / "b.txt", "two").string()});
-  EXPECT_TRUE(sent.succeeded()) << sent.output;
-  const std::string total = std::to_string(report.size() + 3);
-  EXPECT_NE(sent.output.find("Sent " + total + " of " + total + " bytes\nDone\n"),
-            std::string::npos)
-      << sent.output;
-
-  std::vector<fs::path> folders;
-  for (const auto& entry : fs::directory_iterator(host.inbox())) folders.push_back(entry.path());
-  ASSERT_EQ(folders.size(), 1u);
-  const fs::path& folder = folders[0];
-  EXPECT_EQ(readFile(folder / "report 1.txt"), report);
-  EXPECT_EQ(readFile(folder / "b.txt"), "two");
-  // The host puts them on its clipboard as it says it is done: they may come a moment later.
-  const std::string expected =
-      "file://" + folder.string() + "/report%201.txt\r\nfile://" + folder.string() + "/b.txt\r\n";
-  std::string uris;
-  for (int i = 0; i < 50 && uris != expected; ++i) {
-    if (i > 0) std::this_thread::sleep_for(100ms);
-    uris = onDisplay(host.display(), "timeout 5 xclip -o -selection clipboard -t text/uri-list")
-               .output;
+// Files from the device: ten, the most one transfer carries, one of them 100 MB, land whole in the
+// host's inbox, on its clipboard (URIs for a file manager, a space percent-encoded; paths for a
+// text field) and in a notification (dunst on the private session bus). What the limits refuse
+// is said before anything goes out; a send cut short by Ctrl-C, a second transfer while one runs
+// (both started while the video streams) and a disk that fills up leave nothing behind.
+TEST_F(AccessibleDesktop, FilesFromTheDeviceLandWholeOrNotAtAll) {
+  ChildProcess dunst(bus.withEnvironment({"DISPLAY=" + host->display(), "dunst"}),
+                     work / "dunst.log");
+  if (!runCommand(bus.withEnvironment({"gdbus", "wait", "--session", "--timeout", "10",
+                                       "org.freedesktop.Notifications"}))
+           .succeeded()) {
+    GTEST_SKIP() << "no notification service (Debian package dunst): "
+                 << readFile(work / "dunst.log");
   }
-  EXPECT_EQ(uris, expected);
-  EXPECT_EQ(paste(host.display()),
-            (folder / "report 1.txt").string() + "\n" + (folder / "b.txt").string());
+  const auto randomFile = [&](const std::string& name, std::uint64_t bytes) {
+    const fs::path file = work / name;
+    runCommand({"sh", "-c",
+                "head -c " + std::to_string(bytes) + " /dev/urandom > '" + file.string() + "'"});
+    return file;
+  };
+  const fs::path big = randomFile("big 1.bin", FileTransferLimits::maxTotalBytes - 100);
+  std::vector<fs::path> files = {big};
+  for (int i = 1; i <= 9; ++i) {
+    files.push_back(writeText(work / ("small " + std::to_string(i) + ".txt"), std::to_string(i)));
+  }
+  std::vector<std::string> send = {"send", ann.host(), "--address", host->address()};
+  for (const fs::path& file : files) send.push_back(file.string());
+  const CommandResult sent = ann.run(send);
+  ASSERT_TRUE(sent.succeeded()) << sent.output;
+  EXPECT_NE(sent.output.find(" bytes\nDone\n"), std::string::npos) << sent.output;
+  const std::vector<fs::path> folders(fs::directory_iterator(host->inbox()), {});
+  ASSERT_EQ(folders.size(), 1u);
+  const fs::path folder = folders[0];
+  std::string uris, paths;
+  for (const fs::path& file : files) {
+    EXPECT_TRUE(runCommand({"cmp", file, folder / file.filename()}).succeeded()) << file;
+    std::string name = file.filename().string();
+    uris += "file://" + folder.string() + "/" + name.replace(name.find(' '), 1, "%20") + "\r\n";
+    paths += (paths.empty() ? "" : "\n") + (folder / file.filename()).string();
+  }
+  // The clipboard and the notification follow the host's "done" by a moment.
+  std::string listed, history;
+  for (int i = 0;
+       i < 50 && (listed != uris || history.find("Received 10 files") == std::string::npos); ++i) {
+    if (i > 0) std::this_thread::sleep_for(100ms);
+    listed = onDisplay(host->display(), "timeout 5 xclip -o -selection clipboard -t text/uri-list")
+                 .output;
+    runCommand(bus.withEnvironment({"dunstctl", "close-all"}));
+    history = runCommand(bus.withEnvironment({"dunstctl", "history"})).output;
+  }
+  EXPECT_EQ(listed, uris);
+  EXPECT_EQ(paste(host->display()), paths);
+  EXPECT_NE(history.find("\"Received 10 files\""), std::string::npos) << history;
+  EXPECT_NE(history.find("\"On the clipboard, and in " + folder.string() + "\""),
+            std::string::npos);
+
+  fs::resize_file(writeText(work / "huge.bin", ""), std::uint64_t(1) << 30);
+  const CommandResult huge =
+      ann.run({"send", ann.host(), "--address", host->address(), (work / "huge.bin").string()});
+  EXPECT_NE(huge.output.find("Too large to send: 1024 MB (limit 100 MB)"), std::string::npos)
+      << huge.output;
+  send.push_back(writeText(work / "eleventh.txt", "11").string());
+  const CommandResult many = ann.run(send);
+  EXPECT_NE(many.output.find("Too many files: 11 (limit 10)"), std::string::npos) << many.output;
+
+  // Ctrl-C half way: the client is held still once the host has part of the file.
+  const auto cancelled =
+      ann.start({"send", ann.host(), "--address", host->address(), big}, work / "cancelled.log");
+  std::uintmax_t partial = 0;
+  for (int i = 0; i < 20000 && partial == 0; ++i) {
+    for (const auto& entry : fs::directory_iterator(host->inbox())) {
+      std::error_code error;
+      if (entry.path() != folder) partial = fs::file_size(entry.path() / big.filename(), error);
+      if (error) partial = 0;
+    }
+    if (partial > 0) ::kill(cancelled->pid(), SIGSTOP);
+    std::this_thread::sleep_for(1ms);
+  }
+  ASSERT_GT(partial, 0u) << readFile(work / "cancelled.log");
+  ::kill(cancelled->pid(), SIGINT);
+  ::kill(cancelled->pid(), SIGCONT);
+  EXPECT_TRUE(waitFor(work / "cancelled.log", "Cancelled\n", 1, 10s))
+      << readFile(work / "cancelled.log");
+  const fs::path ten = randomFile("ten.bin", 10 << 20);
+  const CommandResult both = ann.run(
+      ann.connect(host->address(), "10", {"--send", ten.string(), "--send", files[1].string()}));
+  EXPECT_NE(both.output.find("small 1.txt: Rejected: Another transfer is in progress\n"),
+            std::string::npos)
+      << both.output;
+  EXPECT_NE(both.output.find("ten.bin: Done\n"), std::string::npos) << both.output;
+  EXPECT_EQ(std::vector<fs::path>(fs::directory_iterator(host->inbox()), {}).size(), 2u);
+
+  // The inbox on a disk of 1 MB.
+  if (!runCommand({"mount", "-t", "tmpfs", "-o", "size=1m,mode=0700", "tmpfs", host->inbox()})
+           .succeeded()) {
+    GTEST_SKIP() << "cannot mount a tmpfs (needs root) for the full disk";
+  }
+  const std::shared_ptr<void> unmount(nullptr, [&](void*) {
+    runCommand({"umount", "--lazy", host->inbox()});
+  });
+  const CommandResult full = ann.run({"send", ann.host(), "--address", host->address(), ten});
+  EXPECT_NE(full.output.find("Failed: Couldn’t write the file on this computer\n"),
+            std::string::npos)
+      << full.output;
+  EXPECT_TRUE(fs::is_empty(host->inbox()));
 }
 
 }  // namespace

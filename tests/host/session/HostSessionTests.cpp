@@ -10,10 +10,8 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
-#include "client/FilesView.hpp"
 #include "client/VideoDecoder.hpp"
 #include "host/video/LibavEncoderFactory.hpp"
 #include "host/video/RandrDisplayManager.hpp"
@@ -735,35 +733,6 @@ SESSION_TEST(ACancelOrTheSessionsEndLeavesNoFolderBehind) {
   h.client->close();
   co_await h.waitForEnd();
   EXPECT_FALSE(std::filesystem::exists(inbox.path() / "4"));
-}
-
-// The reference client's send told the host's reason when an offer comes while another transfer
-// runs (the end-to-end tests send files whole); its files' type identifiers by their extension.
-SESSION_TEST(TheClientsSendTellsTheHostsReasonForARefusal) {
-  TempDirectory inbox, sent;
-  h.env.inboxRoot = inbox.path();
-  co_await h.open();
-  h.client->send(msg::fileOffer{9, {{"a.bin", "public.data", 10}}, FileTransferKind::attach});
-  CO_EXPECT_MESSAGE(h, msg::fileStatus, 9, FileTransferState::accepted, 0, "");
-  std::ofstream(sent.path() / "b.txt") << "two";
-  std::ostringstream out;
-  client::FilesView view(*h.client, {{sent.path() / "b.txt"}, FileTransferKind::attach}, out);
-  bool sendEnded = false;
-  asio::co_spawn(h.io, view.send(), [&](std::exception_ptr) { sendEnded = true; });
-  const auto refusal = co_await h.expect<msg::fileStatus>();
-  EXPECT_TRUE(view.handle(refusal));
-  // The send hears the refusal and ends before the view goes.
-  const auto hasEnded = [&] { return sendEnded; };
-  auto ending = pollUntil(hasEnded);
-  EXPECT_TRUE(co_await std::move(ending));
-  EXPECT_TRUE(view.done());
-  EXPECT_EQ(out.str(), "Rejected: Another transfer is in progress\n");
-  EXPECT_NE(view.failure(), std::nullopt);
-
-  const std::pair<const char*, const char*> types[] = {
-      {"a.png", "public.png"},        {"b.JPG", "public.jpeg"}, {"c.jpeg", "public.jpeg"},
-      {"d.txt", "public.plain-text"}, {"e.pdf", "public.data"}, {"noextension", "public.data"}};
-  for (const auto& [name, type] : types) EXPECT_EQ(client::fileTypeID(name), type) << name;
 }
 
 // Two windows of one xterm; the first's surface on the main display, with its 8 pixels of margin.
