@@ -30,16 +30,28 @@ std::string timeLeftText(double seconds) {
   return text;
 }
 
+// "Done: 100 MB in 0.82 s (1023 Mbit/s)": the time from the offer to the host's word.
+std::string doneLine(std::uint64_t bytes, Clock::duration took) {
+  const double seconds = std::chrono::duration<double>(took).count();
+  char figures[64];
+  std::snprintf(figures, sizeof figures, " in %.2f s (%.0f Mbit/s)", seconds,
+                seconds > 0 ? double(bytes) * 8 / seconds / 1e6 : 0.0);
+  std::string line = "Done: ";
+  line += sizeText(bytes);
+  line += figures;
+  return line;
+}
+
 }  // namespace
 
 struct FilesView::Transfer {
   std::vector<std::filesystem::path> paths;
   std::string prefix;
-  std::uint32_t id = 0;
-  bool offered = false, finished = false;
+  std::uint32_t id = 0;  // once offered
+  bool finished = false;
   bool barDrawn = false;  // the bar's line waits for its end
   std::optional<std::string> failure;
-  Clock::time_point started, lastShown;
+  Clock::time_point offered, started, lastShown;
   // The host's answers to the offer: accepted, else the queue finishes.
   AsyncQueue<FileTransferState> answers;
 };
@@ -94,8 +106,7 @@ FilesView::~FilesView() = default;
 
 asio::awaitable<void> FilesView::send(std::size_t index) {
   Transfer& transfer = *transfers_.at(index);
-  if (transfer.offered || transfer.finished) co_return;
-  transfer.offered = true;
+  if (transfer.id != 0 || transfer.finished) co_return;
   std::vector<FileMeta> files;
   std::vector<std::uint64_t> sizes;
   for (const auto& path : transfer.paths) {
@@ -116,9 +127,14 @@ asio::awaitable<void> FilesView::send(std::size_t index) {
   // The host names the transfer's folder after its ID: a new one for each transfer.
   std::random_device random;
   transfer.id = std::uniform_int_distribution<std::uint32_t>(1)(random);
+  transfer.offered = Clock::now();
   connection_.send(msg::fileOffer{transfer.id, files, options_.kind});
   const auto answer = co_await transfer.answers.next();
-  if (answer == FileTransferState::accepted) co_await sendChunks(transfer, files);
+  if (answer != FileTransferState::accepted) co_return;
+  co_await sendChunks(transfer, files);
+  // Until the host says how it went: the next transfer would come too soon before.
+  while (co_await transfer.answers.next()) {
+  }
 }
 
 asio::awaitable<void> FilesView::sendChunks(Transfer& transfer,
@@ -183,7 +199,7 @@ bool FilesView::handle(const Message& message) {
   const auto* status = std::get_if<msg::fileStatus>(&message);
   if (!status) return false;
   for (const auto& transfer : transfers_) {
-    if (!transfer->offered || transfer->id != status->transferID) continue;
+    if (transfer->id == 0 || transfer->id != status->transferID) continue;
     const std::string reason = "the host did not take the files: " + status->detail;
     switch (status->state) {
       case FileTransferState::accepted:
@@ -192,7 +208,7 @@ bool FilesView::handle(const Message& message) {
       case FileTransferState::progress:
         break;
       case FileTransferState::done:
-        end(*transfer, "Done", std::nullopt);
+        end(*transfer, doneLine(status->bytes, Clock::now() - transfer->offered), std::nullopt);
         break;
       case FileTransferState::rejected:
         end(*transfer, "Rejected: " + status->detail, reason);
@@ -208,7 +224,7 @@ bool FilesView::handle(const Message& message) {
 void FilesView::cancel() {
   for (const auto& transfer : transfers_) {
     if (transfer->finished) continue;
-    if (transfer->offered) connection_.send(msg::fileCancel{transfer->id});
+    if (transfer->id != 0) connection_.send(msg::fileCancel{transfer->id});
     end(*transfer, "Cancelled", "cancelled");
   }
 }

@@ -13,11 +13,13 @@
 namespace kelvaron::client {
 
 // What a viewer sends the host: files, to land in its inbox and on its clipboard. Each transfer
-// is an offer of its own, and all start at once, as a person's shares from a device do: the host
-// takes one at a time and refuses the others while it runs.
+// is an offer of its own. The host takes one at a time, so each waits for the one before to end;
+// `atOnce` starts them together, as a person sharing again before the first ends would, and the
+// host refuses all but one.
 struct FilesOptions {
   std::vector<std::vector<std::filesystem::path>> transfers;
   FileTransferKind kind = FileTransferKind::attach;
+  bool atOnce = false;
   bool leaveWhenDone = false;  // an errand: the viewer leaves once every transfer has ended
   bool progressBar = false;    // for a terminal: one line redrawn, with the rate and time left
   bool wanted() const { return !transfers.empty(); }
@@ -41,7 +43,7 @@ class FilesView {
   ~FilesView();
 
   // Once the host has greeted: offers transfer `index` and sends its files once accepted.
-  // Returns when all is sent, the host said no, or the connection went away.
+  // Returns when the host said how it went, or the connection went away.
   asio::awaitable<void> send(std::size_t index);
   // False for a message that is not about one of these transfers.
   bool handle(const Message& message);

@@ -77,12 +77,7 @@ asio::awaitable<void> Viewer::readMessages() {
       if (!options_.saveThumbnails.empty()) connection_->send(msg::setThumbnails{true});
       apps_.greeted();
       actions_.greeted();
-      const auto executor = co_await asio::this_coro::executor;
-      for (std::size_t index = 0; index < options_.files.transfers.size(); ++index) {
-        asio::co_spawn(
-            executor, [self = shared_from_this(), index] { return self->files_.send(index); },
-            asio::detached);
-      }
+      sendFiles(co_await asio::this_coro::executor);
     } else if (const auto* mode = std::get_if<msg::streamMode>(&*message)) {
       streamMode(mode->info);
     } else if (const auto* reject = std::get_if<msg::helloReject>(&*message)) {
@@ -117,6 +112,22 @@ asio::awaitable<void> Viewer::readMessages() {
   }
   files_.connectionEnded();
   ended_ = true;
+}
+
+void Viewer::sendFiles(const Executor& executor) {
+  const std::size_t count = options_.files.transfers.size();
+  if (options_.files.atOnce) {
+    for (std::size_t index = 0; index < count; ++index) {
+      asio::co_spawn(
+          executor, [self = shared_from_this(), index] { return self->files_.send(index); },
+          asio::detached);
+    }
+    return;
+  }
+  const auto inTurn = [self = shared_from_this(), count]() -> asio::awaitable<void> {
+    for (std::size_t index = 0; index < count; ++index) co_await self->files_.send(index);
+  };
+  asio::co_spawn(executor, inTurn, asio::detached);
 }
 
 asio::awaitable<void> Viewer::readVideo() {

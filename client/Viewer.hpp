@@ -20,6 +20,7 @@
 #include "client/HostDirectory.hpp"
 #include "client/VideoDecoder.hpp"
 #include "client/ViewerStatistics.hpp"
+#include "kit/async/Task.hpp"
 #include "kit/transport/Connection.hpp"
 
 namespace kelvaron::client {
@@ -64,6 +65,8 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
 
  private:
   asio::awaitable<void> readMessages();
+  // Each transfer after the one before it has ended, or all at once when asked.
+  void sendFiles(const Executor& executor);
   asio::awaitable<void> readVideo();
   asio::awaitable<void> readAudio();
   void startAudio(const msg::audioConfig& config);

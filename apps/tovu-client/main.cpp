@@ -48,8 +48,10 @@ constexpr const char* kUsage = R"(Usage:
         --focus WINDOW|APP stream one window (its ID, or an application's name or ID: its first
                            window on screen); --type then types into it
         --fit              with --focus: first fit the window to this screen's shape
-        --send FILE        send FILE to the host meanwhile, as a transfer of its own; several
-                           start at once, as shares from a device do (see send)
+        --send FILE        send FILE to the host meanwhile, as a transfer of its own (see
+                           send); several go one after another
+        --at-once          start every --send at once, as a person sharing again before the
+                           first has ended: the host takes one and refuses the others
   tovu-client apps <host> [--installed] [--save-icons DIR]
       print the host's running applications and their windows (with --installed also the
       installed ones, fetching their icons), then leave
@@ -106,6 +108,7 @@ struct Arguments {
   std::optional<LaunchAction> onNoWindow;
   FileTransferKind kind = FileTransferKind::attach;
   std::vector<std::filesystem::path> sends;
+  bool atOnce = false;
 };
 
 std::optional<LaunchAction> launchActionNamed(const std::string& name) {
@@ -182,6 +185,7 @@ apps::CommandLine commandLine(Arguments& arguments) {
                 }
               })
       .option("--send", [&](const std::string& file) { arguments.sends.push_back(file); })
+      .flag("--at-once", [&] { arguments.atOnce = true; })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -207,6 +211,7 @@ std::optional<std::string> addErrand(const Arguments& arguments, client::AppsOpt
   const std::string& command = arguments.command;
   const std::vector<std::string>& objects = arguments.objects;
   files.kind = arguments.kind;
+  files.atOnce = arguments.atOnce;
   for (const auto& file : arguments.sends) files.transfers.push_back({file});
   if (command == "send") {
     if (objects.empty()) return "send wants the files to send";

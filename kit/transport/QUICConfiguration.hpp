@@ -17,6 +17,11 @@ struct QUICConfiguration {
   // 10 s on the direct path; a connection made through the relay gives it 15 s.
   std::chrono::milliseconds handshakeTimeout{10'000};
   std::size_t maxBufferedIncomingVideoFrames = 8;
+  // Messages waiting for the session beyond which a host takes no more of the transfer stream.
+  std::size_t maxBufferedIncomingTransferMessages = 16;
+  // How fast a host takes files while it streams video (bytes a second); none: as fast as they
+  // come.
+  std::optional<double> transferPaceWhileStreaming = 60e6;
   int maxAudioPacketsInFlight = 20;
   std::size_t maxTransferBytesInFlight = 262'144;
   std::size_t maxBufferedIncomingAudioPackets = 200;

@@ -27,7 +27,9 @@ constexpr std::size_t kPacketBufferSize = 1500;
 // closed; a FIN that cannot go out (a peer that stopped reading) is given up on after a while.
 constexpr auto kCloseDelay = 100ms;
 constexpr auto kFinDeadline = 5s;
-constexpr auto kVideoBackPressurePoll = 5ms;
+constexpr auto kBackPressurePoll = 5ms;
+// What a paced transfer may take at once after a pause.
+constexpr double kTransferPaceBurst = 1 << 20;
 constexpr auto kNetworkUnavailableGrace = 3s;
 // Our CONNECTION_CLOSE code for a failure of the session's protocol; its reason is our text.
 constexpr std::uint64_t kProtocolFailureCode = 1;
@@ -236,10 +238,13 @@ QUICConnection::QUICConnection(Role role, const Executor& executor,
       timer_(executor),
       handshakeTimer_(executor),
       closeTimer_(executor),
-      videoPollTimer_(executor),
+      backPressureTimer_(executor),
       waitingTimer_(executor),
       openings_(std::move(openings)),
       handshakeLimited_(role == Role::host) {
+  if (role == Role::host && configuration_.transferPaceWhileStreaming) {
+    transferPace_.emplace(*configuration_.transferPaceWhileStreaming, kTransferPaceBurst);
+  }
   if (role == Role::client && openings_.empty()) {
     for (int k = 0; k < kStreamKindCount; ++k) {
       openings_.push_back({preambleByte(static_cast<StreamKind>(k))});
@@ -525,8 +530,7 @@ void QUICConnection::receiveStreamData(Stream& stream, std::span<const std::uint
   }
   const StreamKind kind = *stream.kind;
   const bool readsMessages =
-      kind == StreamKind::control ||
-      (role_ == Role::host && (kind == StreamKind::input || kind == StreamKind::transfer));
+      kind == StreamKind::control || (role_ == Role::host && kind == StreamKind::input);
   if (readsMessages) {
     stream.decoder.append(data);
     credit(stream, data.size());
@@ -534,10 +538,11 @@ void QUICConnection::receiveStreamData(Stream& stream, std::span<const std::uint
                 [this](Message message) { deliverMessage(std::move(message)); });
     // The end of the control stream is the peer's clean goodbye; the others end quietly.
     if (fin && kind == StreamKind::control) finish(ConnectionState::closed());
-  } else if (role_ == Role::client && kind == StreamKind::video) {
+  } else if ((role_ == Role::client && kind == StreamKind::video) ||
+             (role_ == Role::host && kind == StreamKind::transfer)) {
     stream.decoder.append(data);
     stream.uncredited += data.size();
-    releaseVideo(stream);
+    release(stream);
   } else if (role_ == Role::client && kind == StreamKind::audio) {
     stream.decoder.append(data);
     credit(stream, data.size());
@@ -602,23 +607,45 @@ void QUICConnection::drainFrames(Stream& stream, Next next, Deliver deliver) {
   }
 }
 
-// A slow reader of video holds the stream's flow-control credit back, which stops the host
-// through QUIC itself; the bytes wait in the decoder meanwhile.
-void QUICConnection::releaseVideo(Stream& stream) {
-  if (videoQueue_.count() >= configuration_.maxBufferedIncomingVideoFrames) {
-    videoPollTimer_.expires_after(kVideoBackPressurePoll);
-    videoPollTimer_.async_wait([weak = weak_from_this(), id = stream.id](std::error_code error) {
-      auto self = weak.lock();
-      if (error || !self || self->transportClosed_) return;
-      self->releaseVideo(self->streamFor(id));
-      self->writePackets();
-    });
-    return;
+// A slow reader holds the stream's flow-control credit back, which stops the sender through QUIC
+// itself; the bytes wait in the decoder meanwhile: the client's video, and the files a host takes
+// no faster than it writes them, nor, while it streams, faster than their pace.
+void QUICConnection::release(Stream& stream) {
+  const bool video = stream.kind == StreamKind::video;
+  const bool full = video ? videoQueue_.count() >= configuration_.maxBufferedIncomingVideoFrames
+                          : messages_.count() >= configuration_.maxBufferedIncomingTransferMessages;
+  if (full) return releaseLater(stream);
+  std::size_t granted = stream.uncredited;
+  if (!video && pacesTransfers()) {
+    const std::chrono::duration<double> now = std::chrono::steady_clock::now().time_since_epoch();
+    granted = transferPace_->grant(granted, now.count());
   }
-  credit(stream, stream.uncredited);
-  stream.uncredited = 0;
-  drainFrames(stream, &WireDecoder::nextVideoFrame,
-              [this](VideoFrame frame) { videoQueue_.push(std::move(frame)); });
+  credit(stream, granted);
+  stream.uncredited -= granted;
+  if (video) {
+    drainFrames(stream, &WireDecoder::nextVideoFrame,
+                [this](VideoFrame frame) { videoQueue_.push(std::move(frame)); });
+  } else {
+    drainFrames(stream, &WireDecoder::nextMessage,
+                [this](Message message) { deliverMessage(std::move(message)); });
+  }
+  if (stream.uncredited > 0) releaseLater(stream);
+}
+
+void QUICConnection::releaseLater(Stream& stream) {
+  backPressureTimer_.expires_after(kBackPressurePoll);
+  backPressureTimer_.async_wait([weak = weak_from_this(), id = stream.id](std::error_code error) {
+    auto self = weak.lock();
+    if (error || !self || self->transportClosed_) return;
+    self->release(self->streamFor(id));
+    self->writePackets();
+  });
+}
+
+bool QUICConnection::pacesTransfers() const {
+  if (!transferPace_) return false;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return now - std::chrono::nanoseconds(lastVideoSentNs_.load()) < std::chrono::seconds(1);
 }
 
 void QUICConnection::credit(Stream& stream, std::size_t count) {
@@ -842,7 +869,10 @@ void QUICConnection::send(const Message& message) {
 
 bool QUICConnection::sendVideo(const VideoFrame& frame) {
   Data bytes = WireCodec::encodeVideoFrame(frame);
-  return enqueue(StreamKind::video, bytes) == Enqueued::taken;
+  if (enqueue(StreamKind::video, bytes) != Enqueued::taken) return false;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  lastVideoSentNs_ = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  return true;
 }
 
 bool QUICConnection::sendAudio(const AudioPacket& packet) {
@@ -952,7 +982,8 @@ void QUICConnection::closeAfter(std::chrono::milliseconds delay) {
 void QUICConnection::closeTransport(const ngtcp2_connection_close_error* error) {
   if (transportClosed_) return;
   transportClosed_ = true;
-  for (auto* timer : {&timer_, &handshakeTimer_, &closeTimer_, &videoPollTimer_, &waitingTimer_}) {
+  for (auto* timer :
+       {&timer_, &handshakeTimer_, &closeTimer_, &backPressureTimer_, &waitingTimer_}) {
     timer->cancel();
   }
   if (error && connection_ && !ngtcp2_conn_is_in_draining_period(connection_.get()) &&

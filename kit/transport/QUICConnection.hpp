@@ -3,6 +3,7 @@
 #include <array>
 #include <asio/ip/udp.hpp>
 #include <asio/steady_timer.hpp>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -19,6 +20,7 @@
 #include "kit/transport/QUICHostPort.hpp"
 #include "kit/transport/QUICTLS.hpp"
 #include "kit/transport/StreamSendQueue.hpp"
+#include "kit/transport/TransferPace.hpp"
 #include "kit/transport/UDPSocket.hpp"
 #include "kit/wire/WireDecoder.hpp"
 
@@ -117,7 +119,9 @@ class QUICConnection final : public Connection,
   bool readPreamble(Stream& stream, std::span<const std::uint8_t>& data, bool fin);
   template <class Next, class Deliver>
   void drainFrames(Stream& stream, Next next, Deliver deliver);
-  void releaseVideo(Stream& stream);
+  void release(Stream& stream);
+  void releaseLater(Stream& stream);
+  bool pacesTransfers() const;
   void credit(Stream& stream, std::size_t count);
   void acknowledged(Stream& stream, std::uint64_t offset, std::uint64_t length);
   void goReady();
@@ -150,6 +154,8 @@ class QUICConnection final : public Connection,
   const std::shared_ptr<QUICHostPort> hostPort_;  // host only
   Endpoint remote_;
   const std::unique_ptr<FingerprintBox> fingerprints_;  // client only
+  // When video last went out, on the steady clock: the files are paced for a second after it.
+  std::atomic<std::int64_t> lastVideoSentNs_{INT64_MIN / 2};
   Logger log_{"io.dovka.tovu.host", "transport"};
 
   // Owned by the executor.
@@ -160,7 +166,8 @@ class QUICConnection final : public Connection,
   asio::steady_timer timer_;
   asio::steady_timer handshakeTimer_;
   asio::steady_timer closeTimer_;
-  asio::steady_timer videoPollTimer_;
+  asio::steady_timer backPressureTimer_;      // of the one stream a role holds back
+  std::optional<TransferPace> transferPace_;  // host only
   asio::steady_timer waitingTimer_;
   std::uint64_t armedExpiry_ = UINT64_MAX;
   std::vector<Data> openings_;  // client only

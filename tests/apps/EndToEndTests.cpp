@@ -756,7 +756,7 @@ TEST_F(AccessibleDesktop, FilesFromTheDeviceLandWholeOrNotAtAll) {
   for (const fs::path& file : files) send.push_back(file.string());
   const CommandResult sent = ann.run(send);
   ASSERT_TRUE(sent.succeeded()) << sent.output;
-  EXPECT_NE(sent.output.find(" bytes\nDone\n"), std::string::npos) << sent.output;
+  EXPECT_NE(sent.output.find(" bytes\nDone: 100 MB in "), std::string::npos) << sent.output;
   const std::vector<fs::path> folders(fs::directory_iterator(host->inbox()), {});
   ASSERT_EQ(folders.size(), 1u);
   const fs::path folder = folders[0];
@@ -811,12 +811,12 @@ TEST_F(AccessibleDesktop, FilesFromTheDeviceLandWholeOrNotAtAll) {
   EXPECT_TRUE(waitFor(work / "cancelled.log", "Cancelled\n", 1, 10s))
       << readFile(work / "cancelled.log");
   const fs::path ten = randomFile("ten.bin", 10 << 20);
-  const CommandResult both = ann.run(
-      ann.connect(host->address(), "10", {"--send", ten.string(), "--send", files[1].string()}));
+  const CommandResult both = ann.run(ann.connect(
+      host->address(), "10", {"--send", ten.string(), "--send", files[1].string(), "--at-once"}));
   EXPECT_NE(both.output.find("small 1.txt: Rejected: Another transfer is in progress\n"),
             std::string::npos)
       << both.output;
-  EXPECT_NE(both.output.find("ten.bin: Done\n"), std::string::npos) << both.output;
+  EXPECT_NE(both.output.find("ten.bin: Done: 10 MB in "), std::string::npos) << both.output;
   EXPECT_EQ(std::vector<fs::path>(fs::directory_iterator(host->inbox()), {}).size(), 2u);
 
   // The inbox on a disk of 1 MB.

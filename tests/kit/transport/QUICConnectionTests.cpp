@@ -3,7 +3,10 @@
 #include "kit/transport/QUICConnection.hpp"
 
 #include <gmock/gmock.h>
+#include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/use_awaitable.hpp>
 
 #include <netinet/in.h>
 #include <ngtcp2/ngtcp2.h>
@@ -205,6 +208,26 @@ TEST(QUICConnection, SendsInFlightAreBoundedAndACleanCloseDeliversWhatWasSentBef
     CO_EXPECT_EQ(client->sendTransfer(chunk(200'000, 400'000)), true);
     CO_EXPECT_NEXT(host->messages(), Message(chunk(400'000, 0)));
     CO_EXPECT_NEXT(host->messages(), Message(chunk(200'000, 400'000)));
+
+    // A host that reads nothing holds the transfer back at its window, so what it keeps does not
+    // grow with what is sent; once it reads, everything comes, in order.
+    constexpr int kChunks = 400;  // 25 MiB, beyond every window
+    int admitted = 0;
+    const auto sendAll = [&admitted, client = client]() -> asio::awaitable<void> {
+      for (int i = 0; i < kChunks; ++i) {
+        const Message message = chunk(65536, i * 65536ull);
+        if (!co_await client->sendTransfer(message)) co_return;
+        ++admitted;
+      }
+    };
+    asio::co_spawn(io, sendAll, asio::detached);
+    asio::steady_timer settle(io, 1s);
+    co_await settle.async_wait(asio::use_awaitable);
+    EXPECT_LT(admitted, 120);
+    for (int i = 0; i < kChunks; ++i) {
+      CO_EXPECT_NEXT(host->messages(), Message(chunk(65536, i * 65536ull)));
+    }
+    EXPECT_EQ(admitted, kChunks);
 
     // What was sent before a clean close arrives whole, however long it takes to leave.
     for (const bool clientCloses : {true, false}) {

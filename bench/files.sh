@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Files while the video streams: tovu-host on its busy 1080p display (see busy-host.sh), and the
+# client decoding the stream while it sends 1 GiB as ten transfers of 100 MiB (the most one
+# transfer carries), one after another; a run without the files, of the same length, before it.
+# Prints each transfer's time and rate, and the frame rate of the seconds the files took against
+# the same seconds of the run without them. Then the same two runs with the terminal stopped, so
+# that a still screen costs next to nothing: what the files add to the host's and the client's
+# processor time there is their cost per 100 MB. Needs a release build of both programs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-20}
+source bench/busy-host.sh
+terminal=${pids[1]}
+head -c 104857600 /dev/urandom >"$work/100MiB.bin"
+ticks=$(getconf CLK_TCK)
+cpu() { awk '{print $14 + $15}' "/proc/$host/stat"; }
+# Runs the client for `seconds` with the options given; its log in $1, its processor seconds in
+# $1.cpu, the host's in $1.host.
+run() {
+  local log=$1 before TIMEFORMAT='%U %S'
+  shift
+  before=$(cpu)
+  { time "$bin/tovu-client" connect vm --address "127.0.0.1:$port" --seconds "$seconds" "$@" \
+    >"$log"; } 2>"$log.time"
+  awk '{print $1 + $2}' "$log.time" >"$log.cpu"
+  echo "$(($(cpu) - before))" | awk -v t="$ticks" '{print $1 / t}' >"$log.host"
+}
+# The mean frame rate of the seconds from the third to `last` in a client's log.
+fps() {
+  sed -n 's/^\[ *\([0-9]*\)s\] *\([0-9.]*\) fps.*/\1 \2/p' "$1" |
+    awk -v last="$2" '$1 >= 3 && $1 <= last {s += $2; n++} END {printf "%.1f", n ? s / n : 0}'
+}
+# The second within which the last transfer ended.
+lastSecond() {
+  awk -F'[][]' '/^\[ *[0-9]+s\]/ {gsub(/[^0-9]/, "", $2); s = $2} /Done:/ {d = s} END {print d + 1}' "$1"
+}
+sends=()
+for _ in $(seq 1 10); do sends+=(--send "$work/100MiB.bin"); done
+
+run "$work/busy.log"
+run "$work/busy-files.log" "${sends[@]}"
+echo "busy screen:"
+grep "Done:" "$work/busy-files.log" | sed 's/^/  /'
+last=$(lastSecond "$work/busy-files.log")
+echo "  frame rate, seconds 3 to $last: $(fps "$work/busy.log" "$last") fps without files," \
+  "$(fps "$work/busy-files.log" "$last") fps with"
+
+kill -STOP "$terminal"
+run "$work/still.log"
+run "$work/still-files.log" "${sends[@]}"
+kill -CONT "$terminal"
+echo "still screen:"
+grep "Done:" "$work/still-files.log" | sed 's/^/  /'
+for side in host cpu; do
+  awk -v name="$([ $side = host ] && echo host || echo client)" 'NR == 1 {a = $1} NR == 2 {
+    printf "  %s processor time: %.2f s without files, %.2f s with; %.3f s per 100 MB\n",
+      name, a, $1, ($1 - a) / 10 / 1.048576 }' "$work/still.log.$side" "$work/still-files.log.$side"
+done
