@@ -3,9 +3,10 @@
 # client decoding the stream while it sends 1 GiB as ten transfers of 100 MiB (the most one
 # transfer carries), one after another; a run without the files, of the same length, before it.
 # Prints each transfer's time and rate, and the frame rate of the seconds the files took against
-# the same seconds of the run without them. Then the same two runs with the terminal stopped, so
-# that a still screen costs next to nothing: what the files add to the host's and the client's
-# processor time there is their cost per 100 MB. Needs a release build of both programs.
+# the same seconds of the run without them. Then the same with a light scene (the big terminal
+# stopped, a small one scrolling), and with a still screen, which costs next to nothing: what the
+# files add to the host's and the client's processor time there is their cost per 100 MB. Needs a
+# release build of both programs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-20}
@@ -45,7 +46,21 @@ last=$(lastSecond "$work/busy-files.log")
 echo "  frame rate, seconds 3 to $last: $(fps "$work/busy.log" "$last") fps without files," \
   "$(fps "$work/busy-files.log" "$last") fps with"
 
+# A light scene: the big terminal still, a small one (80x24) scrolling without pause.
 kill -STOP "$terminal"
+DISPLAY=$display xterm -geometry 80x24+100+100 -e yes "a small terminal" >/dev/null 2>&1 &
+small=$!
+pids+=($small)
+sleep 1
+run "$work/light.log"
+run "$work/light-files.log" "${sends[@]}"
+echo "light scene:"
+grep "Done:" "$work/light-files.log" | sed 's/^/  /'
+last=$(lastSecond "$work/light-files.log")
+echo "  frame rate, seconds 3 to $last: $(fps "$work/light.log" "$last") fps without files," \
+  "$(fps "$work/light-files.log" "$last") fps with"
+kill "$small"
+
 run "$work/still.log"
 run "$work/still-files.log" "${sends[@]}"
 kill -CONT "$terminal"

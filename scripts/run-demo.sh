@@ -4,7 +4,7 @@
 # pairs the reference client by token, streams picture and sound for a while typing into the
 # terminal, then streams the terminal's window alone (focus mode), opens an installed application
 # from the client and quits it, shows a program's menu bar on the client and presses one of its
-# items, and says what happened.
+# items, sends files to the host's inbox and clipboard, and says what happened.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -110,6 +110,20 @@ client_app actions >"$work/actions.txt"
 head -12 "$work/actions.txt"
 client_app action File "New Window"
 echo "The program says: $(cat "$work/menu-presses" 2>/dev/null)"
+
+echo "== files: a picture and a note sent from the client land in the host's inbox and clipboard"
+# A notification daemon on the virtual display, which tells the person at the host what arrived.
+DISPLAY=$display dunst >"$work/dunst.log" 2>&1 &
+pids+=($!)
+gdbus wait --session --timeout 10 org.freedesktop.Notifications || true
+echo "A note from the Tovu demo" >"$work/note.txt"
+client_app send "$work/last-frame.png" "$work/note.txt"
+sleep 0.5
+echo "On the host's clipboard (text/uri-list):"
+DISPLAY=$display timeout 5 xclip -o -selection clipboard -t text/uri-list | tr -d '\r'
+dunstctl close-all 2>/dev/null || true
+echo "The host's notification: $(dunstctl history 2>/dev/null |
+  sed -n '/"summary"/,/"data"/ s/.*"data" : "\(.*\)".*/\1/p' | head -1)"
 
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"

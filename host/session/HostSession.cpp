@@ -170,9 +170,13 @@ asio::awaitable<void> HostSession::dispatch(const Message& message) {
   } else if (const auto* offer = std::get_if<msg::fileOffer>(&message)) {
     fileReceiver().offer(offer->transferID, offer->files, offer->kind);
   } else if (const auto* chunk = std::get_if<msg::fileChunk>(&message)) {
-    fileReceiver().chunk(chunk->transferID, chunk->fileIndex, chunk->offset, chunk->data);
+    const auto write = [chunk](FileReceiver& receiver) {
+      receiver.chunk(chunk->transferID, chunk->fileIndex, chunk->offset, chunk->data);
+    };
+    co_await withFileReceiver(write);
   } else if (const auto* end = std::get_if<msg::fileEnd>(&message)) {
-    co_await endFiles(end->transferID);
+    const auto finish = [id = end->transferID](FileReceiver& receiver) { receiver.end(id); };
+    co_await withFileReceiver(finish);
   } else if (const auto* cancel = std::get_if<msg::fileCancel>(&message)) {
     // The device's cancel is not answered.
     if (fileReceiver_ && fileReceiver_->activeID() == cancel->transferID) fileReceiver_->abort();

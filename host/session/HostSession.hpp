@@ -144,7 +144,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   // Files from the device (HostSessionFiles.cpp): received into the inbox by a receiver made at
   // the first need, and put on the clipboard once complete.
   FileReceiver& fileReceiver();
-  asio::awaitable<void> endFiles(std::uint32_t transferID);
+  asio::awaitable<void> withFileReceiver(std::function<void(FileReceiver&)> work);
   bool putFilesOnClipboard(std::vector<PasteboardFile> files);
   void notifyArrival(const std::vector<PasteboardFile>& files);
   static asio::awaitable<void> writeClipboardFiles(std::weak_ptr<HostSession> weak,

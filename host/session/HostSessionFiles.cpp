@@ -41,20 +41,21 @@ FileReceiver& HostSession::fileReceiver() {
   return *fileReceiver_;
 }
 
-// Reading the files back, and converting a picture, may take a while for a large one: it runs on
-// the background executor, while the session's strand goes on with its other work. No message is
-// taken meanwhile, so nothing else touches the receiver.
-asio::awaitable<void> HostSession::endFiles(std::uint32_t transferID) {
+// Writing a chunk, and at the end reading the files back and converting a picture, take the
+// disk's time: the receiver works on the background executor while the strand goes on with the
+// picture and the rest. No message is taken meanwhile, so nothing else touches the receiver, and
+// the disk paces the transfer.
+asio::awaitable<void> HostSession::withFileReceiver(std::function<void(FileReceiver&)> work) {
   FileReceiver& receiver = fileReceiver();
   const Executor background = env_.background ? env_.background : strand_;
-  auto ending = asio::co_spawn(
+  auto working = asio::co_spawn(
       background,
-      [&receiver, transferID]() -> asio::awaitable<void> {
-        receiver.end(transferID);
+      [&receiver, work = std::move(work)]() -> asio::awaitable<void> {
+        work(receiver);
         co_return;
       },
       asio::use_awaitable);
-  co_await std::move(ending);
+  co_await std::move(working);
 }
 
 // The X clipboard holds one picture: a single file's goes with it, several files go as files
