@@ -9,23 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "host/files/FileNames.hpp"
 #include "host/files/HostInbox.hpp"
 #include "host/files/PasteboardFile.hpp"
 #include "kit/wire/Message.hpp"
 
 namespace kelvaron::host {
-
-// The longest name, in bytes of UTF-8, a received file is given.
-inline constexpr std::size_t kMaxFileNameBytes = 200;
-
-// A name the device gave a file as one safe in a folder of ours: no path separators, control
-// characters, surrounding white space or leading dots, never empty, at most kMaxFileNameBytes.
-std::string sanitizedFileName(std::string_view name);
-
-// `name` (already sanitised) made different, regardless of case, from every name in `taken`,
-// which holds them case-folded: "a.txt" becomes "a 2.txt", then "a 3.txt"; the result's folded
-// form is added to `taken`.
-std::string uniqueFileName(const std::string& name, std::set<std::string>& taken);
 
 // Receives the files the device sends: one transfer at a time, an offer, its files' chunks in
 // order, and an end, written into the inbox's folder of the transfer. Every answer goes to `reply`
