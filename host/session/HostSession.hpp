@@ -316,6 +316,7 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   bool cursorVisible_ = true;
   std::optional<std::uint64_t> shapeToken_;
   ChangeCountBox clipboardMark_;
+  int clipboardWrites_ = 0;  // ours under way: their mark is not set yet
   std::optional<Task> thumbnailTask_;
   std::unique_ptr<FileReceiver> fileReceiver_;
   std::optional<FocusSession> focus_;

@@ -11,8 +11,10 @@ constexpr int kThumbnailWidth = 480;
 
 }  // namespace
 
-// Echo is prevented by the count alone: the same text copied again is sent again.
+// Echo is prevented by the count alone: the same text copied again is sent again. While a write
+// of ours is under way the count moves without its mark: the round waits for the mark.
 asio::awaitable<void> HostSession::clipboardRound() {
+  if (clipboardWrites_ > 0) co_return;
   const std::int64_t count = env_.pasteboard->changeCount();
   if (clipboardMark_.exchange(count) == count) co_return;
   // The change is consumed even when it holds no text: a copied picture sends nothing, once.
@@ -23,7 +25,14 @@ asio::awaitable<void> HostSession::clipboardRound() {
 
 asio::awaitable<void> HostSession::writeClipboard(std::string text) {
   if (!env_.pasteboard) co_return;
-  co_await env_.pasteboard->writeString(std::move(text));
+  ++clipboardWrites_;
+  try {
+    co_await env_.pasteboard->writeString(std::move(text));
+  } catch (...) {
+    --clipboardWrites_;
+    throw;
+  }
+  --clipboardWrites_;
   // So that the next round sees no change and the text does not go back.
   clipboardMark_.exchange(env_.pasteboard->changeCount());
 }

@@ -249,10 +249,13 @@ struct FakePasteboard : PasteboardProviding {
   std::int64_t count = 0;
   std::optional<std::string> text;
   int reads = 0;
+  // When set, a write of text has moved the count and waits for it before it returns.
+  std::shared_ptr<AsyncQueue<int>> gate;
   std::int64_t changeCount() override { return count; }
   asio::awaitable<std::optional<std::string>> string() override { co_return (++reads, text); }
   asio::awaitable<void> writeString(std::string written) override {
-    co_return (void)(text = std::move(written), ++count);
+    text = std::move(written), ++count;
+    if (gate) co_await gate->next();
   }
   // Every write of files, in order.
   std::vector<ClipboardFiles> files;

@@ -595,7 +595,8 @@ SESSION_TEST(TheCursorGoesOutWhenItChangesWithEachShapeOnceAheadOfItsFirstState)
 }
 
 // What was on the clipboard before the client came is never sent, a change without text is
-// consumed once, the client's text is written and does not come back; and pictures of every
+// consumed once, the client's text is written and does not come back, even to a round during
+// the write; and pictures of every
 // display but the streamed one, from one loop however often asked.
 SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays) {
   h.useManualClock();
@@ -625,6 +626,15 @@ SESSION_TEST(TheClipboardGoesEachWayWithoutEchoAndThumbnailsShowTheOtherDisplays
     co_await h.tick(500ms);
     EXPECT_EQ(pasteboard->text, text);
   }
+  // Nor does it come back when a round comes while it is still being written.
+  pasteboard->gate = std::make_shared<AsyncQueue<int>>();
+  h.client->send(msg::clipboardText{"slow to write"});
+  CO_ASSERT_TRUE(co_await pollUntil([&] { return pasteboard->text == "slow to write"; }));
+  h.clock->advance(500ms);
+  co_await h.expectSilence("a round during the device's write");
+  pasteboard->gate->push(0);
+  co_await h.tick(500ms);
+  co_await h.expectSilence("a round after it");
 
   // Display 2 fails this time: display 3 still gets its picture.
   thumbnails->failing = {2};
