@@ -718,7 +718,7 @@ SESSION_TEST(FilesFromTheDeviceLandInTheInboxAndGoOnTheClipboard) {
 }
 
 // A cancel of the running transfer removes its folder and is not answered; one of another
-// transfer does nothing. The session's end drops the transfer under way the same way.
+// transfer does nothing. The session's end drops a transfer that stopped half way the same way.
 SESSION_TEST(ACancelOrTheSessionsEndLeavesNoFolderBehind) {
   TempDirectory inbox;
   h.env.inboxRoot = inbox.path();
@@ -739,7 +739,14 @@ SESSION_TEST(ACancelOrTheSessionsEndLeavesNoFolderBehind) {
   co_await h.expectSilence("a cancel");
   EXPECT_FALSE(std::filesystem::exists(inbox.path() / "3"));
 
+  // 10,000 files in one offer are refused; a transfer that stops half way holds its folder
+  // while the session goes on.
+  h.client->send(msg::fileOffer{5, std::vector<FileMeta>(10'000, {"x", "public.data", 1}),
+                                FileTransferKind::attach});
+  CO_EXPECT_MESSAGE(h, msg::fileStatus, 5, FileTransferState::rejected, 0,
+                    "Too many files: 10000 (limit 10)");
   co_await started(4);
+  co_await h.roundTrip();
   h.client->close();
   co_await h.waitForEnd();
   EXPECT_FALSE(std::filesystem::exists(inbox.path() / "4"));
