@@ -8,10 +8,11 @@
 
 #include <algorithm>
 #include <asio/steady_timer.hpp>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -164,35 +165,51 @@ void render(const std::uint8_t* pixels, const GrabPlan& plan, PixelBuffer& buffe
                     int(to.width()), int(to.height()), libyuv::kFilterBox);
 }
 
-// A few pixel buffers that go round: a buffer nobody else holds any more is written again, so
-// steady capture allocates nothing.
+// A few pixel buffers that go round: a buffer comes back to the pool when its last holder lets go
+// of it, on whatever thread, and is written again, so steady capture allocates nothing. The lock
+// orders the last holder's reads before the next writes.
 class PixelBufferPool {
  public:
   // Nothing when the consumers hold every buffer the pool may have.
   std::shared_ptr<PixelBuffer> take(PixelSize size) {
-    std::shared_ptr<PixelBuffer>* chosen = nullptr;
-    for (auto& buffer : buffers_) {
-      if (buffer.use_count() != 1) continue;
-      const bool fits = buffer->width == int(size.width) && buffer->height == int(size.height);
-      if (!chosen || fits) chosen = &buffer;
-      if (fits) break;
-    }
-    if (!chosen) {
-      if (buffers_.size() >= kPoolLimit) return nullptr;
-      chosen = &buffers_.emplace_back(std::make_shared<PixelBuffer>());
-    }
-    // The last holder let go on another thread: what it did must be seen before this writes.
-    std::atomic_thread_fence(std::memory_order_acquire);
-    PixelBuffer& buffer = **chosen;
-    buffer.width = int(size.width);
-    buffer.height = int(size.height);
-    buffer.stride = buffer.width * kBytesPerPixel;
-    buffer.bytes.resize(std::size_t(buffer.stride) * std::size_t(buffer.height));
-    return *chosen;
+    std::unique_ptr<PixelBuffer> buffer = reuse(size);
+    if (!buffer) return nullptr;
+    buffer->width = int(size.width);
+    buffer->height = int(size.height);
+    buffer->stride = buffer->width * kBytesPerPixel;
+    buffer->bytes.resize(std::size_t(buffer->stride) * std::size_t(buffer->height));
+    return {buffer.release(), [shelf = shelf_](PixelBuffer* returned) {
+              std::lock_guard guard(shelf->lock);
+              shelf->free.emplace_back(returned);
+            }};
   }
 
  private:
-  std::vector<std::shared_ptr<PixelBuffer>> buffers_;
+  struct Shelf {
+    std::mutex lock;
+    std::vector<std::unique_ptr<PixelBuffer>> free;
+    std::size_t made = 0;
+  };
+
+  // A free buffer, one of the size asked for if there is one; a new one while the pool may grow.
+  std::unique_ptr<PixelBuffer> reuse(PixelSize size) {
+    std::lock_guard guard(shelf_->lock);
+    auto& free = shelf_->free;
+    auto chosen = std::find_if(free.begin(), free.end(), [&](const auto& buffer) {
+      return buffer->width == int(size.width) && buffer->height == int(size.height);
+    });
+    if (chosen == free.end()) chosen = free.begin();
+    if (chosen != free.end()) {
+      auto buffer = std::move(*chosen);
+      free.erase(chosen);
+      return buffer;
+    }
+    if (shelf_->made == kPoolLimit) return nullptr;
+    ++shelf_->made;
+    return std::make_unique<PixelBuffer>();
+  }
+
+  const std::shared_ptr<Shelf> shelf_ = std::make_shared<Shelf>();
 };
 
 // Pictures are copied from the server's memory as 32-bit B, G, R, X pixels.
