@@ -38,34 +38,30 @@ lastSecond() {
 sends=()
 for _ in $(seq 1 10); do sends+=(--send "$work/100MiB.bin"); done
 
-run "$work/busy.log"
-run "$work/busy-files.log" "${sends[@]}"
-echo "busy screen:"
-grep "Done:" "$work/busy-files.log" | sed 's/^/  /'
-last=$(lastSecond "$work/busy-files.log")
-echo "  frame rate, seconds 3 to $last: $(fps "$work/busy.log" "$last") fps without files," \
-  "$(fps "$work/busy-files.log" "$last") fps with"
+# Runs `scene` without files and with them, and prints the transfers and the frame rates.
+scene() {
+  local name=$1 last
+  run "$work/$name.log"
+  run "$work/$name-files.log" "${sends[@]}"
+  echo "$name:"
+  grep "Done:" "$work/$name-files.log" | sed 's/^/  /'
+  last=$(lastSecond "$work/$name-files.log")
+  echo "  frame rate, seconds 3 to $last: $(fps "$work/$name.log" "$last") fps without files," \
+    "$(fps "$work/$name-files.log" "$last") fps with"
+}
 
+scene busy
 # A light scene: the big terminal still, a small one (80x24) scrolling without pause.
 kill -STOP "$terminal"
 DISPLAY=$display xterm -geometry 80x24+100+100 -e yes "a small terminal" >/dev/null 2>&1 &
 small=$!
 pids+=($small)
 sleep 1
-run "$work/light.log"
-run "$work/light-files.log" "${sends[@]}"
-echo "light scene:"
-grep "Done:" "$work/light-files.log" | sed 's/^/  /'
-last=$(lastSecond "$work/light-files.log")
-echo "  frame rate, seconds 3 to $last: $(fps "$work/light.log" "$last") fps without files," \
-  "$(fps "$work/light-files.log" "$last") fps with"
+scene light
 kill "$small"
-
-run "$work/still.log"
-run "$work/still-files.log" "${sends[@]}"
+# Still: no video to speak of, so the processor time is the files' own.
+scene still
 kill -CONT "$terminal"
-echo "still screen:"
-grep "Done:" "$work/still-files.log" | sed 's/^/  /'
 for side in host cpu; do
   awk -v name="$([ $side = host ] && echo host || echo client)" 'NR == 1 {a = $1} NR == 2 {
     printf "  %s processor time: %.2f s without files, %.2f s with; %.3f s per 100 MB\n",
