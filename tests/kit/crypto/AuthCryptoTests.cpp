@@ -2,17 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/Hex.hpp"
+
 namespace kelvaron {
 namespace {
 
 using namespace AuthCrypto;
 
-Data hex(std::string_view text) {
-  Data out;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2)
-    out.push_back(static_cast<std::uint8_t>(std::stoul(std::string(text.substr(i, 2)), 0, 16)));
-  return out;
-}
+using test::hex;
 Data bytes(std::string_view text) { return Data(text.begin(), text.end()); }
 
 // One vector each: the library computes them, these check that the right ones are asked for.

@@ -1,0 +1,121 @@
+#include "kit/relay/RelayFrame.hpp"
+
+#include <algorithm>
+
+namespace kelvaron {
+
+namespace {
+
+constexpr std::uint8_t kFirstType = 3, kLastType = 16;
+
+void appendWord(Data& out, std::uint32_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(std::uint8_t(value >> shift));
+}
+
+std::uint32_t wordAt(std::span<const std::uint8_t> bytes, std::size_t at) {
+  return std::uint32_t(bytes[at]) << 24 | std::uint32_t(bytes[at + 1]) << 16 |
+         std::uint32_t(bytes[at + 2]) << 8 | bytes[at + 3];
+}
+
+const char* errorText(RelayFrameError::Kind kind) {
+  switch (kind) {
+    case RelayFrameError::Kind::unknownType:
+      return "unknown relay packet type";
+    case RelayFrameError::Kind::truncated:
+      return "relay datagram shorter than its header";
+    case RelayFrameError::Kind::tooLarge:
+      return "relay datagram above 1500 bytes";
+  }
+  return "bad relay datagram";
+}
+
+}  // namespace
+
+const char* name(RelayPacketType type) {
+  static constexpr const char* kNames[] = {
+      "data",       "keepalive", "close",      "error",
+      "registered", "joined",    "peerJoined", "challengeRequest",
+      "challenge",  "register",  "join",       "rebind",
+      "rebound",    "deny"};
+  const auto index = std::size_t(type) - kFirstType;
+  return index < std::size(kNames) ? kNames[index] : "unknown";
+}
+
+const char* name(RelayErrorCode code) {
+  static constexpr const char* kNames[] = {
+      "badToken", "unknownHost", "overQuota",    "unknownSession", "malformed",         "wrongRole",
+      "expired",  "badCookie",   "badSignature", "denied",         "addressNotOnRecord"};
+  const auto index = std::size_t(code) - 1;
+  return index < std::size(kNames) ? kNames[index] : "unknown";
+}
+
+RelayFrameError::RelayFrameError(Kind kind, std::uint8_t type)
+    : std::runtime_error(errorText(kind)), kind_(kind), type_(type) {}
+
+Data encode(const RelayFrame& frame) {
+  if (frame.payload.size() > RelayLimits::maxPayloadBytes) {
+    throw RelayFrameError(RelayFrameError::Kind::tooLarge);
+  }
+  Data out;
+  out.reserve(RelayLimits::headerBytes + frame.payload.size());
+  out.push_back(std::uint8_t(frame.type));
+  appendWord(out, frame.session);
+  appendWord(out, frame.peer);
+  out.insert(out.end(), frame.payload.begin(), frame.payload.end());
+  return out;
+}
+
+RelayFrame decodeRelayFrame(std::span<const std::uint8_t> datagram) {
+  if (datagram.size() < RelayLimits::headerBytes) {
+    throw RelayFrameError(RelayFrameError::Kind::truncated);
+  }
+  if (datagram.size() > RelayLimits::maxDatagramBytes) {
+    throw RelayFrameError(RelayFrameError::Kind::tooLarge);
+  }
+  const std::uint8_t type = datagram[0];
+  if (type < kFirstType || type > kLastType) {
+    throw RelayFrameError(RelayFrameError::Kind::unknownType, type);
+  }
+  return {RelayPacketType(type), wordAt(datagram, 1), wordAt(datagram, 5),
+          Data(datagram.begin() + RelayLimits::headerBytes, datagram.end())};
+}
+
+std::optional<RelayErrorCode> errorCode(const RelayFrame& frame) {
+  if (frame.type != RelayPacketType::error || frame.payload.empty()) return std::nullopt;
+  const std::uint8_t code = frame.payload[0];
+  if (code < std::uint8_t(RelayErrorCode::badToken) ||
+      code > std::uint8_t(RelayErrorCode::addressNotOnRecord)) {
+    return std::nullopt;
+  }
+  return RelayErrorCode(code);
+}
+
+Data challengeRequestPayload(RelayPurpose purpose) {
+  Data out(RelayLimits::handshakePayloadBytes, 0);
+  out[0] = std::uint8_t(purpose);
+  return out;
+}
+
+Data challengePayload(RelayPurpose purpose, std::span<const std::uint8_t> cookie) {
+  const std::uint8_t code[] = {std::uint8_t(purpose)};
+  return concat({code, cookie});
+}
+
+Data registerPayload(std::span<const std::uint8_t> publicKey, std::span<const std::uint8_t> cookie,
+                     std::span<const std::uint8_t> credential,
+                     std::span<const std::uint8_t> signature) {
+  const auto length = std::uint16_t(std::min<std::size_t>(credential.size(), 65535));
+  const std::uint8_t lengthBytes[] = {std::uint8_t(length >> 8), std::uint8_t(length)};
+  return concat({publicKey, cookie, lengthBytes, credential, signature});
+}
+
+Data joinPayload(std::span<const std::uint8_t> cookie, std::span<const std::uint8_t> credential,
+                 std::span<const std::uint8_t> signature) {
+  return concat({cookie, credential, signature});
+}
+
+Data rebindPayload(std::span<const std::uint8_t> cookie, std::span<const std::uint8_t> signature) {
+  return concat({cookie, signature});
+}
+
+}  // namespace kelvaron
