@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Hand-made mutants of the places where a quiet fault would hurt most: the wire decoder, the
-# authentication proof and the pairing link. Each mutant is one exact text substitution in a copy
+# authentication proof, the pairing link, received files' names and the relay's grant and
+# datagrams. Each mutant is one exact text substitution in a copy
 # of the tree (build/mutants/src: the tracked and the untracked-but-not-ignored files of this
 # checkout); only the test executables that cover the mutated file are rebuilt (under
 # build/mutants, through ccache) and run. A mutant is KILLED when a test fails (or hangs),
@@ -31,6 +32,9 @@ mutants=(
   "P1|kit/security/PairingURL.cpp|kit_security_tests|scheme compared case-sensitively|'c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));'|'c = static_cast<char>(c);'"
   "P2|kit/security/PairingURL.cpp|kit_security_tests|fingerprint length not checked|'fingerprint->size() != 32'|'false'"
   "P3|kit/security/PairingURL.cpp|kit_security_tests|a repeated query item replaces the first|'parts.query.try_emplace(*name, std::move(value));'|'parts.query.insert_or_assign(*name, std::move(value));'"
+  "F1|host/files/FileNames.cpp|host_files_tests|leading dots kept (a hidden file)|\"name.erase(0, std::min(name.find_first_not_of('.'), name.size()));\"|''"
+  "R1|kit/relay/RelayJoinGrant.cpp|kit_relay_tests|a grant verified without its host's hkid|'grant->hkid != RelayWire::hkid(hostPublicKey)'|'false'"
+  "R2|kit/relay/RelayFrame.cpp|kit_relay_tests|type byte 17 accepted|'if (type < kFirstType || type > kLastType) {'|'if (type < kFirstType || type > kLastType + 1) {'"
 )
 
 # Copies the checkout (or, with MUTATION_REV set, that commit) into $src, rewriting only files
