@@ -2,20 +2,13 @@
 
 #include <algorithm>
 
+#include "kit/relay/RelayWire.hpp"
+
 namespace kelvaron {
 
 namespace {
 
 constexpr std::uint8_t kFirstType = 3, kLastType = 16;
-
-void appendWord(Data& out, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(std::uint8_t(value >> shift));
-}
-
-std::uint32_t wordAt(std::span<const std::uint8_t> bytes, std::size_t at) {
-  return std::uint32_t(bytes[at]) << 24 | std::uint32_t(bytes[at + 1]) << 16 |
-         std::uint32_t(bytes[at + 2]) << 8 | bytes[at + 3];
-}
 
 const char* errorText(RelayFrameError::Kind kind) {
   switch (kind) {
@@ -59,8 +52,8 @@ Data encode(const RelayFrame& frame) {
   Data out;
   out.reserve(RelayLimits::headerBytes + frame.payload.size());
   out.push_back(std::uint8_t(frame.type));
-  appendWord(out, frame.session);
-  appendWord(out, frame.peer);
+  RelayWire::appendBigEndian(out, frame.session, 4);
+  RelayWire::appendBigEndian(out, frame.peer, 4);
   out.insert(out.end(), frame.payload.begin(), frame.payload.end());
   return out;
 }
@@ -76,7 +69,8 @@ RelayFrame decodeRelayFrame(std::span<const std::uint8_t> datagram) {
   if (type < kFirstType || type > kLastType) {
     throw RelayFrameError(RelayFrameError::Kind::unknownType, type);
   }
-  return {RelayPacketType(type), wordAt(datagram, 1), wordAt(datagram, 5),
+  return {RelayPacketType(type), std::uint32_t(RelayWire::readBigEndian(datagram.subspan(1, 4))),
+          std::uint32_t(RelayWire::readBigEndian(datagram.subspan(5, 4))),
           Data(datagram.begin() + RelayLimits::headerBytes, datagram.end())};
 }
 

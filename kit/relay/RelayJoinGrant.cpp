@@ -12,10 +12,10 @@ constexpr std::size_t kHkidAt = 1, kClientKeyAt = 33, kExpiryAt = 98;
 }  // namespace
 
 Data RelayJoinGrant::signedBy(const RelaySigner& signer) const {
-  Data body{version};
-  body.insert(body.end(), hkid.begin(), hkid.end());
-  body.insert(body.end(), clientPublicKey.begin(), clientPublicKey.end());
-  for (int shift = 56; shift >= 0; shift -= 8) body.push_back(std::uint8_t(expiresAt >> shift));
+  const std::uint8_t head[] = {version};
+  Data expiry;
+  RelayWire::appendBigEndian(expiry, expiresAt, 8);
+  const Data body = concat({head, hkid, clientPublicKey, expiry});
   const Data signature = signer.sign(RelayWire::grantMessage(body));
   return concat({body, signature});
 }
@@ -31,10 +31,9 @@ Data RelayJoinGrant::issue(ByteView clientPublicKey, const RelaySigner& signer,
 
 std::optional<RelayJoinGrant> RelayJoinGrant::parse(ByteView bytes) {
   if (bytes.size() != size || bytes[0] != version) return std::nullopt;
-  std::uint64_t expiresAt = 0;
-  for (std::size_t i = 0; i < 8; ++i) expiresAt = expiresAt << 8 | bytes[kExpiryAt + i];
   return RelayJoinGrant{Data(bytes.begin() + kHkidAt, bytes.begin() + kClientKeyAt),
-                        Data(bytes.begin() + kClientKeyAt, bytes.begin() + kExpiryAt), expiresAt};
+                        Data(bytes.begin() + kClientKeyAt, bytes.begin() + kExpiryAt),
+                        RelayWire::readBigEndian(bytes.subspan(kExpiryAt, 8))};
 }
 
 bool RelayJoinGrant::verify(ByteView bytes, ByteView hostPublicKey) {

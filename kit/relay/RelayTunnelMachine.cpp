@@ -55,7 +55,7 @@ TunnelActions RelayTunnelMachine::credential(std::uint64_t flow, Data bytes) {
 
 TunnelActions RelayTunnelMachine::credentialFailed(std::uint64_t flow, const std::string& why) {
   if (flow != flowGeneration_ || stopped_) return {};
-  return {emit{relayEvent::unavailable{"credential: " + why}}};
+  return {emit{RelayTunnelEvent::unavailable("credential: " + why)}};
 }
 
 void RelayTunnelMachine::beginHandshake(RelayPurpose purpose, bool now, TunnelActions& out) {
@@ -96,7 +96,7 @@ TunnelActions RelayTunnelMachine::retryTick(std::uint64_t flow) {
     // A client whose rebind goes unanswered joins anew.
     append(out, establish(false));
   } else {
-    out.push_back(emit{relayEvent::unavailable{"no reply from relay"}});
+    out.push_back(emit{RelayTunnelEvent::unavailable("no reply from relay")});
   }
   return out;
 }
@@ -128,14 +128,14 @@ void RelayTunnelMachine::handle(const RelayFrame& frame, TunnelActions& out) {
         session_ = frame.session;
         goLive(out);
         sendDenied(out);
-        out.push_back(emit{relayEvent::registered{session_}});
+        out.push_back(emit{RelayTunnelEvent::registered(session_)});
       }
       break;
     case RelayPacketType::joined:
       if (!isHost() && purpose_ == RelayPurpose::join) {
         session_ = frame.session, peer_ = frame.peer;
         goLive(out);
-        out.push_back(emit{relayEvent::joined{session_, peer_}});
+        out.push_back(emit{RelayTunnelEvent::joined(session_, peer_)});
       }
       break;
     case RelayPacketType::rebound:
@@ -145,20 +145,20 @@ void RelayTunnelMachine::handle(const RelayFrame& frame, TunnelActions& out) {
       }
       break;
     case RelayPacketType::peerJoined:
-      if (isHost() && ours) out.push_back(emit{relayEvent::peerJoined{frame.peer}});
+      if (isHost() && ours) out.push_back(emit{RelayTunnelEvent::peerJoined(frame.peer)});
       break;
     case RelayPacketType::data:
-      if (ours) out.push_back(emit{relayEvent::data{frame.peer, frame.payload}});
+      if (ours) out.push_back(emit{RelayTunnelEvent::data(frame.peer, frame.payload)});
       break;
     case RelayPacketType::close:
       if (!ours) break;
       if (isHost()) {
-        out.push_back(emit{relayEvent::peerClosed{frame.peer}});
+        out.push_back(emit{RelayTunnelEvent::peerClosed(frame.peer)});
       } else {
         established_ = false;
         out.push_back(cancelKeepalive{});
         finishHandshake(out);
-        out.push_back(emit{relayEvent::sessionClosed{}});
+        out.push_back(emit{RelayTunnelEvent::sessionClosed()});
       }
       break;
     case RelayPacketType::error:
@@ -200,10 +200,10 @@ void RelayTunnelMachine::answerChallenge(TunnelActions& out) {
     out.push_back(tunnelAction::send{std::move(datagram)});
   } catch (const RelayCryptoError&) {
     out.push_back(cancelRetry{});
-    out.push_back(emit{relayEvent::unavailable{"signing failed"}});
+    out.push_back(emit{RelayTunnelEvent::unavailable("signing failed")});
   } catch (const RelayFrameError&) {
     out.push_back(cancelRetry{});
-    out.push_back(emit{relayEvent::unavailable{"credential too large"}});
+    out.push_back(emit{RelayTunnelEvent::unavailable("credential too large")});
   }
 }
 
@@ -263,7 +263,7 @@ void RelayTunnelMachine::relayError(RelayErrorCode code, const RelayFrame& frame
       break;
   }
   out.push_back(cancelRetry{});
-  out.push_back(emit{relayEvent::error{code}});
+  out.push_back(emit{RelayTunnelEvent::error(code)});
 }
 
 TunnelActions RelayTunnelMachine::keepaliveTick() {

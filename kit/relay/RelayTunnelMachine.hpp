@@ -19,45 +19,47 @@ namespace kelvaron {
 
 enum class RelayRole { host, client };
 
-namespace relayEvent {
-struct registered {  // host: the relay took the registration
-  std::uint32_t session;
-  friend bool operator==(const registered&, const registered&) = default;
-};
-struct joined {  // client: in the host's session
-  std::uint32_t session, peer;
-  friend bool operator==(const joined&, const joined&) = default;
-};
-struct peerJoined {  // host: a client arrived
-  std::uint32_t peer;
-  friend bool operator==(const peerJoined&, const peerJoined&) = default;
-};
-struct peerClosed {  // host: a client left
-  std::uint32_t peer;
-  friend bool operator==(const peerClosed&, const peerClosed&) = default;
-};
-struct data {
-  std::uint32_t peer;
+// What the tunnel tells its owner. A plain record rather than a variant of variants (GCC 12 warns
+// falsely about moving those).
+struct RelayTunnelEvent {
+  enum class Kind {
+    registered,     // host: the relay took the registration (session)
+    joined,         // client: in the host's session (session, peer)
+    peerJoined,     // host: a client arrived (peer)
+    peerClosed,     // host: a client left (peer)
+    data,           // from the other side (peer, bytes)
+    error,          // the relay refused (code); no retry runs
+    unavailable,    // the relay cannot be used (why)
+    sessionClosed,  // client: the relay or the host closed the session
+  };
+  Kind kind = Kind::unavailable;
+  std::uint32_t session = 0, peer = 0;
   Data bytes;
-  friend bool operator==(const data&, const data&) = default;
-};
-struct error {  // the relay refused; no retry runs
-  RelayErrorCode code;
-  friend bool operator==(const error&, const error&) = default;
-};
-struct unavailable {  // the relay cannot be used, and why
+  RelayErrorCode code = RelayErrorCode::malformed;
   std::string why;
-  friend bool operator==(const unavailable&, const unavailable&) = default;
-};
-struct sessionClosed {  // client: the relay or the host closed the session
-  friend bool operator==(const sessionClosed&, const sessionClosed&) = default;
-};
-}  // namespace relayEvent
 
-using RelayTunnelEvent =
-    std::variant<relayEvent::registered, relayEvent::joined, relayEvent::peerJoined,
-                 relayEvent::peerClosed, relayEvent::data, relayEvent::error,
-                 relayEvent::unavailable, relayEvent::sessionClosed>;
+  static RelayTunnelEvent registered(std::uint32_t session) {
+    return {Kind::registered, session, 0, {}, {}, {}};
+  }
+  static RelayTunnelEvent joined(std::uint32_t session, std::uint32_t peer) {
+    return {Kind::joined, session, peer, {}, {}, {}};
+  }
+  static RelayTunnelEvent peerJoined(std::uint32_t peer) {
+    return {Kind::peerJoined, 0, peer, {}, {}, {}};
+  }
+  static RelayTunnelEvent peerClosed(std::uint32_t peer) {
+    return {Kind::peerClosed, 0, peer, {}, {}, {}};
+  }
+  static RelayTunnelEvent data(std::uint32_t peer, Data bytes) {
+    return {Kind::data, 0, peer, std::move(bytes), {}, {}};
+  }
+  static RelayTunnelEvent error(RelayErrorCode code) { return {Kind::error, 0, 0, {}, code, {}}; }
+  static RelayTunnelEvent unavailable(std::string why) {
+    return {Kind::unavailable, 0, 0, {}, {}, std::move(why)};
+  }
+  static RelayTunnelEvent sessionClosed() { return {Kind::sessionClosed, 0, 0, {}, {}, {}}; }
+  friend bool operator==(const RelayTunnelEvent&, const RelayTunnelEvent&) = default;
+};
 
 // What the caller does for the machine, in order.
 namespace tunnelAction {

@@ -6,12 +6,6 @@ namespace kelvaron::RelayWire {
 
 namespace {
 
-void appendBigEndian(Data& out, std::uint64_t value, int bytes) {
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-    out.push_back(std::uint8_t(value >> shift));
-  }
-}
-
 Data labelled(std::string_view label, std::initializer_list<ByteView> parts) {
   Data out = domain(label);
   for (const ByteView part : parts) out.insert(out.end(), part.begin(), part.end());
@@ -27,6 +21,18 @@ Data timedMessage(std::string_view label, std::uint64_t ts, ByteView publicKey) 
 }
 
 }  // namespace
+
+void appendBigEndian(Data& out, std::uint64_t value, int bytes) {
+  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
+    out.push_back(std::uint8_t(value >> shift));
+  }
+}
+
+std::uint64_t readBigEndian(ByteView bytes) {
+  std::uint64_t value = 0;
+  for (const std::uint8_t byte : bytes) value = value << 8 | byte;
+  return value;
+}
 
 Data domain(std::string_view label) {
   Data out(label.begin(), label.end());

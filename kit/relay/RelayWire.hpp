@@ -22,6 +22,9 @@ Data coordinatorMessage(std::uint64_t ts, ByteView publicKey);
 Data enrollMessage(std::uint64_t ts, ByteView publicKey, std::string_view invite);
 // What identifies a host without showing its key: SHA-256 of the 65-byte key.
 Data hkid(ByteView publicKey);
+// The relay's integers: `bytes` bytes of `value`, big-endian; and back from all of `bytes`.
+void appendBigEndian(Data& out, std::uint64_t value, int bytes);
+std::uint64_t readBigEndian(ByteView bytes);
 // Whole seconds since 1970-01-01 UTC; a time before it is 0.
 std::uint64_t timestamp(std::chrono::system_clock::time_point time);
 

@@ -89,20 +89,20 @@ TEST(RelayTunnelMachine, AHostRegistersServesItsPeersAndClosesOnce) {
 
   const auto live = host.datagram(1, datagram(Type::registered, 7, 0));
   EXPECT_EQ(sent(live), only(Type::deny, 7, 0, Data(32, 0xdd)));
-  EXPECT_EQ(events(live), std::vector<RelayTunnelEvent>{relayEvent::registered{7}});
+  EXPECT_EQ(events(live), std::vector<RelayTunnelEvent>{RelayTunnelEvent::registered(7)});
   EXPECT_TRUE(has(live, armKeepalive{}) && has(live, cancelRetry{}));
   EXPECT_TRUE(host.retryTick(1).empty());  // the handshake is over
 
   EXPECT_EQ(events(host.datagram(1, datagram(Type::peerJoined, 7, 42))),
-            std::vector<RelayTunnelEvent>{relayEvent::peerJoined{42}});
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::peerJoined(42)});
   EXPECT_TRUE(host.datagram(1, datagram(Type::data, 8, 42, {1})).empty());  // not our session
   EXPECT_TRUE(host.datagram(2, datagram(Type::data, 7, 42, {1})).empty());  // not our socket
   EXPECT_EQ(events(host.datagram(1, datagram(Type::data, 7, 42, {1, 2}))),
-            std::vector<RelayTunnelEvent>{(relayEvent::data{42, {1, 2}})});
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::data(42, {1, 2})});
   EXPECT_EQ(sent(host.send(42, Data{9})), only(Type::data, 7, 42, {9}));
   EXPECT_EQ(sent(host.keepaliveTick()), only(Type::keepalive, 7, 0, {0}));
   EXPECT_EQ(events(host.datagram(1, datagram(Type::close, 7, 42))),
-            std::vector<RelayTunnelEvent>{relayEvent::peerClosed{42}});
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::peerClosed(42)});
 
   EXPECT_TRUE(host.pathChanged(1).empty());  // the first is the socket's own start
   EXPECT_TRUE(has(host.pathChanged(1), fetchCredential{false, 2}));
@@ -132,7 +132,8 @@ TEST(RelayTunnelMachine, AClientJoinsRebindsAndAnswersTheRelaysRefusals) {
   };
   client.start();
   EXPECT_TRUE(client.send(3, Data{1}).empty());  // nothing before the session
-  EXPECT_EQ(events(join(client, 1, 5)), std::vector<RelayTunnelEvent>{(relayEvent::joined{5, 3})});
+  EXPECT_EQ(events(join(client, 1, 5)),
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::joined(5, 3)});
   EXPECT_EQ(sent(client.send(99, Data{1})), only(Type::data, 5, 3, {1}));
 
   // A path change: a rebind signed over the cookie, session and peer; then its answer.
@@ -156,7 +157,8 @@ TEST(RelayTunnelMachine, AClientJoinsRebindsAndAnswersTheRelaysRefusals) {
   for (int tick = 1; tick <= 8; ++tick) last = client.retryTick(3);
   EXPECT_TRUE(has(last, fetchCredential{false, 4}));
   EXPECT_TRUE(events(last).empty());
-  EXPECT_EQ(events(join(client, 4, 6)), std::vector<RelayTunnelEvent>{(relayEvent::joined{6, 3})});
+  EXPECT_EQ(events(join(client, 4, 6)),
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::joined(6, 3)});
 
   struct Case {
     const char* name;
@@ -179,12 +181,12 @@ TEST(RelayTunnelMachine, AClientJoinsRebindsAndAnswersTheRelaysRefusals) {
        false},
       {"a denied client",
        relayError(RelayErrorCode::denied),
-       {relayEvent::error{RelayErrorCode::denied}},
+       {RelayTunnelEvent::error(RelayErrorCode::denied)},
        false,
        false},
       {"the session closed",
        datagram(Type::close, 6, 3),
-       {relayEvent::sessionClosed{}},
+       {RelayTunnelEvent::sessionClosed()},
        false,
        false},
   };
@@ -210,7 +212,7 @@ TEST(RelayTunnelMachine, AHandshakeGivesUpWithItsReason) {
   for (int tick = 1; tick <= 7; ++tick) EXPECT_EQ(sent(host.retryTick(1)).size(), 1u);
   const TunnelActions last = host.retryTick(1);
   EXPECT_EQ(events(last),
-            std::vector<RelayTunnelEvent>{relayEvent::unavailable{"no reply from relay"}});
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::unavailable("no reply from relay")});
 
   RelayTunnelMachine cookies(RelayRole::host, signer);
   cookies.start();
@@ -220,13 +222,13 @@ TEST(RelayTunnelMachine, AHandshakeGivesUpWithItsReason) {
               Type::challengeRequest);
   }
   EXPECT_EQ(events(cookies.datagram(1, relayError(RelayErrorCode::badCookie))),
-            std::vector<RelayTunnelEvent>{relayEvent::error{RelayErrorCode::badCookie}});
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::error(RelayErrorCode::badCookie)});
 
   RelayTunnelMachine waiting(RelayRole::host, signer);
   waiting.start();
   EXPECT_TRUE(waiting.credential(7, Data{1}).empty());  // another handshake's
   EXPECT_EQ(events(waiting.credentialFailed(1, "no token")),
-            std::vector<RelayTunnelEvent>{relayEvent::unavailable{"credential: no token"}});
+            std::vector<RelayTunnelEvent>{RelayTunnelEvent::unavailable("credential: no token")});
   EXPECT_TRUE(has(waiting.socketFailed(1), reopenLater{1}));
   EXPECT_TRUE(has(waiting.reopen(1), openSocket{2}));
   EXPECT_TRUE(waiting.datagram(1, challenge(RelayPurpose::register_)).empty());  // the old socket
