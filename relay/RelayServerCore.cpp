@@ -123,8 +123,13 @@ void ServerCore::registerHost(const Address& from, const RelayFrame& frame, doub
   }
   if (admitted->expiresAt < wall) return refuse(from, frame, RelayErrorCode::expired, 0, now, out);
   const Data hostKey(key.begin(), key.end());
-  // A host that registers again starts a new session: the old one's clients are told.
   if (const auto old = sessionOfHost_.find(keyOf(hostKey)); old != sessionOfHost_.end()) {
+    // The same registration again (its answer was lost) keeps the session; from elsewhere, a
+    // new session, and the old one's clients are told.
+    if (sessions_.at(old->second).host == from) {
+      sessions_.at(old->second).heard = now;
+      return send(from, RelayPacketType::registered, old->second, 0, {}, out);
+    }
     endSession(old->second, out);
   }
   if (registrationsFrom_[from.ip] >= limits_.registrationsPerSource ||
@@ -171,12 +176,16 @@ void ServerCore::join(const Address& from, const RelayFrame& frame, double now, 
   if (session.denied.contains(keyOf(grant->clientPublicKey))) {
     return refuse(from, frame, RelayErrorCode::denied, 0, now, out);
   }
-  // A client that joins again takes the place of its earlier self.
-  for (const auto& [id, peer] : session.peers) {
-    if (peer.key == grant->clientPublicKey) {
-      removePeer(number, session, id, out);
-      break;
+  for (auto& [id, peer] : session.peers) {
+    if (peer.key != grant->clientPublicKey) continue;
+    // The same join again (its answer was lost) keeps the peer; from elsewhere, the client takes
+    // the place of its earlier self.
+    if (peer.address == from) {
+      peer.heard = now;
+      return send(from, RelayPacketType::joined, number, id, {}, out);
     }
+    removePeer(number, session, id, out);
+    break;
   }
   if (session.peers.size() >= limits_.peersPerSession) {
     return refuse(from, frame, RelayErrorCode::overQuota, 0, now, out);

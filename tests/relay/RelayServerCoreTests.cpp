@@ -96,12 +96,16 @@ TEST(RelayServerCore, ForwardsBetweenASessionsPartiesAndFollowsThemAsTheyMove) {
   ASSERT_EQ(registered.size(), 1u);
   EXPECT_EQ(registered[0].type, Type::registered);
   const std::uint32_t session = registered[0].session;
+  // Handshakes repeated because their answers were lost keep what they made.
+  EXPECT_EQ(Relay::to(hostAt, relay.registerHost(hostAt, host, relay.token(host))), registered);
 
   const auto joined = relay.join(annAt, ann, grantFor(host, ann, kWall + 60));
   ASSERT_EQ(Relay::to(annAt, joined).size(), 1u);
   const RelayFrame annJoined = Relay::to(annAt, joined)[0];
   EXPECT_EQ(std::tie(annJoined.type, annJoined.session), std::tuple(Type::joined, session));
   const std::uint32_t annPeer = annJoined.peer;
+  EXPECT_EQ(relay.join(annAt, ann, grantFor(host, ann, kWall + 60)),
+            (std::vector{Outgoing{annAt, encode(annJoined)}}));
   EXPECT_EQ(Relay::to(hostAt, joined),
             (std::vector{RelayFrame{Type::peerJoined, session, annPeer, {}}}));
 
