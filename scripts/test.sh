@@ -51,6 +51,6 @@ TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan.supp" \
 nonblank() { find "$@" -type f -exec cat {} + | grep -cv '^[[:space:]]*$'; }
 grouped() { sed ':a;s/\B[0-9]\{3\}\>/,&/;ta' <<<"$1"; }
 test_lines=$(nonblank tests)
-code_lines=$(nonblank kit host client apps)
+code_lines=$(nonblank kit host client apps relay)
 echo "tests: $(grouped "$test_lines") of $(grouped "$code_lines") lines of code" \
   "($(((100 * test_lines + code_lines / 2) / code_lines)) %)"
