@@ -34,7 +34,7 @@ mutants=(
   "P3|kit/security/PairingURL.cpp|kit_security_tests|a repeated query item replaces the first|'parts.query.try_emplace(*name, std::move(value));'|'parts.query.insert_or_assign(*name, std::move(value));'"
   "F1|host/files/FileNames.cpp|host_files_tests|leading dots kept (a hidden file)|\"name.erase(0, std::min(name.find_first_not_of('.'), name.size()));\"|''"
   "R1|kit/relay/RelayJoinGrant.cpp|kit_relay_tests|a grant verified without its host's hkid|'grant->hkid != RelayWire::hkid(hostPublicKey)'|'false'"
-  "R2|kit/relay/RelayFrame.cpp|kit_relay_tests|type byte 17 accepted|'if (type < kFirstType || type > kLastType) {'|'if (type < kFirstType || type > kLastType + 1) {'"
+  "R2|kit/relay/RelayFrame.cpp|kit_relay_tests|type byte 17 accepted|'type > kLastType) {'|'type > kLastType + 1) {'"
 )
 
 # Copies the checkout (or, with MUTATION_REV set, that commit) into $src, rewriting only files

@@ -109,7 +109,10 @@ TEST(RelayJoinGrant, AHostsGrantVerifiesUnderItsKeyAloneAndWholeAlone) {
   EXPECT_TRUE(RelayJoinGrant::verify(grant, host.publicKeyX963()));
   EXPECT_EQ(RelayJoinGrant::parse(grant)->clientPublicKey, client);
   EXPECT_EQ(RelayJoinGrant::parse(grant)->expiryDate(), now + RelayJoinGrant::defaultLifetime);
-  EXPECT_FALSE(RelayJoinGrant::verify(grant, other.publicKeyX963()));  // another host's hkid
+  EXPECT_FALSE(RelayJoinGrant::verify(grant, other.publicKeyX963()));
+  // Signed by this host, but naming another: its hkid is not this host's.
+  const RelayJoinGrant naming{RelayWire::hkid(other.publicKeyX963()), client, 1};
+  EXPECT_FALSE(RelayJoinGrant::verify(naming.signedBy(host), host.publicKeyX963()));
   EXPECT_FALSE(RelayJoinGrant::verify(openSSLGrant, host.publicKeyX963()));
   for (std::size_t at = 0; at < RelayJoinGrant::bodySize; ++at) {
     Data altered = grant;
