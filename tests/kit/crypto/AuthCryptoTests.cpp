@@ -2,14 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/Hex.hpp"
+#include "kit/wire/Hex.hpp"
 
 namespace kelvaron {
 namespace {
 
 using namespace AuthCrypto;
 
-using test::hex;
+Data hex(std::string_view text) { return hexBytes(text).value(); }
 Data bytes(std::string_view text) { return Data(text.begin(), text.end()); }
 
 // One vector each: the library computes them, these check that the right ones are asked for.

@@ -4,12 +4,12 @@
 #include "kit/relay/RelayFrame.hpp"
 #include "kit/relay/RelayJoinGrant.hpp"
 #include "kit/relay/RelayWire.hpp"
-#include "tests/support/Hex.hpp"
+#include "kit/wire/Hex.hpp"
 
 namespace kelvaron {
 namespace {
 
-using test::hex;
+Data hex(std::string_view text) { return hexBytes(text).value(); }
 
 Data datagram(std::uint8_t type, std::size_t payload) {
   Data bytes(RelayLimits::headerBytes + payload, 0xab);
