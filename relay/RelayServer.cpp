@@ -3,12 +3,12 @@
 #include <array>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
-#include <asio/redirect_error.hpp>
 #include <asio/ip/v6_only.hpp>
+#include <asio/redirect_error.hpp>
 #include <asio/use_awaitable.hpp>
 #include <chrono>
-#include <random>
 
+#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/log/Logger.hpp"
 
 namespace kelvaron::relay {
@@ -18,13 +18,6 @@ namespace {
 const Logger& log() {
   static const Logger logger("io.dovka.tovu.relay", "server");
   return logger;
-}
-
-Data randomBytes(std::size_t count) {
-  static std::random_device device;
-  Data bytes(count);
-  for (auto& byte : bytes) byte = std::uint8_t(device());
-  return bytes;
 }
 
 double monotonicSeconds() {
@@ -61,7 +54,7 @@ RelayServer::RelayServer(const Executor& executor, std::uint16_t port, Data coor
                          ServerLimits limits)
     : socket_(executor, asio::ip::udp::v6()),
       timer_(executor),
-      core_(std::move(coordinatorKey), randomBytes, limits) {
+      core_(std::move(coordinatorKey), AuthCrypto::randomBytes, limits) {
   socket_.set_option(asio::ip::v6_only(false));
   socket_.bind({asio::ip::udp::v6(), port});
 }

@@ -14,6 +14,7 @@
 
 #include "apps/common/CommandLine.hpp"
 #include "kit/crypto/P256.hpp"
+#include "kit/crypto/SecretStore.hpp"
 #include "kit/relay/RelaySigner.hpp"
 #include "kit/relay/RelayToken.hpp"
 #include "kit/relay/RelayWire.hpp"
@@ -53,9 +54,8 @@ P256PrivateKey devKeyIn(const std::filesystem::path& file) {
   }
   if (std::filesystem::exists(file)) throw std::runtime_error(file.string() + " holds no key");
   P256PrivateKey key = P256PrivateKey::generate();
-  std::ofstream(file) << hexText(key.rawRepresentation()) << '\n';
-  std::filesystem::permissions(
-      file, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  const std::string written = hexText(key.rawRepresentation()) + "\n";
+  writeFileAtomically(file, Data(written.begin(), written.end()));  // owner-only from the start
   return key;
 }
 
