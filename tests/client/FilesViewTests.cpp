@@ -21,11 +21,6 @@ TEST(FilesView, TheProgressLineShowsTheShareTheRateAndTheTimeLeft) {
       {0, 0, 0, "[####################] 100 %  0 KB of 0 KB"},
   };
   for (const Case& c : cases) EXPECT_EQ(progressLine(c.sent, c.total, c.seconds), c.line);
-
-  const std::pair<const char*, const char*> types[] = {
-      {"a.png", "public.png"},        {"b.JPG", "public.jpeg"}, {"c.jpeg", "public.jpeg"},
-      {"d.txt", "public.plain-text"}, {"e.pdf", "public.data"}, {"noextension", "public.data"}};
-  for (const auto& [name, type] : types) EXPECT_EQ(fileTypeID(name), type) << name;
 }
 
 }  // namespace
