@@ -12,7 +12,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   relay::ServerLimits limits;
   limits.errorSources = 8;
   relay::ServerCore core(
-      Data(65, 4), [](std::size_t n) { return Data(n, 0x42); }, limits);
+      Data(65, 4),
+      [next = std::uint8_t(0)](std::size_t n) mutable {
+        Data bytes(n);
+        for (auto& b : bytes) b = next++;
+        return bytes;
+      },
+      limits);
   // Each datagram: a length byte, a source byte, then that many bytes.
   double now = 0;
   for (std::size_t at = 0; at + 2 <= size;) {

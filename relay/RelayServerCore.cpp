@@ -137,8 +137,12 @@ void ServerCore::registerHost(const Address& from, const RelayFrame& frame, doub
     if (registrationsFrom_[from.ip] == 0) registrationsFrom_.erase(from.ip);
     return refuse(from, frame, RelayErrorCode::overQuota, 0, now, out);
   }
-  while (nextSession_ == 0 || sessions_.contains(nextSession_)) ++nextSession_;
-  const std::uint32_t number = nextSession_++;
+  // Random, so that a party from before a restart is told its session is unknown rather than
+  // that its address is, and joins anew at once.
+  std::uint32_t number = 0;
+  while (number == 0 || sessions_.contains(number)) {
+    number = std::uint32_t(RelayWire::readBigEndian(random_(4)));
+  }
   sessions_[number] = Session{hostKey, from, now, {}, {}, 1};
   sessionOfHost_[keyOf(hostKey)] = number;
   sessionOfHkid_[keyOf(RelayWire::hkid(hostKey))] = number;

@@ -44,8 +44,8 @@ struct ServerLimits {
 
 class ServerCore {
  public:
-  // `random(n)`: n random bytes, for the cookie secrets. `coordinatorKey`: the public key whose
-  // tokens admit hosts.
+  // `random(n)`: n random bytes, for the cookie secrets and session numbers. `coordinatorKey`: the
+  // public key whose tokens admit hosts.
   ServerCore(Data coordinatorKey, std::function<Data(std::size_t)> random,
              ServerLimits limits = {});
 
@@ -116,7 +116,6 @@ class ServerCore {
   std::map<Address, Party> parties_;
   std::map<std::array<std::uint8_t, 16>, std::size_t> registrationsFrom_;
   std::map<Address, Budget> errorBudget_;
-  std::uint32_t nextSession_ = 1;
 };
 
 }  // namespace kelvaron::relay

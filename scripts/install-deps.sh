@@ -47,6 +47,8 @@ packages=(
   libpulse-dev libswresample-dev pulseaudio pulseaudio-utils
   # files: the desktop notification of what arrived, shown by a notification daemon in the tests
   dunst
+  # reach from outside: homes behind NAT in network namespaces for the relay's tests
+  nftables conntrack
   # the demo: something moving on the virtual display
   xterm x11-apps
 )

@@ -4,59 +4,65 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <thread>
+#include <random>
 
 #include "kit/relay/RelayJoinGrant.hpp"
 #include "kit/relay/RelayTunnel.hpp"
 #include "kit/wire/Hex.hpp"
 #include "tests/support/AsyncTest.hpp"
-#include "tests/support/ChildProcess.hpp"
+#include "tests/support/RelayProcess.hpp"
 #include "tests/support/TempDirectory.hpp"
 
 namespace kelvaron {
 namespace {
 
 using namespace std::chrono_literals;
-using test::ChildProcess;
-using test::runCommand;
+using test::RawRelayParty;
+using test::RelayProcess;
 using test::TempDirectory;
 
-// tovu-relay on a free port with a development coordinator key in `folder`; the port stays
-// empty when it did not start.
-struct RelayProcess {
-  explicit RelayProcess(const std::filesystem::path& folder)
-      : key(folder / "coordinator.key"),
-        process({TOVU_RELAY, "--port", "0", "--dev-key", key.string()}, folder / "relay.log") {
-    for (int i = 0; i < 100 && port == 0; ++i) {
-      std::ifstream in(folder / "relay.log");
-      std::string word;
-      while (in >> word) {
-        if (word == "port") in >> port;
+// Kilobytes the process holds in memory.
+long residentKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+// 100,000 datagrams from 5,000 sources (more than the relay's error table holds): random bytes of
+// any length up to 1,600 whose first byte is one of the packet types or next to them, a quarter
+// of them asking for a cookie.
+void flood(std::uint16_t port) {
+  std::mt19937 random(11);
+  for (int source = 0; source < 5'000; ++source) {
+    const RawRelayParty stranger("127.0.0.1", port);
+    for (int i = 0; i < 20; ++i) {
+      Data datagram(random() % 1601);
+      for (auto& b : datagram) b = std::uint8_t(random());
+      if (i % 4 == 0) {
+        datagram = encode({RelayPacketType::challengeRequest, 0, 0,
+                           challengeRequestPayload(RelayPurpose(1 + random() % 3))});
+      } else if (!datagram.empty()) {
+        datagram[0] = std::uint8_t(random() % 18);
       }
-      if (port == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      stranger.send(datagram);
     }
   }
-  // A token of the relay's coordinator for `host`.
-  Data token(const RelaySigner& host) const {
-    const auto minted = runCommand(
-        {TOVU_RELAY, "--dev-key", key.string(), "--dev-token", hexText(host.publicKeyX963())});
-    return hexBytes(minted.output.substr(0, minted.output.find('\n'))).value_or(Data{});
-  }
+}
 
-  std::filesystem::path key;
-  ChildProcess process;
-  std::uint16_t port = 0;
-};
-
-// Two tunnels, a host's and a client's, meet through the process: registered, joined, the host
-// told of its peer, data both ways, and their events end when they stop.
+// A flood of strangers' datagrams leaves the relay's memory as it was; then two tunnels, a host's
+// and a client's, meet through it: registered, joined, the host told of its peer, data both ways,
+// and their events end when they stop.
 TEST(TovuRelay, AHostsTunnelAndAClientsTunnelTalkThroughTheRelay) {
   TempDirectory folder;
-  const RelayProcess relay(folder.path());
-  ASSERT_NE(relay.port, 0) << "tovu-relay did not start";
+  const RelayProcess relay(TOVU_RELAY, folder.path());
+  ASSERT_NE(relay.port(), 0) << "tovu-relay did not start";
+  const long before = residentKiB(relay.pid());
+  flood(relay.port());
   const auto host = std::make_shared<P256RelaySigner>(P256PrivateKey::generate());
   const auto client = std::make_shared<P256RelaySigner>(P256PrivateKey::generate());
-  const Data token = relay.token(*host);
+  const Data token = relay.token(host->publicKeyX963());
   const Data grant =
       RelayJoinGrant::issue(client->publicKeyX963(), *host, RelayJoinGrant::defaultLifetime,
                             std::chrono::system_clock::now());
@@ -64,7 +70,7 @@ TEST(TovuRelay, AHostsTunnelAndAClientsTunnelTalkThroughTheRelay) {
     const auto tunnel = [&](RelayRole role, std::shared_ptr<const RelaySigner> signer, Data proof) {
       RelayTunnel::Options options;
       options.role = role;
-      options.endpoint = {"127.0.0.1", relay.port};
+      options.endpoint = {"127.0.0.1", relay.port()};
       options.signer = std::move(signer);
       options.credentials = [proof](bool) -> asio::awaitable<Data> { co_return proof; };
       options.watchPath = false;
@@ -89,6 +95,8 @@ TEST(TovuRelay, AHostsTunnelAndAClientsTunnelTalkThroughTheRelay) {
     hostTunnel->stop();
     CO_EXPECT_EQ(nextWithin(clientTunnel->events(), 5s), std::nullopt);
   });
+  // What the relay keeps for strangers is bounded by its error table: a few hundred KiB.
+  EXPECT_LT(residentKiB(relay.pid()) - before, 2048);
 }
 
 }  // namespace
