@@ -20,6 +20,8 @@ const Logger& log() {
   return logger;
 }
 
+constexpr int kReceiveBuffer = 4 << 20;
+
 double monotonicSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
@@ -56,6 +58,10 @@ RelayServer::RelayServer(const Executor& executor, std::uint16_t port, Data coor
       timer_(executor),
       core_(std::move(coordinatorKey), AuthCrypto::randomBytes, limits) {
   socket_.set_option(asio::ip::v6_only(false));
+  // Room for the bursts that come while the process is off the processor; the kernel caps it at
+  // net.core.rmem_max.
+  std::error_code ignored;
+  socket_.set_option(asio::socket_base::receive_buffer_size(kReceiveBuffer), ignored);
   socket_.bind({asio::ip::udp::v6(), port});
 }
 
