@@ -35,6 +35,7 @@ mutants=(
   "F1|host/files/FileNames.cpp|host_files_tests|leading dots kept (a hidden file)|\"name.erase(0, std::min(name.find_first_not_of('.'), name.size()));\"|''"
   "R1|kit/relay/RelayJoinGrant.cpp|kit_relay_tests|a grant verified without its host's hkid|'grant->hkid != RelayWire::hkid(hostPublicKey)'|'false'"
   "R2|kit/relay/RelayFrame.cpp|kit_relay_tests|type byte 17 accepted|'type > kLastType) {'|'type > kLastType + 1) {'"
+  "R3|relay/RelayServerCore.cpp|relay_server_tests|a cookie not bound to its source address|'concat({head, from.ip, port})'|'concat({head})'"
 )
 
 # Copies the checkout (or, with MUTATION_REV set, that commit) into $src, rewriting only files

@@ -58,7 +58,7 @@ TEST(TovuRelay, AHostsTunnelAndAClientsTunnelTalkThroughTheRelay) {
   TempDirectory folder;
   const RelayProcess relay(TOVU_RELAY, folder.path());
   ASSERT_NE(relay.port(), 0) << "tovu-relay did not start";
-  const long before = residentKiB(relay.pid());
+  [[maybe_unused]] const long before = residentKiB(relay.pid());
   flood(relay.port());
   const auto host = std::make_shared<P256RelaySigner>(P256PrivateKey::generate());
   const auto client = std::make_shared<P256RelaySigner>(P256PrivateKey::generate());
@@ -95,8 +95,10 @@ TEST(TovuRelay, AHostsTunnelAndAClientsTunnelTalkThroughTheRelay) {
     hostTunnel->stop();
     CO_EXPECT_EQ(nextWithin(clientTunnel->events(), 5s), std::nullopt);
   });
+#ifndef __SANITIZE_ADDRESS__  // which holds freed memory in quarantine: its size says nothing
   // What the relay keeps for strangers is bounded by its error table: a few hundred KiB.
   EXPECT_LT(residentKiB(relay.pid()) - before, 2048);
+#endif
 }
 
 }  // namespace
