@@ -61,67 +61,74 @@ TEST(RelayBehindNat, PartiesMeetRebindWhenTheirMappingChangesAndOutliveARestart)
   const Data grant =
       RelayJoinGrant::issue(client->publicKeyX963(), *host, RelayJoinGrant::defaultLifetime,
                             std::chrono::system_clock::now());
-  NamespaceThread home(internet.network.netns("host")), away(internet.network.netns("client"));
   Data full(RelayLimits::maxPayloadBytes);
   for (std::size_t i = 0; i < full.size(); ++i) full[i] = std::uint8_t(i * 7);
 
-  test::runAsync([&](asio::io_context&) -> asio::awaitable<void> {
-    const auto tunnel = [&](NamespaceThread& thread, RelayRole role,
-                            std::shared_ptr<const RelaySigner> signer, Data proof) {
-      RelayTunnel::Options options;
-      options.role = role;
-      options.endpoint = {NatNetwork::publicAddress, kPort};
-      options.signer = std::move(signer);
-      options.credentials = [proof](bool) -> asio::awaitable<Data> { co_return proof; };
-      // The host's keepalives find the restarted relay; the client's stay out of the way so
-      // that its first datagram after the remapping is the one the relay refuses.
-      if (role == RelayRole::host) options.keepaliveInterval = 1s;
-      options.retryInterval = 0.5s;
-      return RelayTunnel::make(thread.executor(), std::move(options));
-    };
-    const auto hostTunnel = tunnel(home, RelayRole::host, host, token);
-    const auto clientTunnel = tunnel(away, RelayRole::client, client, grant);
-    auto& hostEvents = hostTunnel->events();
-    auto& clientEvents = clientTunnel->events();
-    const auto meet = [&]() -> asio::awaitable<std::uint32_t> {
-      const auto joined = co_await nextOfKind(clientEvents, Kind::joined);
-      if (!joined) co_return 0;
-      const auto told = co_await nextOfKind(hostEvents, Kind::peerJoined);
-      co_return told && told->peer == joined->peer ? joined->peer : 0;
-    };
+  test::runAsync(
+      [&](asio::io_context&) -> asio::awaitable<void> {
+        // The tunnels' threads end with this body, before the test's own executor, whose readers
+        // they wake.
+        NamespaceThread home(internet.network.netns("host")),
+            away(internet.network.netns("client"));
+        const auto tunnel = [&](NamespaceThread& thread, RelayRole role,
+                                std::shared_ptr<const RelaySigner> signer, Data proof) {
+          RelayTunnel::Options options;
+          options.role = role;
+          options.endpoint = {NatNetwork::publicAddress, kPort};
+          options.signer = std::move(signer);
+          options.credentials = [proof](bool) -> asio::awaitable<Data> { co_return proof; };
+          // The host's keepalives find the restarted relay; the client's stay out of the way so
+          // that its first datagram after the remapping is the one the relay refuses.
+          if (role == RelayRole::host) options.keepaliveInterval = 1s;
+          options.retryInterval = 0.5s;
+          return RelayTunnel::make(thread.executor(), std::move(options));
+        };
+        const auto hostTunnel = tunnel(home, RelayRole::host, host, token);
+        const auto clientTunnel = tunnel(away, RelayRole::client, client, grant);
+        auto& hostEvents = hostTunnel->events();
+        auto& clientEvents = clientTunnel->events();
+        const auto meet = [&]() -> asio::awaitable<std::uint32_t> {
+          const auto joined = co_await nextOfKind(clientEvents, Kind::joined);
+          if (!joined) co_return 0;
+          const auto told = co_await nextOfKind(hostEvents, Kind::peerJoined);
+          co_return told && told->peer == joined->peer ? joined->peer : 0;
+        };
 
-    hostTunnel->start();
-    CO_ASSERT_TRUE(co_await nextOfKind(hostEvents, Kind::registered));
-    clientTunnel->start();
-    std::uint32_t peer = co_await meet();
-    CO_ASSERT_TRUE(peer != 0);
-    clientTunnel->send(0, full);
-    CO_EXPECT_NEXT(hostEvents, RelayTunnelEvent::data(peer, full));
-    hostTunnel->send(peer, full);
-    CO_EXPECT_NEXT(clientEvents, RelayTunnelEvent::data(peer, full));
+        hostTunnel->start();
+        const auto registered = co_await nextOfKind(hostEvents, Kind::registered);
+        CO_ASSERT_TRUE(registered);
+        clientTunnel->start();
+        std::uint32_t peer = co_await meet();
+        CO_ASSERT_TRUE(peer != 0);
+        clientTunnel->send(0, full);
+        CO_EXPECT_NEXT(hostEvents, RelayTunnelEvent::data(peer, full));
+        hostTunnel->send(peer, full);
+        CO_EXPECT_NEXT(clientEvents, RelayTunnelEvent::data(peer, full));
 
-    internet.network.remapClient();
-    clientTunnel->send(0, Data{1});
-    CO_EXPECT_EQ(nextWithin(hostEvents, 500ms), std::nullopt);  // from an address not on record
-    clientTunnel->send(0, Data{2});
-    CO_EXPECT_NEXT(hostEvents, RelayTunnelEvent::data(peer, {2}));
-    hostTunnel->send(peer, Data{3});
-    CO_EXPECT_NEXT(clientEvents, RelayTunnelEvent::data(peer, {3}));
+        internet.network.remapClient();
+        clientTunnel->send(0, Data{1});
+        CO_EXPECT_EQ(nextWithin(hostEvents, 500ms), std::nullopt);  // from an address not on record
+        clientTunnel->send(0, Data{2});
+        CO_EXPECT_NEXT(hostEvents, RelayTunnelEvent::data(peer, {2}));
+        hostTunnel->send(peer, Data{3});
+        CO_EXPECT_NEXT(clientEvents, RelayTunnelEvent::data(peer, {3}));
 
-    internet.relay.reset();
-    internet.startRelay();
-    CO_ASSERT_TRUE(internet.relay->port() == kPort);
-    CO_ASSERT_TRUE(co_await nextOfKind(hostEvents, Kind::registered));
-    clientTunnel->send(0, Data{4});  // the relay knows no session of its: it joins anew
-    peer = co_await meet();
-    CO_ASSERT_TRUE(peer != 0);
-    clientTunnel->send(0, Data{5});
-    CO_EXPECT_EQ(nextOfKind(hostEvents, Kind::data), RelayTunnelEvent::data(peer, {5}));
-    hostTunnel->send(peer, Data{6});
-    CO_EXPECT_EQ(nextOfKind(clientEvents, Kind::data), RelayTunnelEvent::data(peer, {6}));
-    clientTunnel->stop();
-    hostTunnel->stop();
-  });
+        internet.relay.reset();
+        internet.startRelay();
+        CO_ASSERT_TRUE(internet.relay->port() == kPort);
+        const auto registeredAgain = co_await nextOfKind(hostEvents, Kind::registered);
+        CO_ASSERT_TRUE(registeredAgain);
+        clientTunnel->send(0, Data{4});  // the relay knows no session of its: it joins anew
+        peer = co_await meet();
+        CO_ASSERT_TRUE(peer != 0);
+        clientTunnel->send(0, Data{5});
+        CO_EXPECT_EQ(nextOfKind(hostEvents, Kind::data), RelayTunnelEvent::data(peer, {5}));
+        hostTunnel->send(peer, Data{6});
+        CO_EXPECT_EQ(nextOfKind(clientEvents, Kind::data), RelayTunnelEvent::data(peer, {6}));
+        clientTunnel->stop();
+        hostTunnel->stop();
+      },
+      30s);
 }
 
 RelayFrame errorFrame(RelayErrorCode code, std::uint32_t session = 0) {

@@ -106,7 +106,10 @@ class RawRelayParty {
                                       const Data& credential) {
     send({RelayPacketType::challengeRequest, 0, 0, challengeRequestPayload(purpose)});
     const auto challenge = receive(std::chrono::seconds(2));
-    if (!challenge || challenge->type != RelayPacketType::challenge) return challenge;
+    if (!challenge || challenge->type != RelayPacketType::challenge ||
+        challenge->payload.size() != RelayLimits::handshakePayloadBytes) {
+      return challenge;
+    }
     const Data cookie(challenge->payload.begin() + 1, challenge->payload.end());
     const Data& key = signer.publicKeyX963();
     proof = purpose == RelayPurpose::join
