@@ -56,8 +56,7 @@ struct DirectPair {
 struct Path {
   const char* name;
   int from, to;
-  Data datagram;  // what `from` sends
-  Data answer;    // what `to` sends back
+  Data datagram;  // what `from` sends, and `to` sends back: the same header serves both ways
 };
 
 void setReceiveBuffer(int socket) {
@@ -73,7 +72,7 @@ std::vector<double> roundTrips(const Path& path, int count) {
       pollfd ready{path.to, POLLIN, 0};
       if (::poll(&ready, 1, 100) != 1) continue;
       if (::recv(path.to, buffer, sizeof buffer, 0) > 0) {
-        ::send(path.to, path.answer.data(), path.answer.size(), 0);
+        ::send(path.to, path.datagram.data(), path.datagram.size(), 0);
       }
     }
   });
@@ -162,11 +161,10 @@ int run(int roundTripCount, int datagramCount) {
   for (int s : {host.socket(), client.socket()}) setReceiveBuffer(s);
   const Data payload(kPayload, 0x5a);
   const Data toHost = encode({RelayPacketType::data, joined->session, joined->peer, payload});
-  const Data toClient = toHost;  // same header: the session and the peer
   const DirectPair direct;
   for (int s : {direct.a, direct.b}) setReceiveBuffer(s);
-  const Path relayed{"through the relay", client.socket(), host.socket(), toHost, toClient};
-  const Path straight{"directly", direct.a, direct.b, toHost, toClient};
+  const Path relayed{"through the relay", client.socket(), host.socket(), toHost};
+  const Path straight{"directly", direct.a, direct.b, toHost};
 
   // Round trips in turns, a tenth of them at a time on each path, so that neither path has the
   // quieter moments of the machine.

@@ -18,3 +18,7 @@ DISPLAY=$display xterm -geometry 230x70+0+0 -e yes "a terminal that scrolls with
 pids+=($!)
 "$bin/tovu-client" pair "$(grep -m1 "^tovu://" "$work/host.log")" --address "127.0.0.1:$port" \
   >/dev/null
+
+# The host's processor time in clock ticks so far, and the ticks in a second.
+ticks=$(getconf CLK_TCK)
+cpu() { awk '{print $14 + $15}' "/proc/$host/stat"; }

@@ -8,8 +8,6 @@ cd "$(dirname "$0")/.."
 seconds=${1:-10}
 source bench/busy-host.sh
 
-ticks=$(getconf CLK_TCK)
-cpu() { awk '{print $14 + $15}' "/proc/$host/stat"; }
 "$bin/tovu-client" connect vm --address "127.0.0.1:$port" --seconds "$seconds" &
 client=$!
 sleep 3  # past the first picture and the first session's start

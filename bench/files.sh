@@ -13,8 +13,6 @@ seconds=${1:-20}
 source bench/busy-host.sh
 terminal=${pids[1]}
 head -c 104857600 /dev/urandom >"$work/100MiB.bin"
-ticks=$(getconf CLK_TCK)
-cpu() { awk '{print $14 + $15}' "/proc/$host/stat"; }
 # Runs the client for `seconds` with the options given; its log in $1, its processor seconds in
 # $1.cpu, the host's in $1.host.
 run() {

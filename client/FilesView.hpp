@@ -22,7 +22,6 @@ struct FilesOptions {
   bool atOnce = false;
   bool leaveWhenDone = false;  // an errand: the viewer leaves once every transfer has ended
   bool progressBar = false;    // for a terminal: one line redrawn, with the rate and time left
-  bool wanted() const { return !transfers.empty(); }
 };
 
 // The type identifier the device gives a file, by its extension.

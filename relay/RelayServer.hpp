@@ -4,11 +4,10 @@
 // answers is sent, and once a second it drops the parties that went quiet. One socket for IPv4
 // and IPv6.
 
-#include <asio/ip/udp.hpp>
 #include <asio/steady_timer.hpp>
 #include <memory>
 
-#include "kit/async/Task.hpp"
+#include "kit/transport/UDPSocket.hpp"
 #include "relay/RelayServerCore.hpp"
 
 namespace kelvaron::relay {
@@ -19,18 +18,17 @@ class RelayServer : public std::enable_shared_from_this<RelayServer> {
   static std::shared_ptr<RelayServer> make(const Executor& executor, std::uint16_t port,
                                            Data coordinatorKey, ServerLimits limits = {});
 
-  std::uint16_t port() const;
+  std::uint16_t port() const { return socket_->localEndpoint().port(); }
   void start();
   void stop();
 
  private:
   RelayServer(const Executor& executor, std::uint16_t port, Data coordinatorKey,
               ServerLimits limits);
-  asio::awaitable<void> receive();
   asio::awaitable<void> expire();
   void send(const std::vector<Outgoing>& datagrams);
 
-  asio::ip::udp::socket socket_;
+  std::shared_ptr<UDPSocket> socket_;
   asio::steady_timer timer_;
   ServerCore core_;
 };

@@ -18,10 +18,6 @@ using Bytes = std::span<const std::uint8_t>;
 
 std::string keyOf(Bytes bytes) { return std::string(bytes.begin(), bytes.end()); }
 
-bool signedBy(Bytes key, Bytes signature, const Data& message) {
-  return verifyDigest(key, signature, AuthCrypto::sha256(message));
-}
-
 }  // namespace
 
 ServerCore::ServerCore(Data coordinatorKey, std::function<Data(std::size_t)> random,
@@ -85,7 +81,7 @@ Data ServerCore::cookie(const Address& from, RelayPurpose purpose, const Data& s
 bool ServerCore::cookieHolds(const Address& from, RelayPurpose purpose, Bytes given) const {
   for (const Data* secret : {&secret_, &previousSecret_}) {
     const Data expected = cookie(from, purpose, *secret);
-    if (std::equal(given.begin(), given.end(), expected.begin(), expected.end())) return true;
+    if (AuthCrypto::constantTimeEqual(given, expected)) return true;
   }
   return false;
 }
@@ -114,7 +110,7 @@ void ServerCore::registerHost(const Address& from, const RelayFrame& frame, doub
   if (!cookieHolds(from, RelayPurpose::register_, cookie)) {
     return refuse(from, frame, RelayErrorCode::badCookie, 0, now, out);
   }
-  if (!signedBy(key, signature, RelayWire::registerMessage(cookie, token, key))) {
+  if (!relaySignatureHolds(key, signature, RelayWire::registerMessage(cookie, token, key))) {
     return refuse(from, frame, RelayErrorCode::badSignature, 0, now, out);
   }
   const auto admitted = RelayToken::verified(token, coordinatorKey_);
@@ -173,7 +169,8 @@ void ServerCore::join(const Address& from, const RelayFrame& frame, double now, 
   if (!RelayJoinGrant::verify(grantBytes, session.hostKey)) {
     return refuse(from, frame, RelayErrorCode::badToken, 0, now, out);
   }
-  if (!signedBy(grant->clientPublicKey, signature, RelayWire::joinMessage(cookie, grantBytes))) {
+  if (!relaySignatureHolds(grant->clientPublicKey, signature,
+                           RelayWire::joinMessage(cookie, grantBytes))) {
     return refuse(from, frame, RelayErrorCode::badSignature, 0, now, out);
   }
   if (grant->expiresAt < wall) return refuse(from, frame, RelayErrorCode::expired, 0, now, out);
@@ -215,8 +212,8 @@ void ServerCore::rebind(const Address& from, const RelayFrame& frame, double now
   if (session == sessions_.end() || peer == session->second.peers.end()) {
     return refuse(from, frame, RelayErrorCode::unknownSession, frame.session, now, out);
   }
-  if (!signedBy(peer->second.key, p.last(kSignature),
-                RelayWire::rebindMessage(p.first(kCookie), frame.session, frame.peer))) {
+  if (!relaySignatureHolds(peer->second.key, p.last(kSignature),
+                           RelayWire::rebindMessage(p.first(kCookie), frame.session, frame.peer))) {
     return refuse(from, frame, RelayErrorCode::badSignature, frame.session, now, out);
   }
   parties_.erase(peer->second.address);

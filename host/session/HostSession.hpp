@@ -134,6 +134,9 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   // The clipboard and thumbnails (HostSessionClipboard.cpp).
   asio::awaitable<void> clipboardRound();
   asio::awaitable<void> writeClipboard(std::string text);
+  static asio::awaitable<void> writeOwnClipboard(std::weak_ptr<HostSession> weak,
+                                                 std::shared_ptr<PasteboardProviding> pasteboard,
+                                                 asio::awaitable<void> write);
   void setThumbnails(bool enabled);
   std::vector<std::uint32_t> thumbnailDisplayIDs() const;
   static asio::awaitable<void> thumbnailLoop(std::weak_ptr<HostSession> weak,

@@ -25,16 +25,29 @@ asio::awaitable<void> HostSession::clipboardRound() {
 
 asio::awaitable<void> HostSession::writeClipboard(std::string text) {
   if (!env_.pasteboard) co_return;
-  ++clipboardWrites_;
+  auto writing = env_.pasteboard->writeString(std::move(text));
+  auto owned = writeOwnClipboard(weak_from_this(), env_.pasteboard, std::move(writing));
+  co_await std::move(owned);
+}
+
+// A write of ours: the rounds wait while it runs, and once it is done the mark takes its change,
+// so that the next round sees none and what we wrote does not go back to the device. Holds the
+// session weakly; throws what the write throws.
+asio::awaitable<void> HostSession::writeOwnClipboard(
+    std::weak_ptr<HostSession> weak, std::shared_ptr<PasteboardProviding> pasteboard,
+    asio::awaitable<void> write) {
+  if (const auto self = weak.lock()) ++self->clipboardWrites_;
+  std::exception_ptr failure;
   try {
-    co_await env_.pasteboard->writeString(std::move(text));
+    co_await std::move(write);
   } catch (...) {
-    --clipboardWrites_;
-    throw;
+    failure = std::current_exception();
   }
-  --clipboardWrites_;
-  // So that the next round sees no change and the text does not go back.
-  clipboardMark_.exchange(env_.pasteboard->changeCount());
+  if (const auto self = weak.lock()) {
+    --self->clipboardWrites_;
+    if (!failure) self->clipboardMark_.exchange(pasteboard->changeCount());
+  }
+  if (failure) std::rethrow_exception(failure);
 }
 
 void HostSession::setThumbnails(bool enabled) {

@@ -91,22 +91,14 @@ void HostSession::notifyArrival(const std::vector<PasteboardFile>& files) {
 asio::awaitable<void> HostSession::writeClipboardFiles(
     std::weak_ptr<HostSession> weak, std::shared_ptr<PasteboardProviding> pasteboard,
     ClipboardFiles files) {
-  if (const auto self = weak.lock()) ++self->clipboardWrites_;
-  std::optional<std::string> failure;
   try {
     auto writing = pasteboard->writeFiles(std::move(files));
-    co_await std::move(writing);
+    auto owned = writeOwnClipboard(weak, pasteboard, std::move(writing));
+    co_await std::move(owned);
   } catch (const std::exception& thrown) {
-    failure = thrown.what();
-  }
-  const auto self = weak.lock();
-  if (!self) co_return;
-  --self->clipboardWrites_;
-  if (failure) {
-    self->log_.error("putting the files on the clipboard failed: %s", failure->c_str());
-  } else {
-    // So that the clipboard's poll does not send the paths back as text.
-    self->clipboardMark_.exchange(pasteboard->changeCount());
+    if (const auto self = weak.lock()) {
+      self->log_.error("putting the files on the clipboard failed: %s", thrown.what());
+    }
   }
 }
 

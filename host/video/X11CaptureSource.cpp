@@ -166,8 +166,9 @@ void render(const std::uint8_t* pixels, const GrabPlan& plan, PixelBuffer& buffe
 }
 
 // A few pixel buffers that go round: a buffer comes back to the pool when its last holder lets go
-// of it, on whatever thread, and is written again, so steady capture allocates nothing. The lock
-// orders the last holder's reads before the next writes.
+// of it, on whatever thread, and is written again, so steady capture allocates no pixels (only
+// the handle's small control block). The lock orders the last holder's reads before the next
+// writes, in a way the thread sanitizer follows.
 class PixelBufferPool {
  public:
   // Nothing when the consumers hold every buffer the pool may have.

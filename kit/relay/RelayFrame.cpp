@@ -24,24 +24,6 @@ const char* errorText(RelayFrameError::Kind kind) {
 
 }  // namespace
 
-const char* name(RelayPacketType type) {
-  static constexpr const char* kNames[] = {
-      "data",       "keepalive", "close",      "error",
-      "registered", "joined",    "peerJoined", "challengeRequest",
-      "challenge",  "register",  "join",       "rebind",
-      "rebound",    "deny"};
-  const auto index = std::size_t(type) - kFirstType;
-  return index < std::size(kNames) ? kNames[index] : "unknown";
-}
-
-const char* name(RelayErrorCode code) {
-  static constexpr const char* kNames[] = {
-      "badToken", "unknownHost", "overQuota",    "unknownSession", "malformed",         "wrongRole",
-      "expired",  "badCookie",   "badSignature", "denied",         "addressNotOnRecord"};
-  const auto index = std::size_t(code) - 1;
-  return index < std::size(kNames) ? kNames[index] : "unknown";
-}
-
 RelayFrameError::RelayFrameError(Kind kind, std::uint8_t type)
     : std::runtime_error(errorText(kind)), kind_(kind), type_(type) {}
 
@@ -101,6 +83,15 @@ Data registerPayload(std::span<const std::uint8_t> publicKey, std::span<const st
   const auto length = std::uint16_t(std::min<std::size_t>(credential.size(), 65535));
   const std::uint8_t lengthBytes[] = {std::uint8_t(length >> 8), std::uint8_t(length)};
   return concat({publicKey, cookie, lengthBytes, credential, signature});
+}
+
+std::optional<Data> challengeCookie(const RelayFrame& frame, RelayPurpose purpose) {
+  const auto& p = frame.payload;
+  if (frame.type != RelayPacketType::challenge || p.size() != RelayLimits::handshakePayloadBytes ||
+      p[0] != std::uint8_t(purpose)) {
+    return std::nullopt;
+  }
+  return Data(p.begin() + 1, p.end());
 }
 
 Data joinPayload(std::span<const std::uint8_t> cookie, std::span<const std::uint8_t> credential,

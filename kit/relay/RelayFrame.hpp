@@ -49,9 +49,6 @@ enum class RelayErrorCode : std::uint8_t {
   addressNotOnRecord,
 };
 
-const char* name(RelayPacketType type);
-const char* name(RelayErrorCode code);
-
 struct RelayFrame {
   RelayPacketType type = RelayPacketType::data;
   std::uint32_t session = 0;  // given by the relay; 0 before there is one
@@ -92,6 +89,8 @@ std::optional<RelayErrorCode> errorCode(const RelayFrame& frame);
 // The handshake payloads.
 Data challengeRequestPayload(RelayPurpose purpose);
 Data challengePayload(RelayPurpose purpose, std::span<const std::uint8_t> cookie);
+// The cookie of a `challenge` for `purpose`; nothing for any other frame.
+std::optional<Data> challengeCookie(const RelayFrame& frame, RelayPurpose purpose);
 Data registerPayload(std::span<const std::uint8_t> publicKey, std::span<const std::uint8_t> cookie,
                      std::span<const std::uint8_t> credential,
                      std::span<const std::uint8_t> signature);

@@ -1,6 +1,5 @@
 #include "kit/relay/RelayJoinGrant.hpp"
 
-#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/relay/RelayWire.hpp"
 
 namespace kelvaron {
@@ -39,8 +38,8 @@ std::optional<RelayJoinGrant> RelayJoinGrant::parse(ByteView bytes) {
 bool RelayJoinGrant::verify(ByteView bytes, ByteView hostPublicKey) {
   const auto grant = parse(bytes);
   if (!grant || grant->hkid != RelayWire::hkid(hostPublicKey)) return false;
-  const Data message = RelayWire::grantMessage(bytes.first(bodySize));
-  return verifyDigest(hostPublicKey, bytes.subspan(bodySize), AuthCrypto::sha256(message));
+  return relaySignatureHolds(hostPublicKey, bytes.subspan(bodySize),
+                             RelayWire::grantMessage(bytes.first(bodySize)));
 }
 
 std::chrono::system_clock::time_point RelayJoinGrant::expiryDate() const {

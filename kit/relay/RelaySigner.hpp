@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "kit/crypto/P256.hpp"
+#include "kit/relay/RelayFrame.hpp"
 
 namespace kelvaron {
 
@@ -27,6 +28,15 @@ class RelaySigner {
   // Throws RelayCryptoError.
   virtual Data sign(ByteView message) const = 0;
 };
+
+// Whether `signature` is the key `publicKey`'s over `message`.
+bool relaySignatureHolds(ByteView publicKey, ByteView signature, ByteView message);
+
+// The handshakes' proofs, each signed over the cookie the relay gave. Throw RelayCryptoError.
+RelayFrame registerProof(const RelaySigner& host, ByteView cookie, ByteView token);
+RelayFrame joinProof(const RelaySigner& client, ByteView cookie, ByteView grant);
+RelayFrame rebindProof(const RelaySigner& client, ByteView cookie, std::uint32_t session,
+                       std::uint32_t peer);
 
 // A signer over a P-256 key in memory: the host's TLS identity's key, so that the host is one key
 // in TLS and at the relay, or a client's identity's key.

@@ -1,13 +1,11 @@
 #include "kit/relay/RelayToken.hpp"
 
-#include "kit/crypto/AuthCrypto.hpp"
 #include "kit/relay/RelayWire.hpp"
 
 namespace kelvaron {
 
 namespace {
 
-constexpr const char* kLabel = "kelvaron-relay-token-v1";
 constexpr std::size_t kKeyAt = 1, kExpiryAt = 66;
 
 }  // namespace
@@ -17,14 +15,14 @@ Data RelayToken::signedBy(const RelaySigner& coordinator) const {
   Data expiry;
   RelayWire::appendBigEndian(expiry, expiresAt, 8);
   const Data body = concat({head, hostPublicKey, expiry});
-  const Data signature = coordinator.sign(concat({RelayWire::domain(kLabel), body}));
+  const Data signature = coordinator.sign(RelayWire::tokenMessage(body));
   return concat({body, signature});
 }
 
 std::optional<RelayToken> RelayToken::verified(ByteView bytes, ByteView coordinatorPublicKey) {
   if (bytes.size() != size || bytes[0] != version) return std::nullopt;
-  const Data message = concat({RelayWire::domain(kLabel), bytes.first(bodySize)});
-  if (!verifyDigest(coordinatorPublicKey, bytes.subspan(bodySize), AuthCrypto::sha256(message))) {
+  if (!relaySignatureHolds(coordinatorPublicKey, bytes.subspan(bodySize),
+                           RelayWire::tokenMessage(bytes.first(bodySize)))) {
     return std::nullopt;
   }
   return RelayToken{Data(bytes.begin() + kKeyAt, bytes.begin() + kExpiryAt),

@@ -1,7 +1,5 @@
 #include "kit/relay/RelayTunnelMachine.hpp"
 
-#include "kit/relay/RelayWire.hpp"
-
 namespace kelvaron {
 
 using namespace tunnelAction;
@@ -117,10 +115,9 @@ void RelayTunnelMachine::handle(const RelayFrame& frame, TunnelActions& out) {
   const bool ours = established_ && frame.session == session_;
   switch (frame.type) {
     case RelayPacketType::challenge:
-      if (purpose_ && frame.payload.size() == RelayLimits::handshakePayloadBytes &&
-          frame.payload[0] == std::uint8_t(*purpose_)) {
-        cookie_ = Data(frame.payload.begin() + 1, frame.payload.end());
-        answerChallenge(out);
+      if (purpose_) {
+        cookie_ = challengeCookie(frame, *purpose_);
+        if (cookie_) answerChallenge(out);
       }
       break;
     case RelayPacketType::registered:
@@ -172,27 +169,19 @@ void RelayTunnelMachine::handle(const RelayFrame& frame, TunnelActions& out) {
 // The proof of the handshake's purpose, signed over the relay's cookie.
 void RelayTunnelMachine::answerChallenge(TunnelActions& out) {
   const Data& cookie = *cookie_;
-  const Data& key = signer_.publicKeyX963();
   RelayFrame proof;
   try {
     switch (*purpose_) {
       case RelayPurpose::register_:
         if (!credential_) return;
-        proof = {
-            RelayPacketType::register_, 0, 0,
-            registerPayload(key, cookie, *credential_,
-                            signer_.sign(RelayWire::registerMessage(cookie, *credential_, key)))};
+        proof = registerProof(signer_, cookie, *credential_);
         break;
       case RelayPurpose::join:
         if (!credential_) return;
-        proof = {RelayPacketType::join, 0, 0,
-                 joinPayload(cookie, *credential_,
-                             signer_.sign(RelayWire::joinMessage(cookie, *credential_)))};
+        proof = joinProof(signer_, cookie, *credential_);
         break;
       case RelayPurpose::rebind:
-        proof = {
-            RelayPacketType::rebind, session_, peer_,
-            rebindPayload(cookie, signer_.sign(RelayWire::rebindMessage(cookie, session_, peer_)))};
+        proof = rebindProof(signer_, cookie, session_, peer_);
         break;
     }
     Data datagram = encode(proof);

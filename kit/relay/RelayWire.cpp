@@ -57,6 +57,8 @@ Data rebindMessage(ByteView cookie, std::uint32_t session, std::uint32_t peer) {
 
 Data grantMessage(ByteView body) { return labelled("kelvaron-relay-grant-v1", {body}); }
 
+Data tokenMessage(ByteView body) { return labelled("kelvaron-relay-token-v1", {body}); }
+
 Data coordinatorMessage(std::uint64_t ts, ByteView publicKey) {
   return timedMessage("kelvaron-coordinator-v3", ts, publicKey);
 }

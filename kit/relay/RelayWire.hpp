@@ -17,6 +17,8 @@ Data joinMessage(ByteView cookie, ByteView credential);
 Data rebindMessage(ByteView cookie, std::uint32_t session, std::uint32_t peer);
 // `body`: a join grant's first 106 bytes.
 Data grantMessage(ByteView body);
+// `body`: a coordinator's token's first 74 bytes.
+Data tokenMessage(ByteView body);
 Data coordinatorMessage(std::uint64_t ts, ByteView publicKey);
 // `invite`: the normalised invite, as the request's body carries it.
 Data enrollMessage(std::uint64_t ts, ByteView publicKey, std::string_view invite);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kit/async/Uptime.hpp"
 #include "kit/wire/WireCodec.hpp"
 
 namespace kelvaron {
@@ -616,9 +617,9 @@ void QUICConnection::release(Stream& stream) {
                           : messages_.count() >= configuration_.maxBufferedIncomingTransferMessages;
   if (full) return releaseLater(stream);
   std::size_t granted = stream.uncredited;
-  if (!video && pacesTransfers()) {
-    const std::chrono::duration<double> now = std::chrono::steady_clock::now().time_since_epoch();
-    granted = transferPace_->grant(granted, now.count());
+  if (!video) {
+    const double now = uptimeSeconds();
+    if (pacesTransfers(now)) granted = transferPace_->grant(granted, now);
   }
   credit(stream, granted);
   stream.uncredited -= granted;
@@ -632,20 +633,22 @@ void QUICConnection::release(Stream& stream) {
   if (stream.uncredited > 0) releaseLater(stream);
 }
 
+// Each packet of a held stream comes here; the poll already armed serves them all.
 void QUICConnection::releaseLater(Stream& stream) {
+  if (backPressureArmed_) return;
+  backPressureArmed_ = true;
   backPressureTimer_.expires_after(kBackPressurePoll);
   backPressureTimer_.async_wait([weak = weak_from_this(), id = stream.id](std::error_code error) {
     auto self = weak.lock();
     if (error || !self || self->transportClosed_) return;
+    self->backPressureArmed_ = false;
     self->release(self->streamFor(id));
     self->writePackets();
   });
 }
 
-bool QUICConnection::pacesTransfers() const {
-  if (!transferPace_) return false;
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return now - std::chrono::nanoseconds(lastVideoSentNs_.load()) < std::chrono::seconds(1);
+bool QUICConnection::pacesTransfers(double now) const {
+  return transferPace_ && now - lastVideoSent_.load() < 1.0;
 }
 
 void QUICConnection::credit(Stream& stream, std::size_t count) {
@@ -870,8 +873,7 @@ void QUICConnection::send(const Message& message) {
 bool QUICConnection::sendVideo(const VideoFrame& frame) {
   Data bytes = WireCodec::encodeVideoFrame(frame);
   if (enqueue(StreamKind::video, bytes) != Enqueued::taken) return false;
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  lastVideoSentNs_ = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  lastVideoSent_ = uptimeSeconds();
   return true;
 }
 

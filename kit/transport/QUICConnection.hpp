@@ -121,7 +121,7 @@ class QUICConnection final : public Connection,
   void drainFrames(Stream& stream, Next next, Deliver deliver);
   void release(Stream& stream);
   void releaseLater(Stream& stream);
-  bool pacesTransfers() const;
+  bool pacesTransfers(double now) const;
   void credit(Stream& stream, std::size_t count);
   void acknowledged(Stream& stream, std::uint64_t offset, std::uint64_t length);
   void goReady();
@@ -154,8 +154,8 @@ class QUICConnection final : public Connection,
   const std::shared_ptr<QUICHostPort> hostPort_;  // host only
   Endpoint remote_;
   const std::unique_ptr<FingerprintBox> fingerprints_;  // client only
-  // When video last went out, on the steady clock: the files are paced for a second after it.
-  std::atomic<std::int64_t> lastVideoSentNs_{INT64_MIN / 2};
+  // When video last went out, in uptime seconds: the files are paced for a second after it.
+  std::atomic<double> lastVideoSent_{-1e9};
   Logger log_{"io.dovka.tovu.host", "transport"};
 
   // Owned by the executor.
@@ -166,7 +166,8 @@ class QUICConnection final : public Connection,
   asio::steady_timer timer_;
   asio::steady_timer handshakeTimer_;
   asio::steady_timer closeTimer_;
-  asio::steady_timer backPressureTimer_;      // of the one stream a role holds back
+  asio::steady_timer backPressureTimer_;  // of the one stream a role holds back
+  bool backPressureArmed_ = false;
   std::optional<TransferPace> transferPace_;  // host only
   asio::steady_timer waitingTimer_;
   std::uint64_t armedExpiry_ = UINT64_MAX;

@@ -54,23 +54,17 @@ struct Relay {
   Data cookie(const Address& from, RelayPurpose purpose) {
     const auto reply =
         to(from, send(from, {Type::challengeRequest, 0, 0, challengeRequestPayload(purpose)}));
-    return Data(reply.at(0).payload.begin() + 1, reply.at(0).payload.end());
+    return challengeCookie(reply.at(0), purpose).value();
   }
   Data token(const RelaySigner& host, std::uint64_t expiresAt = kWall + 3600) {
     return RelayToken{host.publicKeyX963(), expiresAt}.signedBy(coordinator);
   }
   std::vector<Outgoing> registerHost(const Address& from, const RelaySigner& host,
                                      const Data& credential) {
-    const Data c = cookie(from, RelayPurpose::register_);
-    const Data& key = host.publicKeyX963();
-    return send(from, {Type::register_, 0, 0,
-                       registerPayload(key, c, credential,
-                                       host.sign(RelayWire::registerMessage(c, credential, key)))});
+    return send(from, registerProof(host, cookie(from, RelayPurpose::register_), credential));
   }
   std::vector<Outgoing> join(const Address& from, const RelaySigner& client, const Data& grant) {
-    const Data c = cookie(from, RelayPurpose::join);
-    return send(from, {Type::join, 0, 0,
-                       joinPayload(c, grant, client.sign(RelayWire::joinMessage(c, grant)))});
+    return send(from, joinProof(client, cookie(from, RelayPurpose::join), grant));
   }
 };
 
@@ -120,13 +114,9 @@ TEST(RelayServerCore, ForwardsBetweenASessionsPartiesAndFollowsThemAsTheyMove) {
   EXPECT_EQ(Relay::to(annMoved, relay.send(annMoved, {Type::keepalive, session, annPeer, {0}})),
             std::vector{errorFrame(RelayErrorCode::addressNotOnRecord, session)});
   const Data c = relay.cookie(annMoved, RelayPurpose::rebind);
-  const Data bobsSignature = bob.sign(RelayWire::rebindMessage(c, session, annPeer));
-  EXPECT_EQ(Relay::to(annMoved, relay.send(annMoved, {Type::rebind, session, annPeer,
-                                                      rebindPayload(c, bobsSignature)})),
+  EXPECT_EQ(Relay::to(annMoved, relay.send(annMoved, rebindProof(bob, c, session, annPeer))),
             (std::vector{errorFrame(RelayErrorCode::badSignature, session)}));
-  const auto rebound = relay.send(
-      annMoved, {Type::rebind, session, annPeer,
-                 rebindPayload(c, ann.sign(RelayWire::rebindMessage(c, session, annPeer)))});
+  const auto rebound = relay.send(annMoved, rebindProof(ann, c, session, annPeer));
   EXPECT_EQ(Relay::to(annMoved, rebound),
             (std::vector{RelayFrame{Type::rebound, session, annPeer, {}}}));
   EXPECT_EQ(Relay::to(annMoved, relay.send(hostAt, {Type::data, session, annPeer, {4}})).size(),
@@ -199,18 +189,13 @@ TEST(RelayServerCore, RefusesEachBadHandshakeWithItsCode) {
        RelayErrorCode::unknownHost},
       {"a cookie of another address",
        [&](Relay& r) {
-         const Data c = r.cookie(address(7), RelayPurpose::join);
-         const Data grant = grantFor(host, ann, kWall + 60);
-         return r.send(annAt, {Type::join, 0, 0,
-                               joinPayload(c, grant, ann.sign(RelayWire::joinMessage(c, grant)))});
+         return r.send(annAt, joinProof(ann, r.cookie(address(7), RelayPurpose::join),
+                                        grantFor(host, ann, kWall + 60)));
        },
        RelayErrorCode::badCookie},
       {"a replayed handshake (its cookie two secrets old)",
        [&](Relay& r) {
-         const Data c = stale(r, annAt);
-         const Data grant = grantFor(host, ann, kWall + 60);
-         return r.send(annAt, {Type::join, 0, 0,
-                               joinPayload(c, grant, ann.sign(RelayWire::joinMessage(c, grant)))});
+         return r.send(annAt, joinProof(ann, stale(r, annAt), grantFor(host, ann, kWall + 60)));
        },
        RelayErrorCode::badCookie},
       {"a join cut short",

@@ -14,7 +14,6 @@
 
 #include "kit/relay/RelayFrame.hpp"
 #include "kit/relay/RelaySigner.hpp"
-#include "kit/relay/RelayWire.hpp"
 #include "kit/wire/Hex.hpp"
 #include "tests/support/ChildProcess.hpp"
 
@@ -106,20 +105,10 @@ class RawRelayParty {
                                       const Data& credential) {
     send({RelayPacketType::challengeRequest, 0, 0, challengeRequestPayload(purpose)});
     const auto challenge = receive(std::chrono::seconds(2));
-    if (!challenge || challenge->type != RelayPacketType::challenge ||
-        challenge->payload.size() != RelayLimits::handshakePayloadBytes) {
-      return challenge;
-    }
-    const Data cookie(challenge->payload.begin() + 1, challenge->payload.end());
-    const Data& key = signer.publicKeyX963();
-    proof = purpose == RelayPurpose::join
-                ? encode({RelayPacketType::join, 0, 0,
-                          joinPayload(cookie, credential,
-                                      signer.sign(RelayWire::joinMessage(cookie, credential)))})
-                : encode({RelayPacketType::register_, 0, 0,
-                          registerPayload(
-                              key, cookie, credential,
-                              signer.sign(RelayWire::registerMessage(cookie, credential, key)))});
+    const auto cookie = challenge ? challengeCookie(*challenge, purpose) : std::nullopt;
+    if (!cookie) return challenge;
+    proof = encode(purpose == RelayPurpose::join ? joinProof(signer, *cookie, credential)
+                                                 : registerProof(signer, *cookie, credential));
     send(proof);
     return receive(std::chrono::seconds(2));
   }
