@@ -40,7 +40,8 @@ HOME="$work/pulse" XDG_RUNTIME_DIR="$work/pulse" pulseaudio -n -F "$work/pulse/p
 pids+=($!)
 export PULSE_SERVER="unix:$work/pulse/sock"
 for _ in $(seq 1 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
-pacat --volume=6000 --rate=48000 --channels=2 --format=s16le /dev/urandom &
+# Quiet: when the demo ends, the sound server may go before the player and it would say so.
+pacat --volume=6000 --rate=48000 --channels=2 --format=s16le /dev/urandom >/dev/null 2>&1 &
 pids+=($!)
 
 # A session bus of the demo's own, where programs publish their menus.
