@@ -49,6 +49,9 @@ packages=(
   dunst
   # reach from outside: homes behind NAT in network namespaces for the relay's tests
   nftables conntrack
+  # the coordinator: the host's HTTPS client (libcurl over GnuTLS); the coordinator's HTTPS server
+  # (libmicrohttpd over GnuTLS) and its stores, one SQLite file or a shared PostgreSQL
+  libcurl4-gnutls-dev libmicrohttpd-dev libsqlite3-dev libpq-dev postgresql-15
   # the demo: something moving on the virtual display
   xterm x11-apps
 )

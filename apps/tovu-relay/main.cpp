@@ -7,7 +7,6 @@
 #include <asio/signal_set.hpp>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -44,20 +43,6 @@ struct Arguments {
   std::optional<Data> devToken;
   double hours = 24;
 };
-
-// The key in `file`, or a new one written there.
-P256PrivateKey devKeyIn(const std::filesystem::path& file) {
-  std::string text;
-  std::ifstream(file) >> text;
-  if (const auto bytes = hexBytes(text)) {
-    if (auto key = P256PrivateKey::fromRaw(*bytes)) return *key;
-  }
-  if (std::filesystem::exists(file)) throw std::runtime_error(file.string() + " holds no key");
-  P256PrivateKey key = P256PrivateKey::generate();
-  const std::string written = hexText(key.rawRepresentation()) + "\n";
-  writeFileAtomically(file, Data(written.begin(), written.end()));  // owner-only from the start
-  return key;
-}
 
 int serve(std::uint16_t port, Data coordinatorKey) {
   asio::io_context io;
@@ -105,7 +90,7 @@ int main(int argc, char** argv) {
   try {
     if (arguments.devToken) {
       if (!arguments.devKey) return line.fail("--dev-token needs --dev-key");
-      const P256RelaySigner coordinator(devKeyIn(*arguments.devKey));
+      const P256RelaySigner coordinator(keyInFile(*arguments.devKey));
       const auto until = std::chrono::system_clock::now() +
                          std::chrono::duration_cast<std::chrono::seconds>(
                              std::chrono::duration<double, std::ratio<3600>>(arguments.hours));
@@ -113,7 +98,7 @@ int main(int argc, char** argv) {
       std::cout << hexText(token.signedBy(coordinator)) << std::endl;
       return 0;
     }
-    if (arguments.devKey) arguments.coordinatorKey = devKeyIn(*arguments.devKey).publicKey();
+    if (arguments.devKey) arguments.coordinatorKey = keyInFile(*arguments.devKey).publicKey();
     if (!arguments.coordinatorKey) return line.fail("no coordinator key (see --help)");
     return serve(arguments.port, *arguments.coordinatorKey);
   } catch (const std::exception& failure) {

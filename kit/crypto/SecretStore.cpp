@@ -7,6 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+
+#include "kit/wire/Hex.hpp"
 
 namespace kelvaron {
 
@@ -105,6 +108,19 @@ void MemorySecretStore::write(const Data& bytes) {
 void MemorySecretStore::remove() {
   std::lock_guard guard(lock_);
   data_.reset();
+}
+
+P256PrivateKey keyInFile(const fs::path& file) {
+  std::string text;
+  std::ifstream(file) >> text;
+  if (const auto bytes = hexBytes(text)) {
+    if (auto key = P256PrivateKey::fromRaw(*bytes)) return *key;
+  }
+  if (fs::exists(file)) throw std::runtime_error(file.string() + " holds no key");
+  P256PrivateKey key = P256PrivateKey::generate();
+  const std::string written = hexText(key.rawRepresentation()) + "\n";
+  writeFileAtomically(file, Data(written.begin(), written.end()));
+  return key;
 }
 
 }  // namespace kelvaron

@@ -5,6 +5,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "kit/crypto/P256.hpp"
 #include "kit/wire/Bytes.hpp"
 
 namespace kelvaron {
@@ -55,5 +56,9 @@ void writeFileAtomically(const std::filesystem::path& path, const Data& bytes);
 
 // The per-user data folder of an application: $XDG_DATA_HOME/<name>, else ~/.local/share/<name>.
 std::filesystem::path userDataDirectory(const std::string& name);
+
+// The P-256 key kept in `file` as the hex of its scalar, or a new one written there (readable by
+// the owner alone). Throws when the file holds something else, rather than replace it.
+P256PrivateKey keyInFile(const std::filesystem::path& file);
 
 }  // namespace kelvaron
