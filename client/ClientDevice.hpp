@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "kit/crypto/SecretStore.hpp"
+#include "kit/relay/RelayConfig.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/security/Stores.hpp"
 #include "kit/transport/Connection.hpp"
@@ -24,6 +25,8 @@ struct ClientDevice {
   std::filesystem::path directory = userDataDirectory("tovu-client");
   FileSecretStore identityStore{directory / "identity"};
   PairedHostStore hosts{std::make_shared<FileSecretStore>(directory / "paired-hosts.json")};
+  // How each host that has remote access on can be reached through a relay.
+  RelayConfigStore relays{std::make_shared<FileSecretStore>(directory / "relay-configs.json")};
   ClientIdentity identity = ClientIdentity::loadOrCreate(identityStore);
 
   // "tovu-client on <this computer's name>".

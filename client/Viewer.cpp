@@ -14,6 +14,8 @@
 #include "kit/async/Task.hpp"
 #include "kit/media/CaptureClock.hpp"
 #include "kit/media/CodecProfileNames.hpp"
+#include "kit/relay/RelayClientLink.hpp"
+#include "kit/relay/RelaySigner.hpp"
 #include "kit/wire/WireWriter.hpp"
 
 namespace kelvaron::client {
@@ -105,6 +107,8 @@ asio::awaitable<void> Viewer::readMessages() {
       clipboardFromHost(clipboard->text);
     } else if (const auto* focus = std::get_if<msg::textFocus>(&*message)) {
       textFocus(*focus);
+    } else if (const auto* relay = std::get_if<msg::relayConfig>(&*message)) {
+      if (onRelayConfig) onRelayConfig(*relay);
     } else if (const auto* replaced = std::get_if<msg::sessionReplaced>(&*message)) {
       out_ << "Replaced by " << replaced->byDeviceName << std::endl;
       ended_ = true;
@@ -346,6 +350,56 @@ void Viewer::leave() {
   if (wantsPicture && !saved) throw FlowError("no picture to save");
 }
 
+namespace {
+
+// The host through its relay: a link joined to its session, and QUIC over it to the host itself,
+// whose certificate and proof are checked as on the local network.
+asio::awaitable<std::shared_ptr<Connection>> dialThroughRelay(const ClientDevice& device,
+                                                              const PairedHost& paired,
+                                                              const ServerTrust& trust) {
+  const auto config = device.relays.config(paired.hostID);
+  if (!config) {
+    throw FlowError("no relay is known for " + paired.name +
+                    ": connect to it once on its network while its remote access is on");
+  }
+  const auto executor = co_await asio::this_coro::executor;
+  std::shared_ptr<RelayClientLink> link;
+  try {
+    link = co_await RelayClientLink::open(
+        executor, config->relays, config->grant,
+        std::make_shared<P256RelaySigner>(device.identity.privateKey), std::chrono::seconds(10));
+  } catch (const RelayLinkError& failure) {
+    throw FlowError(failure.what());
+  }
+  const QUICConnection::Endpoint local(asio::ip::address_v4::loopback(), link->localPort());
+  std::shared_ptr<Connection> inner;
+  try {
+    inner = co_await QUICConnection::connect(executor, local, trust);
+  } catch (...) {
+    link->close();
+    throw;
+  }
+  co_return RelayedConnection::make(executor, inner, [link] { link->close(); });
+}
+
+// Keeps what the host offers for coming back through its relay, if it is for this device.
+void keepRelayConfig(ClientDevice& device, const UUID& hostID, const msg::relayConfig& offer,
+                     std::ostream& out) {
+  const RelayConfig config{offer.relays, offer.grant};
+  if (!config.isValidFor(device.identity.privateKey.publicKey())) {
+    out << "The host's relay configuration is not valid here; not kept" << std::endl;
+    return;
+  }
+  const auto stored = device.relays.config(hostID);
+  device.relays.save(config, hostID);
+  if (!stored || stored->relays != config.relays) {
+    out << "Remote access: reachable through the relay at " << config.relays.front().host << ":"
+        << config.relays.front().port << std::endl;
+  }
+}
+
+}  // namespace
+
 asio::awaitable<void> connect(ClientDevice& device, const HostDirectory& directory,
                               const std::string& host, const ViewerOptions& options,
                               std::ostream& out) {
@@ -358,7 +412,16 @@ asio::awaitable<void> connect(ClientDevice& device, const HostDirectory& directo
     return known && known->hostID == hostID;
   };
   const ServerTrust trust = ServerTrust::pinned(paired->fingerprint);
-  const auto connection = co_await directory.dial(wanted, trust);
+  std::shared_ptr<Connection> connection;
+  if (!options.viaRelay) {
+    try {
+      connection = co_await directory.dial(wanted, trust);
+    } catch (const std::exception& direct) {
+      if (!device.relays.config(hostID)) throw;
+      out << "Not reachable directly (" << direct.what() << "); through the relay" << std::endl;
+    }
+  }
+  if (!connection) connection = co_await dialThroughRelay(device, *paired, trust);
   const auto purpose = ClientHandshake::Purpose::authenticate();
   const std::function<void(const std::string&)> noCode;
   co_await device.signIn(connection, purpose, std::chrono::seconds(10), noCode,
@@ -366,6 +429,9 @@ asio::awaitable<void> connect(ClientDevice& device, const HostDirectory& directo
   device.hosts.touch(hostID, WallClock::now());
   connection->send(device.hello());
   const auto viewer = std::make_shared<Viewer>(connection, options, out, since);
+  viewer->onRelayConfig = [&device, hostID, &out](const msg::relayConfig& offer) {
+    keepRelayConfig(device, hostID, offer, out);
+  };
   co_await viewer->run();
 }
 

@@ -44,6 +44,7 @@ struct ViewerOptions {
   AppsOptions apps;
   ActionsOptions actions;
   FilesOptions files;
+  bool viaRelay = false;  // through the relay only, even when the host could be reached directly
 };
 
 // A session with a host that has been greeted: tells `out` what the host says and each second's
@@ -58,6 +59,9 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   // there is no HEVC decoder.
   Viewer(std::shared_ptr<Connection> connection, ViewerOptions options, std::ostream& out,
          Clock::time_point since);
+
+  // What the host offers for coming back through its relay; kept by whoever connected.
+  std::function<void(const msg::relayConfig&)> onRelayConfig;
 
   // Stays for the options' duration, or until the host ends the session. Throws FlowError when
   // the host refused the device or sent no picture, or when the picture to save is missing.

@@ -52,6 +52,9 @@ constexpr const char* kUsage = R"(Usage:
                            send); several go one after another
         --at-once          start every --send at once, as a person sharing again before the
                            first has ended: the host takes one and refuses the others
+        --via-relay        through the host's relay only (otherwise the relay is tried when the
+                           host cannot be reached directly and has given this device a way
+                           through it)
   tovu-client apps <host> [--installed] [--save-icons DIR]
       print the host's running applications and their windows (with --installed also the
       installed ones, fetching their icons), then leave
@@ -109,6 +112,7 @@ struct Arguments {
   FileTransferKind kind = FileTransferKind::attach;
   std::vector<std::filesystem::path> sends;
   bool atOnce = false;
+  bool viaRelay = false;
 };
 
 std::optional<LaunchAction> launchActionNamed(const std::string& name) {
@@ -186,6 +190,7 @@ apps::CommandLine commandLine(Arguments& arguments) {
               })
       .option("--send", [&](const std::string& file) { arguments.sends.push_back(file); })
       .flag("--at-once", [&] { arguments.atOnce = true; })
+      .flag("--via-relay", [&] { arguments.viaRelay = true; })
       .operands([&](const std::string& word) {
         if (arguments.command.empty()) {
           arguments.command = word;
@@ -287,7 +292,8 @@ int main(int argc, char** argv) {
       arguments.saveThumbnails,
       apps,
       actions,
-      files};
+      files,
+      arguments.viaRelay};
   const std::chrono::duration<double> looking(arguments.seconds.value_or(3));
   const auto flow = [&]() -> asio::awaitable<void> {
     client::ClientDevice device;

@@ -93,7 +93,7 @@ apps::CommandLine commandLine(Arguments& a) {
           [&](const std::string& v) { setNumber<std::uint16_t>(a.port, v, 0, 65535, "--port"); })
       .option("--token-minutes",
               [&](const std::string& v) {
-                setNumber(a.tokenMinutes, v, 3, 7 * 24 * 60, "--token-minutes");
+                setNumber(a.tokenMinutes, v, 1, 7 * 24 * 60, "--token-minutes");
               })
       .option("--rate", [&](const std::string& v) { setNumber(a.rate, v, 1, 1'000'000, "--rate"); })
       .option("--threads",

@@ -13,6 +13,7 @@
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -20,10 +21,12 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "apps/common/CommandLine.hpp"
 #include "host/app/AppModel.hpp"
 #include "host/app/HostComposition.hpp"
+#include "host/app/RelaySettings.hpp"
 #include "host/x11/XvfbServer.hpp"
 
 using namespace kelvaron;
@@ -32,8 +35,16 @@ using namespace kelvaron::host;
 namespace {
 
 constexpr const char* kUsage = R"(Usage: tovu-host [options]
+       tovu-host remote enable --coordinator URL --invite CODE [--ca FILE]
+       tovu-host remote status | disable
 
 Lets a paired iPhone or iPad see and drive this computer's X display.
+
+Remote access lets paired devices reach this computer from outside its network, through a relay:
+"remote enable" enrols the host at the coordinator URL with an invite (--ca: the certificate to
+trust for a coordinator of one's own) and turns remote access on; "remote disable" turns it off,
+keeping the enrolment; "remote status" says how it stands. A running host takes the change when it
+starts again.
 
 Options:
   --display NAME         the X display to serve (default: $DISPLAY)
@@ -48,6 +59,8 @@ Options:
 )";
 
 struct Options {
+  std::vector<std::string> command;  // "remote" and what to do
+  std::string coordinator, invite, ca;
   std::string display;
   std::optional<std::pair<int, int>> virtualDisplay;
   std::optional<std::uint16_t> port;
@@ -81,7 +94,11 @@ apps::CommandLine commandLine(Options& options) {
       .flag("--pair", [&] { options.pair = true; })
       .flag("--confirm", [&] { options.confirm = true; })
       .flag("--no-advertise", [&] { options.advertise = false; })
-      .flag("--headless", [] {});  // the only mode there is for now
+      .flag("--headless", [] {})  // the only mode there is for now
+      .option("--coordinator", [&](const std::string& url) { options.coordinator = url; })
+      .option("--invite", [&](const std::string& code) { options.invite = code; })
+      .option("--ca", [&](const std::string& file) { options.ca = file; })
+      .operands([&](const std::string& word) { options.command.push_back(word); });
   return line;
 }
 
@@ -150,6 +167,7 @@ struct Shown {
   std::optional<std::pair<std::size_t, std::optional<std::string>>> link;
   bool discoveryOff = false;
   bool error = false;
+  std::optional<std::string> remote;  // remote access, as last said
 };
 
 // Where the host listens, and why not where it was asked to.
@@ -200,6 +218,10 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
         shown.link = current;
       }
     }
+    if (const auto& relay = model->relay(); relay && relay->statusText() != shown.remote) {
+      shown.remote = relay->statusText();
+      if (shown.remote) std::cout << "tovu-host: remote access: " << *shown.remote << std::endl;
+    }
     if (model->securityError() && !shown.error) {
       std::cerr << "tovu-host: " << *model->securityError() << std::endl;
       shown.error = true;
@@ -208,12 +230,81 @@ void watch(asio::steady_timer& timer, std::shared_ptr<AppModel> model, bool pair
   });
 }
 
+// "remote enable": the host's key enrolled at the coordinator with the invite, and remote access
+// on.
+int enableRemoteAccess(const Options& options, RelaySettings& settings) {
+  if (options.coordinator.empty() || options.invite.empty()) {
+    throw apps::UsageError("remote enable wants --coordinator URL and --invite CODE");
+  }
+  if (!options.ca.empty() && !std::filesystem::exists(options.ca)) {
+    throw apps::UsageError("no certificate file " + options.ca);
+  }
+  settings.setCoordinatorURL(options.coordinator);
+  settings.setCoordinatorCA(
+      options.ca.empty() ? std::nullopt : std::optional(std::filesystem::absolute(options.ca)));
+  const auto signer =
+      std::make_shared<P256RelaySigner>(HostComposition::loadIdentity().privateKey());
+  const std::string url = settings.coordinatorURL();
+  asio::io_context io;
+  std::optional<std::string> label;
+  std::exception_ptr failure;
+  asio::co_spawn(
+      io,
+      [&]() -> asio::awaitable<void> {
+        const auto coordinator = HostComposition::coordinatorClient(settings, url, signer);
+        label = co_await coordinator->enroll(options.invite);
+      },
+      [&](std::exception_ptr e) { failure = e; });
+  io.run();
+  if (failure) std::rethrow_exception(failure);
+  settings.saveEnrollment(*label, url);
+  settings.setEnabled(true);
+  std::cout << "Remote access is on: enrolled as " << *label << " at " << url << std::endl;
+  return 0;
+}
+
+int remoteAccess(const Options& options) {
+  const std::string what = options.command.size() == 2 ? options.command[1] : "";
+  RelaySettings settings(std::make_shared<Settings>(Settings::defaultLocation()));
+  if (what == "enable") return enableRemoteAccess(options, settings);
+  if (what == "disable") {
+    settings.setEnabled(false);
+    std::cout << "Remote access is off" << std::endl;
+    return 0;
+  }
+  if (what != "status") throw apps::UsageError("remote wants enable, disable or status");
+  const auto account = settings.account();
+  std::cout << "Remote access is " << (settings.enabled() && account ? "on" : "off");
+  if (account) {
+    std::cout << ": enrolled as " << account->label << " at " << account->url;
+  } else if (!settings.coordinatorURL().empty()) {
+    std::cout << ": not enrolled at " << settings.coordinatorURL();
+  } else {
+    std::cout << ": not enrolled";
+  }
+  std::cout << std::endl;
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
   const apps::CommandLine line = commandLine(options);
   if (const auto status = line.parse(argc, argv)) return *status;
+  if (!options.command.empty()) {
+    try {
+      if (options.command[0] != "remote") {
+        throw apps::UsageError("unknown command " + options.command[0] + " (see --help)");
+      }
+      return remoteAccess(options);
+    } catch (const apps::UsageError& mistake) {
+      return line.fail(mistake.what());
+    } catch (const std::exception& failure) {
+      std::cerr << "tovu-host: " << failure.what() << std::endl;
+      return 1;
+    }
+  }
   std::unique_ptr<XvfbServer> xvfb;
   if (options.virtualDisplay) {
     try {

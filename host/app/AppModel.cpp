@@ -5,6 +5,7 @@
 #include <asio/post.hpp>
 
 #include "kit/crypto/AuthCrypto.hpp"
+#include "kit/relay/RelaySigner.hpp"
 #include "kit/security/HostAuthGate.hpp"
 
 namespace kelvaron::host {
@@ -71,6 +72,7 @@ void AppModel::stop() {
   tasks_.clear();
   if (pathWatch_) pathWatch_->stop();
   if (supervisor_) supervisor_->stop();
+  if (deps_.relay) deps_.relay->stop();
   for (const auto& [token, candidate] : candidates_) candidate->closeConnection();
 }
 
@@ -98,6 +100,21 @@ void AppModel::startHost() {
   };
   supervisor_ = ListenerSupervisor::make(main_, std::move(factory), std::move(onConnection),
                                          sleepFor, BackoffPolicy{}, deps_.port);
+  if (const auto relay = deps_.relay) {
+    relay->onConfigChanged = [weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (self && self->session_) self->session_->relayConfigChanged();
+    };
+    relay->onChange = [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->changed();
+    };
+    // The relay bridges clients to the listener, wherever it listens now; the host is one key in
+    // TLS and at the relay.
+    supervisor_->setOnPortChange(
+        [relay](std::optional<std::uint16_t> port) { relay->setListenerPort(port); });
+    relay->configure(std::make_shared<P256RelaySigner>(security_->identity->privateKey()),
+                     std::nullopt);
+  }
   supervisor_->restart();
   watchNetwork();
   changed();
@@ -138,13 +155,18 @@ void AppModel::accept(std::shared_ptr<Connection> connection, bool requiresAuth)
   env.keepDisplayAwake = [settings = deps_.settings] {
     return settings->flag(kKeepAwakeKey).value_or(true);
   };
+  if (const auto provisioner = deps_.relayProvisioner) {
+    env.relayConfig = [provisioner](const std::optional<Data>& clientKey) {
+      return clientKey ? provisioner->provision(*clientKey) : std::nullopt;
+    };
+  }
   auto onStatus = [weak = weak_from_this(), main = main_, token](const SessionStatus& status) {
     asio::post(main, [weak, status, token] {
       if (const auto self = weak.lock()) self->receiveStatus(status, token);
     });
   };
-  const auto session = HostSession::make(sessionExecutor, connection, std::move(env), std::move(gate),
-                                         std::nullopt, std::move(onStatus));
+  const auto session = HostSession::make(sessionExecutor, connection, std::move(env),
+                                         std::move(gate), std::nullopt, std::move(onStatus));
   candidates_[token] = session;
   if (!requiresAuth) promote(token, std::nullopt);
   // Every session runs to its end, live or not; only then is it forgotten.

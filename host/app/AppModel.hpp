@@ -10,10 +10,11 @@
 
 #include "host/app/ListenerSupervisor.hpp"
 #include "host/app/NetworkPathWatch.hpp"
+#include "host/app/RelayController.hpp"
 #include "host/app/Settings.hpp"
-#include "kit/async/Wakeup.hpp"
 #include "host/session/HostSession.hpp"
 #include "host/session/PowerManaging.hpp"
+#include "kit/async/Wakeup.hpp"
 #include "kit/security/HostPairingService.hpp"
 #include "kit/transport/SelfSignedIdentity.hpp"
 
@@ -50,6 +51,9 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
     std::function<Permissions()> readPermissions;
     std::shared_ptr<PowerManaging> power;
     std::shared_ptr<Settings> settings;
+    // Remote access through a relay, and what clients are given for it; none without.
+    std::shared_ptr<RelayController> relay;
+    std::shared_ptr<RelayProvisioner> relayProvisioner;
     std::string hostName;
     std::optional<std::uint16_t> port;  // the listener's first port, kept as any port that
                                         // worked; any when absent
@@ -85,6 +89,7 @@ class AppModel : public std::enable_shared_from_this<AppModel> {
   bool keepDisplayAwake() const { return keepDisplayAwake_; }
   std::size_t candidateCount() const { return candidates_.size(); }
   bool hasLiveSession() const { return session_ != nullptr; }
+  const std::shared_ptr<RelayController>& relay() const { return deps_.relay; }
 
  private:
   AppModel(const Executor& mainExecutor, Dependencies dependencies);

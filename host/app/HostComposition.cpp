@@ -88,6 +88,43 @@ HostEnvironment HostComposition::environment(std::shared_ptr<EncoderFactory> enc
   return env;
 }
 
+SelfSignedIdentity HostComposition::loadIdentity() {
+  return SelfSignedIdentity::loadOrCreate(
+      IdentityStores::files(userDataDirectory("tovu-host"), "io.dovka.tovu.host.identity"),
+      "Tovu Host");
+}
+
+// A coordinator's client for `url`, trusting the certificates the settings name.
+std::shared_ptr<CoordinatorClient> HostComposition::coordinatorClient(
+    const RelaySettings& settings, const std::string& url,
+    std::shared_ptr<const RelaySigner> signer) {
+  CurlHttpSession::Options http;
+  http.extraCA = settings.coordinatorCA();
+  return std::make_shared<CoordinatorClient>(url, std::move(signer),
+                                             std::make_shared<CurlHttpSession>(http));
+}
+
+RelayController::ServiceFactory HostComposition::relayServiceFactory(
+    const Executor& pool, std::shared_ptr<RelaySettings> settings) {
+  return [pool, settings](const std::string& url, std::shared_ptr<const RelaySigner> signer,
+                          std::optional<std::uint16_t> port, std::vector<Data> denied) {
+    auto service = RelayHostService::make(pool, coordinatorClient(*settings, url, signer), signer,
+                                          std::move(denied), {});
+    service->setListenerPort(port);
+    return service;
+  };
+}
+
+RelayController::Enroll HostComposition::coordinatorEnrollment(
+    std::shared_ptr<RelaySettings> settings) {
+  return [settings](std::string url, std::string invite,
+                    std::shared_ptr<const RelaySigner> signer) -> asio::awaitable<std::string> {
+    const auto client = coordinatorClient(*settings, url, std::move(signer));
+    std::string label = co_await client->enroll(invite);
+    co_return label;
+  };
+}
+
 AppModel::Dependencies HostComposition::dependencies() const {
   AppModel::Dependencies deps;
   deps.listenerFactory = [pool = executors_.pool, name = options_.hostName,
@@ -109,9 +146,7 @@ AppModel::Dependencies HostComposition::dependencies() const {
   };
   deps.loadSecurity = [main = executors_.main, confirm = options_.confirmOnTerminal](
                           const UUID& hostID, const std::string& hostName) {
-    const auto directory = userDataDirectory("tovu-host");
-    auto identity = std::make_shared<SelfSignedIdentity>(SelfSignedIdentity::loadOrCreate(
-        IdentityStores::files(directory, "io.dovka.tovu.host.identity"), "Tovu Host"));
+    auto identity = std::make_shared<SelfSignedIdentity>(loadIdentity());
     auto store = std::make_shared<PairedDeviceStore>(PairedDeviceStore::defaultLocation());
     // Without a person to confirm codes, pairing is by link only.
     std::shared_ptr<PairingConfirming> confirmer;
@@ -128,6 +163,12 @@ AppModel::Dependencies HostComposition::dependencies() const {
   deps.readPermissions = [name = options_.displayName] { return readPermissions(name); };
   deps.power = power_;
   deps.settings = std::make_shared<Settings>(Settings::defaultLocation());
+  const auto relaySettings = std::make_shared<RelaySettings>(deps.settings);
+  deps.relayProvisioner = std::make_shared<RelayProvisioner>(
+      relaySettings, [] { return std::chrono::system_clock::now(); });
+  deps.relay = RelayController::make(executors_.main, relaySettings, deps.relayProvisioner,
+                                     relayServiceFactory(executors_.pool, relaySettings),
+                                     coordinatorEnrollment(relaySettings));
   deps.hostName = options_.hostName;
   deps.port = options_.port;
   deps.sessionExecutor = executors_.pool;

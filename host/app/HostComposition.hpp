@@ -55,8 +55,19 @@ class HostComposition {
 
   // Whether the host can see the X display and drive its input (XTEST).
   static Permissions readPermissions(const std::string& displayName);
+  // The host's identity, kept in its data folder, or a new one; throws when it cannot be kept.
+  static SelfSignedIdentity loadIdentity();
+  // The coordinator at `url` as the host reaches it, with the certificates the settings trust.
+  // Throws CoordinatorError for a URL that is not one.
+  static std::shared_ptr<CoordinatorClient> coordinatorClient(
+      const RelaySettings& settings, const std::string& url,
+      std::shared_ptr<const RelaySigner> signer);
 
  private:
+  static RelayController::ServiceFactory relayServiceFactory(
+      const Executor& pool, std::shared_ptr<RelaySettings> settings);
+  static RelayController::Enroll coordinatorEnrollment(std::shared_ptr<RelaySettings> settings);
+
   const Executors executors_;
   const Options options_;
   const std::shared_ptr<RandrDisplayManager> displays_;

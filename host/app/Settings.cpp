@@ -49,9 +49,40 @@ std::optional<bool> Settings::flag(const std::string& key) const {
   return found->get<bool>();
 }
 
-void Settings::setFlag(const std::string& key, bool value) {
+void Settings::setFlag(const std::string& key, bool value) { set(key, value); }
+
+std::optional<nlohmann::json> Settings::value(const std::string& key) const {
   std::lock_guard guard(lock_);
-  values_[key] = value;
+  const auto found = values_.find(key);
+  if (found == values_.end()) return std::nullopt;
+  return *found;
+}
+
+std::optional<std::string> Settings::text(const std::string& key) const {
+  const auto found = value(key);
+  if (!found || !found->is_string()) return std::nullopt;
+  return found->get<std::string>();
+}
+
+void Settings::set(const std::string& key, nlohmann::json value) {
+  update(key, [&](nlohmann::json) { return std::move(value); });
+}
+
+void Settings::remove(const std::string& key) {
+  update(key, [](nlohmann::json) { return nlohmann::json(); });
+}
+
+void Settings::update(const std::string& key,
+                      const std::function<nlohmann::json(nlohmann::json)>& change) {
+  std::lock_guard guard(lock_);
+  const auto found = values_.find(key);
+  nlohmann::json changed = change(found == values_.end() ? nlohmann::json() : *found);
+  if (changed.is_null()) {
+    if (found == values_.end()) return;
+    values_.erase(key);
+  } else {
+    values_[key] = std::move(changed);
+  }
   save();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -23,6 +24,15 @@ class Settings {
 
   std::optional<bool> flag(const std::string& key) const;
   void setFlag(const std::string& key, bool value);
+  // Any value; nothing when the key is absent.
+  std::optional<nlohmann::json> value(const std::string& key) const;
+  // Absent or of another type: nothing.
+  std::optional<std::string> text(const std::string& key) const;
+  void set(const std::string& key, nlohmann::json value);
+  void remove(const std::string& key);
+  // Reads, changes and writes one value under the settings' lock; `change` gets null for a key
+  // that is absent, and returns null to remove it.
+  void update(const std::string& key, const std::function<nlohmann::json(nlohmann::json)>& change);
   // "hostID": made and stored on first need, and made again if the stored text is no UUID.
   UUID hostID();
 

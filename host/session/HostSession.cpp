@@ -310,6 +310,10 @@ void HostSession::setKeepAwake(bool keepAwake) {
   });
 }
 
+void HostSession::relayConfigChanged() {
+  onStrand([](HostSession& self) { self.sendRelayConfig(); });
+}
+
 void HostSession::updateKeepAwakeAssertion() {
   if (keepAwake_ && !assertionID_ && client_ && status_.phase != SessionStatus::Phase::ended) {
     assertionID_ = env_.power->takeDisplayAssertion(kAssertionName);

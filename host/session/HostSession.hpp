@@ -63,6 +63,8 @@ class HostSession : public std::enable_shared_from_this<HostSession> {
   void setNote(std::optional<std::string> text);
   void setLifecycleState(HostState state, std::optional<std::string> detail);
   void setKeepAwake(bool keepAwake);
+  // What the client is given to come back through the relay changed: it is given it again.
+  void relayConfigChanged();
   // Sleep, display sleep and the lock hold capture; the hold keeps what the client was seeing.
   asio::awaitable<void> suspendCapture(std::string reason);
   asio::awaitable<void> resumeCapture(bool restart);

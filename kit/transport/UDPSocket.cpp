@@ -51,6 +51,12 @@ std::shared_ptr<UDPSocket> UDPSocket::dial(const Executor& executor, const Endpo
   return std::shared_ptr<UDPSocket>(new UDPSocket(executor, std::move(socket)));
 }
 
+std::shared_ptr<UDPSocket> UDPSocket::loopback(const Executor& executor) {
+  asio::ip::udp::socket socket(executor, asio::ip::udp::v4());
+  socket.bind({asio::ip::address_v4::loopback(), 0});
+  return std::shared_ptr<UDPSocket>(new UDPSocket(executor, std::move(socket)));
+}
+
 UDPSocket::UDPSocket(const Executor& executor, asio::ip::udp::socket socket)
     : executor_(executor), socket_(std::move(socket)), local_(socket_.local_endpoint()) {
   socket_.non_blocking(true);

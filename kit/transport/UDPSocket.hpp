@@ -24,6 +24,9 @@ class UDPSocket : public std::enable_shared_from_this<UDPSocket> {
   // Bound to any port of `remote`'s family, for talking to `remote` only. Throws
   // std::system_error.
   static std::shared_ptr<UDPSocket> dial(const Executor& executor, const Endpoint& remote);
+  // Bound to any port of 127.0.0.1, for a bridge between programs of this machine. Throws
+  // std::system_error.
+  static std::shared_ptr<UDPSocket> loopback(const Executor& executor);
 
   ~UDPSocket();
 

@@ -26,9 +26,12 @@
 #include "tests/support/AudioSignals.hpp"
 #include "tests/support/BusObject.hpp"
 #include "tests/support/ChildProcess.hpp"
+#include "tests/support/CoordinatorProcess.hpp"
 #include "tests/support/InputRecorder.hpp"
+#include "tests/support/NatNetwork.hpp"
 #include "tests/support/NetworkNamespace.hpp"
 #include "tests/support/PulseAudioServer.hpp"
+#include "tests/support/RelayProcess.hpp"
 #include "tests/support/ScreenPainter.hpp"
 #include "tests/support/TempDirectory.hpp"
 #include "tests/support/VirtualDisplay.hpp"
@@ -121,10 +124,12 @@ struct Device {
   TempDirectory home;
   std::string name;
   std::string display;
+  std::string netns;  // the network namespace it is in; the test's own when empty
 
   std::vector<std::string> command(std::vector<std::string> arguments) const {
     std::vector<std::string> all = {"env", "XDG_DATA_HOME=" + home.path().string(),
                                     "DISPLAY=" + display, TOVU_CLIENT};
+    if (!netns.empty()) all.insert(all.begin(), {"ip", "netns", "exec", netns});
     all.insert(all.end(), arguments.begin(), arguments.end());
     all.insert(all.end(), {"--name", name});
     return all;
@@ -155,12 +160,22 @@ class Host {
  public:
   // `confirm`: pairing by code comparison, answered through `answer`. `arguments` follow the
   // host's own; `environment` holds the host's variables of its own ("NAME=value").
+  // `netns`: the network namespace the host runs in, the test's own when empty; `before`: host
+  // commands run there first, with the same home ("remote enable …").
   explicit Host(bool confirm = false, std::vector<std::string> arguments = {"--no-advertise"},
-                std::vector<std::string> environment = {}) {
+                std::vector<std::string> environment = {}, std::string netns = {},
+                const std::vector<std::vector<std::string>>& before = {}) {
     std::vector<std::string> command = {"env", "XDG_DATA_HOME=" + home_.path().string(),
                                         "XDG_CONFIG_HOME=" + home_.path().string()};
+    if (!netns.empty()) command.insert(command.begin(), {"ip", "netns", "exec", netns});
     command.insert(command.end(), environment.begin(), environment.end());
-    command.insert(command.end(), {TOVU_HOST, "--virtual-display", "800x600", "--pair"});
+    command.push_back(TOVU_HOST);
+    for (const auto& words : before) {
+      std::vector<std::string> step = command;
+      step.insert(step.end(), words.begin(), words.end());
+      setup_ += runCommand(step).output;
+    }
+    command.insert(command.end(), {"--virtual-display", "800x600", "--pair"});
     command.insert(command.end(), arguments.begin(), arguments.end());
     std::function<bool()> prepare;
     if (confirm) {
@@ -178,7 +193,7 @@ class Host {
   }
 
   bool up() const { return !display_.empty() && !port_.empty(); }
-  std::string why() const { return "the host did not come up:\n" + readFile(log()); }
+  std::string why() const { return "the host did not come up:\n" + setup_ + readFile(log()); }
   const std::string& display() const { return display_; }
   const std::string& port() const { return port_; }
   std::string address() const { return "127.0.0.1:" + port_; }
@@ -208,6 +223,7 @@ class Host {
   TempDirectory home_;
   std::unique_ptr<ChildProcess> process_;
   std::string display_, port_;
+  std::string setup_;  // what the commands before it said
 };
 
 #define HOST_OR_SKIP(host) \
@@ -832,6 +848,60 @@ TEST_F(AccessibleDesktop, FilesFromTheDeviceLandWholeOrNotAtAll) {
             std::string::npos)
       << full.output;
   EXPECT_TRUE(fs::is_empty(host->inbox()));
+}
+
+// Remote access as a person sets it up, over a small internet of namespaces: a coordinator and a
+// relay on the public side, the host at home behind its router, enrolled with an invite. A device
+// paired at the host's home is given a way through the relay; from another home, where the host
+// cannot be reached, it connects through the relay by itself, sees the screen and types, while
+// the host's token is renewed under it. The host revoked at the coordinator loses remote access
+// and says so.
+TEST(EndToEnd, ADeviceAwayFromHomeReachesTheHostThroughTheRelay) {
+  const NatNetwork network(TOVU_NAT_NETWORK);
+  if (!network.problem().empty()) GTEST_SKIP() << network.problem();
+  const TempDirectory services;
+  const RelayProcess relay(TOVU_RELAY, services.path(), 0, network.netns("public"));
+  ASSERT_NE(relay.port(), 0) << readFile(services / "relay.log");
+  // The coordinator signs with the key the relay trusts: the one file in `services`.
+  const CoordinatorProcess coordinator(
+      TOVU_COORDINATOR, services.path(),
+      std::string("sin:") + NatNetwork::publicAddress + ":" + std::to_string(relay.port()), {},
+      {"--token-minutes", "1"}, NatNetwork::publicAddress, network.netns("public"));
+  ASSERT_NE(coordinator.port(), 0) << readFile(services / "coordinator.log");
+  const std::string url = "https://" + std::string(NatNetwork::publicAddress) + ":" +
+                          std::to_string(coordinator.port());
+  // Typed by hand: lower case, spaces.
+  std::string invite = coordinator.invite("family");
+  for (char& c : invite) c = char(std::tolower(c));
+  const Host host(false, {"--no-advertise"}, {}, network.netns("host"),
+                  {{"remote", "enable", "--coordinator", url, "--invite", " " + invite + " ",
+                    "--ca", coordinator.certificate().string()}});
+  HOST_OR_SKIP(host);
+  ASSERT_TRUE(waitFor(host.log(), "remote access: Ready · Singapore")) << readFile(host.log());
+
+  Device ann{{}, "Ann's phone", {}, network.netns("host")};
+  ASSERT_TRUE(ann.run({"pair", host.link(), "--address", host.address()}).succeeded());
+  const auto atHome = ann.run(ann.connect(host.address(), "2"));
+  EXPECT_NE(atHome.output.find("Remote access: reachable through the relay at 100.64.0.1:"),
+            std::string::npos)
+      << atHome.output;
+
+  ann.netns = network.netns("client");
+  InputRecorder window(host.display());
+  const auto away = ann.run(ann.connect(host.address(), "35", {"--type", "from afar"}));
+  ASSERT_TRUE(away.succeeded()) << away.output;
+  EXPECT_NE(away.output.find("through the relay"), std::string::npos) << away.output;
+  EXPECT_NE(away.output.find("First picture"), std::string::npos) << away.output;
+  EXPECT_NE(away.output.find("[ 35s]"), std::string::npos) << "the session ended early";
+  EXPECT_EQ(InputRecorder::typed(window.take()), "from afar") << away.output;
+  EXPECT_TRUE(waitFor(host.log(), "token renewed", 1, 5s)) << readFile(host.log());
+
+  const std::string hosts = coordinator.command({"hosts"}).output;
+  const std::string key = hosts.substr(hosts.rfind("  ") + 2, 130);
+  EXPECT_EQ(coordinator.command({"revoke", key}).output, "revoked 1 host\n");
+  EXPECT_TRUE(
+      waitFor(host.log(), "remote access: Remote access for this computer was removed", 1, 45s))
+      << readFile(host.log());
 }
 
 }  // namespace
