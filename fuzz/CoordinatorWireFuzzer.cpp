@@ -1,5 +1,6 @@
 // Bodies from anyone to a coordinator, and from a coordinator to a host: each either decodes to
-// what encodes and decodes again to the same, or is refused.
+// what encodes and decodes again to the same, or is refused. The same bytes as a client's stored
+// relay configurations: what decodes is kept, and reads back the same once cleaned.
 
 #include <cstddef>
 #include <cstdint>
@@ -7,6 +8,7 @@
 
 #include "kit/relay/CoordinatorError.hpp"
 #include "kit/relay/CoordinatorWire.hpp"
+#include "kit/relay/RelayConfig.hpp"
 
 using namespace kelvaron;
 
@@ -44,5 +46,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const CoordinatorError&) {
   }
   (void)CoordinatorError::fromResponse(401, body);
+
+  const auto stored = std::make_shared<MemorySecretStore>();
+  stored->write(Data(data, data + size));
+  const RelayConfigStore configs(stored);
+  const auto ids = configs.hostIDs();
+  for (const UUID& id : ids) {
+    if (!configs.config(id)) __builtin_trap();
+  }
+  if (configs.hostIDs() != ids) __builtin_trap();
   return 0;
 }

@@ -36,6 +36,8 @@ mutants=(
   "R1|kit/relay/RelayJoinGrant.cpp|kit_relay_tests|a grant verified without its host's hkid|'grant->hkid != RelayWire::hkid(hostPublicKey)'|'false'"
   "R2|kit/relay/RelayFrame.cpp|kit_relay_tests|type byte 17 accepted|'type > kLastType) {'|'type > kLastType + 1) {'"
   "R3|relay/RelayServerCore.cpp|relay_server_tests|a cookie not bound to its source address|'concat({head, from.ip, port})'|'concat({head})'"
+  "C1|coordinator/CoordinatorCore.cpp|coordinator_tests|the host's clock not checked|'std::abs(skew) <= options_.allowedSkew.count()'|'std::abs(skew) >= 0'"
+  "C2|coordinator/CoordinatorStore.cpp|coordinator_tests|a used invite taken again|'AND used_at IS NULL '|''"
 )
 
 # Copies the checkout (or, with MUTATION_REV set, that commit) into $src, rewriting only files

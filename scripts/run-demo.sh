@@ -4,7 +4,8 @@
 # pairs the reference client by token, streams picture and sound for a while typing into the
 # terminal, then streams the terminal's window alone (focus mode), opens an installed application
 # from the client and quits it, shows a program's menu bar on the client and presses one of its
-# items, sends files to the host's inbox and clipboard, and says what happened.
+# items, sends files to the host's inbox and clipboard, then shows remote access through a relay
+# over network namespaces (scripts/run-remote-demo.sh), and says what happened.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -125,6 +126,13 @@ DISPLAY=$display timeout 5 xclip -o -selection clipboard -t text/uri-list | tr -
 dunstctl close-all 2>/dev/null || true
 echo "The host's notification: $(dunstctl history 2>/dev/null |
   sed -n '/"summary"/,/"data"/ s/.*"data" : "\(.*\)".*/\1/p' | head -1)"
+
+echo "== remote access: the same host and device, away from home, through a relay"
+if [ "$(id -u)" -eq 0 ]; then
+  TOVU_DEMO_SECONDS=5 bash scripts/run-remote-demo.sh 2>&1 | grep -v "^ninja: no work to do"
+else
+  echo "(network namespaces need root: sudo bash scripts/run-remote-demo.sh)"
+fi
 
 echo "== done"
 echo "The last picture the client decoded: $work/last-frame.png"

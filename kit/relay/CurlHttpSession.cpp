@@ -8,6 +8,7 @@
 #include <asio/post.hpp>
 #include <asio/use_awaitable.hpp>
 #include <atomic>
+#include <mutex>
 
 namespace kelvaron {
 
@@ -43,7 +44,9 @@ int progress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 }  // namespace
 
 CurlHttpSession::CurlHttpSession(Options options) : options_(std::move(options)) {
-  curl_global_init(CURL_GLOBAL_DEFAULT);  // counted, and cheap after the first
+  // Once for the process, and never undone: libcurl's global state is not for threads to race on.
+  static std::once_flag initialised;
+  std::call_once(initialised, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
   worker_ = std::thread([this] { work(); });
 }
 
@@ -56,7 +59,6 @@ CurlHttpSession::~CurlHttpSession() {
   }
   wake_.notify_all();
   worker_.join();
-  curl_global_cleanup();
 }
 
 asio::awaitable<CurlHttpSession::Response> CurlHttpSession::postJSON(std::string url,
@@ -64,23 +66,26 @@ asio::awaitable<CurlHttpSession::Response> CurlHttpSession::postJSON(std::string
   auto request = std::make_shared<Request>();
   request->url = std::move(url);
   request->body = std::move(body);
-  co_return co_await asio::async_initiate<decltype(asio::use_awaitable),
-                                          void(std::exception_ptr, Response)>(
-      [this, request](auto handler) {
-        auto slot = asio::get_associated_cancellation_slot(handler);
-        if (slot.is_connected()) {
-          slot.assign([request](asio::cancellation_type) { request->abandoned = true; });
-        }
-        const auto executor = asio::get_associated_executor(handler);
-        auto shared = std::make_shared<decltype(handler)>(std::move(handler));
-        request->done = [executor, shared](std::exception_ptr failure, Response response) {
-          asio::post(executor, [shared, failure, response = std::move(response)]() mutable {
-            (*shared)(failure, std::move(response));
-          });
-        };
-        enqueue(request);
-      },
-      asio::use_awaitable);
+  // The answer comes on the worker's thread and is handed to the awaiting coroutine's executor.
+  // Named, not a temporary of the co_await expression (GCC 12).
+  const auto initiate = [this, request](auto handler) {
+    auto slot = asio::get_associated_cancellation_slot(handler);
+    if (slot.is_connected()) {
+      slot.assign([request](asio::cancellation_type) { request->abandoned = true; });
+    }
+    const auto executor = asio::get_associated_executor(handler);
+    auto shared = std::make_shared<decltype(handler)>(std::move(handler));
+    request->done = [executor, shared](std::exception_ptr failure, Response response) {
+      asio::post(executor, [shared, failure, response = std::move(response)]() mutable {
+        (*shared)(failure, std::move(response));
+      });
+    };
+    enqueue(request);
+  };
+  Response response = co_await asio::async_initiate<decltype(asio::use_awaitable),
+                                                    void(std::exception_ptr, Response)>(
+      initiate, asio::use_awaitable);
+  co_return response;
 }
 
 void CurlHttpSession::enqueue(std::shared_ptr<Request> request) {
@@ -131,7 +136,10 @@ void CurlHttpSession::perform(Request& request) const {
   curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progress);
   curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &request.abandoned);
-  if (options_.extraCA) curl_easy_setopt(curl, CURLOPT_CAINFO, options_.extraCA->c_str());
+  if (options_.extraCA) {
+    curl_easy_setopt(curl, CURLOPT_CAINFO, options_.extraCA->c_str());
+    curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);  // those alone, not the system's folder too
+  }
   const CURLcode result = curl_easy_perform(curl);
   long status = 0;
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);

@@ -8,7 +8,9 @@
 #include "host/app/AppModel.hpp"
 #include "host/app/ListenerSupervisor.hpp"
 #include "host/app/NetworkPathWatch.hpp"
+#include "host/app/RelayProvisioner.hpp"
 #include "kit/crypto/AuthCrypto.hpp"
+#include "kit/relay/RelayJoinGrant.hpp"
 #include "kit/security/ClientHandshake.hpp"
 #include "kit/transport/InMemoryConnection.hpp"
 #include "tests/support/AsyncTest.hpp"
@@ -210,6 +212,44 @@ TEST(Settings, KeepsItsValuesAndItsHostIDAndADamagedFileAside) {
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), damaged);
     EXPECT_EQ(Settings(file).flag(flag), true);
   }
+}
+
+// The enrolment holds for the coordinator it was made with; a denied key is forgotten after 31
+// days, or as soon as its device is given a grant again; hand-edited nonsense counts as nothing.
+TEST(RelaySettings, KeepsTheEnrolmentOfItsCoordinatorAndDeniedKeysForAMonth) {
+  TempDirectory directory;
+  const auto settings = std::make_shared<Settings>(directory.path() / "settings.json");
+  settings->set("relay.enrolledLabel", "old");  // from before invites: dropped once
+  const auto relay = std::make_shared<RelaySettings>(settings);
+  EXPECT_EQ(relay->account(), std::nullopt);
+  relay->setCoordinatorURL(" https://c.example \n");
+  relay->saveEnrollment("family", "https://c.example");
+  relay->setEnabled(true);
+  EXPECT_EQ(RelaySettings(settings).account(), (RelayAccount{"family", "https://c.example"}));
+  relay->setCoordinatorURL("https://other.example");
+  EXPECT_EQ(relay->account(), std::nullopt);
+
+  const auto day = std::chrono::hours(24);
+  const auto now = std::chrono::system_clock::now();
+  const Data ann(65, 4), bob(65, 2);
+  relay->deny(ann, now - 31 * day + std::chrono::seconds(1));
+  relay->deny(bob, now);
+  EXPECT_EQ(relay->deniedList(now), (std::vector<Data>{bob, ann}));
+  EXPECT_EQ(relay->deniedList(now + std::chrono::seconds(1)), std::vector<Data>{bob});
+
+  RelayProvisioner provisioner(relay, [now] { return now; });
+  EXPECT_EQ(provisioner.provision(bob), std::nullopt) << "remote access is not running";
+  const auto host = std::make_shared<P256RelaySigner>(P256PrivateKey::generate());
+  provisioner.update(host, {{"relay.example", 4433}}, true);
+  const auto given = provisioner.provision(bob);
+  ASSERT_TRUE(given);
+  EXPECT_TRUE(RelayJoinGrant::verify(given->grant, host->publicKeyX963()));
+  EXPECT_EQ(relay->deniedList(now), std::vector<Data>{ann});
+
+  settings->set("relay.denied", "nonsense");
+  settings->set("relay.enabled", 3);
+  EXPECT_TRUE(relay->deniedList(now).empty());
+  EXPECT_FALSE(relay->enabled());
 }
 
 // A supervisor on a test clock whose listeners bind the port asked, or 5000, where `works` says.

@@ -4,6 +4,9 @@
 
 #include "kit/relay/CoordinatorError.hpp"
 #include "kit/relay/InviteCode.hpp"
+#include "kit/relay/RelayConfig.hpp"
+#include "kit/relay/RelayJoinGrant.hpp"
+#include "kit/relay/RelaySigner.hpp"
 
 namespace kelvaron {
 namespace {
@@ -56,6 +59,50 @@ TEST(CoordinatorError, AResponsesStatusAndErrorDecideWhatThePersonReads) {
     EXPECT_EQ(error.kind(), c.kind) << c.status << " " << c.body;
     EXPECT_STREQ(error.what(), c.text);
   }
+}
+
+// A client keeps a host's relay configuration only when it is one it can use; in store, an entry
+// that does not decode costs only itself.
+TEST(RelayConfig, IsKeptOnlyWhenUsableAndABadEntryCostsOnlyItself) {
+  const P256RelaySigner host(P256PrivateKey::generate());
+  const Data me = P256PrivateKey::generate().publicKey();
+  const Data other = P256PrivateKey::generate().publicKey();
+  const auto now = std::chrono::system_clock::now();
+  const Data grant = RelayJoinGrant::issue(me, host, RelayJoinGrant::defaultLifetime, now);
+  const std::vector<RelayEndpoint> one{{"relay.example", 4433}};
+  struct Case {
+    RelayConfig config;
+    bool valid;
+  };
+  const std::vector<Case> cases{
+      {{one, grant}, true},
+      {{std::vector<RelayEndpoint>(8, one[0]), grant}, true},
+      {{std::vector<RelayEndpoint>(9, one[0]), grant}, false},
+      {{{}, grant}, false},
+      {{{{"", 4433}}, grant}, false},
+      {{{{"relay.example", 0}}, grant}, false},
+      {{one, RelayJoinGrant::issue(other, host, RelayJoinGrant::defaultLifetime, now)}, false},
+      {{one, Data(grant.begin(), grant.end() - 1)}, false},
+  };
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(cases[i].config.isValidFor(me), cases[i].valid) << "case " << i;
+  }
+
+  const auto secrets = std::make_shared<MemorySecretStore>();
+  RelayConfigStore store(secrets);
+  const UUID a = *UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  store.save({one, grant}, a);
+  const Data written = *secrets->read();
+  const std::string good(written.begin(), written.end());
+  const std::string stored = good.substr(0, good.size() - 1) +
+                             R"(,"not a uuid":{},"11111111-2222-3333-4444-555555555555":)"
+                             R"({"relays":[{"host":"h","port":70000}],"grant":"AA=="}})";
+  secrets->write(Data(stored.begin(), stored.end()));
+  EXPECT_EQ(store.hostIDs(), std::vector<UUID>{a});
+  EXPECT_EQ(*secrets->read(), written);
+  EXPECT_EQ(store.config(a), (RelayConfig{one, grant}));
+  store.remove(a);
+  EXPECT_EQ(secrets->read(), std::nullopt);
 }
 
 }  // namespace
