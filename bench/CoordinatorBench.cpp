@@ -33,7 +33,8 @@ double tokensPerSecond(const test::CoordinatorProcess& coordinator, double secon
       test::runAsync(
           [&](asio::io_context&) -> asio::awaitable<void> {
             CoordinatorClient client(url, host, session);
-            const std::string account = co_await client.enroll(coordinator.invite());
+            const std::string invite = coordinator.invite();
+            const std::string account = co_await client.enroll(invite);
             while (std::chrono::steady_clock::now() < until) {
               try {
                 const RelayAdmission admission = co_await client.fetchToken();

@@ -363,11 +363,12 @@ asio::awaitable<std::shared_ptr<Connection>> dialThroughRelay(const ClientDevice
                     ": connect to it once on its network while its remote access is on");
   }
   const auto executor = co_await asio::this_coro::executor;
+  const auto signer = std::make_shared<P256RelaySigner>(device.identity.privateKey);
   std::shared_ptr<RelayClientLink> link;
   try {
-    link = co_await RelayClientLink::open(
-        executor, config->relays, config->grant,
-        std::make_shared<P256RelaySigner>(device.identity.privateKey), std::chrono::seconds(10));
+    auto opening = RelayClientLink::open(executor, config->relays, config->grant, signer,
+                                         std::chrono::seconds(10));  // named: GCC 12
+    link = co_await std::move(opening);
   } catch (const RelayLinkError& failure) {
     throw FlowError(failure.what());
   }

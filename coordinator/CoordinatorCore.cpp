@@ -22,7 +22,11 @@ RateLimiter::RateLimiter(double burst, std::chrono::duration<double> period, std
 bool RateLimiter::admit(const std::string& source, double now) {
   std::lock_guard guard(lock_);
   if (buckets_.size() >= maxSources_ && !buckets_.contains(source)) forgetIdle(now);
-  if (buckets_.size() >= maxSources_ && !buckets_.contains(source)) return false;
+  if (buckets_.size() >= maxSources_ && !buckets_.contains(source)) {
+    // A full table turns nobody away: the source heard from longest ago gives way.
+    buckets_.erase(std::ranges::min_element(
+        buckets_, [](const auto& a, const auto& b) { return a.second.at < b.second.at; }));
+  }
   auto [entry, fresh] = buckets_.try_emplace(source, Bucket{burst_, now});
   Bucket& bucket = entry->second;
   bucket.tokens = std::min(burst_, bucket.tokens + std::max(0.0, now - bucket.at) / period_);

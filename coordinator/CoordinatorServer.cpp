@@ -12,7 +12,8 @@ namespace kelvaron::coordinator {
 
 namespace {
 
-// Every request body we take fits in this; a larger one is refused without being read on.
+// Every request body we take fits in this; a larger one is read to its end, kept nowhere, and
+// refused (within the connection's timeout and memory limit).
 constexpr std::size_t kMaxBody = 4096;
 
 struct Request {
@@ -29,7 +30,8 @@ MHD_Result reply(MHD_Connection* connection, const HttpAnswer& answer) {
   return queued;
 }
 
-// The peer's address, without its port: what the rate limits count.
+// The peer's address, without its port: what the rate limits count. An IPv6 peer counts by its
+// /64, which one home or machine gets whole.
 std::string sourceOf(MHD_Connection* connection) {
   const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
   char text[INET6_ADDRSTRLEN] = "?";
@@ -38,8 +40,9 @@ std::string sourceOf(MHD_Connection* connection) {
   if (address->sa_family == AF_INET) {
     inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text, sizeof text);
   } else if (address->sa_family == AF_INET6) {
-    inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
-              sizeof text);
+    in6_addr network = reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+    if (!IN6_IS_ADDR_V4MAPPED(&network)) std::fill(network.s6_addr + 8, network.s6_addr + 16, 0);
+    inet_ntop(AF_INET6, &network, text, sizeof text);
   }
   return text;
 }

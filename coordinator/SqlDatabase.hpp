@@ -30,7 +30,8 @@ class SqlDatabase {
   // Runs one statement; the rows it returns. Throws StoreError.
   virtual std::vector<SqlRow> run(std::string_view sql,
                                   const std::vector<SqlValue>& parameters) = 0;
-  // Runs `body` as one transaction that takes write locks at once, committed unless it throws.
+  // Runs `body` as one transaction, committed unless it throws. (Statements that must not race
+  // between coordinators say so themselves: an update's condition under the row's lock.)
   virtual void transaction(const std::function<void()>& body) = 0;
 };
 

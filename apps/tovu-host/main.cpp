@@ -239,24 +239,28 @@ int enableRemoteAccess(const Options& options, RelaySettings& settings) {
   if (!options.ca.empty() && !std::filesystem::exists(options.ca)) {
     throw apps::UsageError("no certificate file " + options.ca);
   }
-  settings.setCoordinatorURL(options.coordinator);
-  settings.setCoordinatorCA(
-      options.ca.empty() ? std::nullopt : std::optional(std::filesystem::absolute(options.ca)));
+  // Nothing is saved before the enrolment holds: a mistyped address or a used invite leaves the
+  // last enrolment as it was.
+  const auto ca =
+      options.ca.empty() ? std::nullopt : std::optional(std::filesystem::absolute(options.ca));
   const auto signer =
       std::make_shared<P256RelaySigner>(HostComposition::loadIdentity().privateKey());
-  const std::string url = settings.coordinatorURL();
+  const auto coordinator = HostComposition::coordinatorClient(options.coordinator, ca, signer);
+  const std::string url = coordinator->baseURL();
   asio::io_context io;
   std::optional<std::string> label;
   std::exception_ptr failure;
   asio::co_spawn(
       io,
       [&]() -> asio::awaitable<void> {
-        const auto coordinator = HostComposition::coordinatorClient(settings, url, signer);
-        label = co_await coordinator->enroll(options.invite);
+        auto enrolling = coordinator->enroll(options.invite);  // named: GCC 12
+        label = co_await std::move(enrolling);
       },
       [&](std::exception_ptr e) { failure = e; });
   io.run();
   if (failure) std::rethrow_exception(failure);
+  settings.setCoordinatorURL(url);
+  settings.setCoordinatorCA(ca);
   settings.saveEnrollment(*label, url);
   settings.setEnabled(true);
   std::cout << "Remote access is on: enrolled as " << *label << " at " << url << std::endl;

@@ -94,12 +94,11 @@ SelfSignedIdentity HostComposition::loadIdentity() {
       "Tovu Host");
 }
 
-// A coordinator's client for `url`, trusting the certificates the settings name.
 std::shared_ptr<CoordinatorClient> HostComposition::coordinatorClient(
-    const RelaySettings& settings, const std::string& url,
+    const std::string& url, const std::optional<std::filesystem::path>& ca,
     std::shared_ptr<const RelaySigner> signer) {
   CurlHttpSession::Options http;
-  http.extraCA = settings.coordinatorCA();
+  http.extraCA = ca;
   return std::make_shared<CoordinatorClient>(url, std::move(signer),
                                              std::make_shared<CurlHttpSession>(http));
 }
@@ -108,8 +107,8 @@ RelayController::ServiceFactory HostComposition::relayServiceFactory(
     const Executor& pool, std::shared_ptr<RelaySettings> settings) {
   return [pool, settings](const std::string& url, std::shared_ptr<const RelaySigner> signer,
                           std::optional<std::uint16_t> port, std::vector<Data> denied) {
-    auto service = RelayHostService::make(pool, coordinatorClient(*settings, url, signer), signer,
-                                          std::move(denied), {});
+    const auto coordinator = coordinatorClient(url, settings->coordinatorCA(), signer);
+    auto service = RelayHostService::make(pool, coordinator, signer, std::move(denied), {});
     service->setListenerPort(port);
     return service;
   };
@@ -119,8 +118,9 @@ RelayController::Enroll HostComposition::coordinatorEnrollment(
     std::shared_ptr<RelaySettings> settings) {
   return [settings](std::string url, std::string invite,
                     std::shared_ptr<const RelaySigner> signer) -> asio::awaitable<std::string> {
-    const auto client = coordinatorClient(*settings, url, std::move(signer));
-    std::string label = co_await client->enroll(invite);
+    const auto client = coordinatorClient(url, settings->coordinatorCA(), std::move(signer));
+    auto enrolling = client->enroll(invite);  // named: GCC 12
+    std::string label = co_await std::move(enrolling);
     co_return label;
   };
 }

@@ -57,10 +57,10 @@ class HostComposition {
   static Permissions readPermissions(const std::string& displayName);
   // The host's identity, kept in its data folder, or a new one; throws when it cannot be kept.
   static SelfSignedIdentity loadIdentity();
-  // The coordinator at `url` as the host reaches it, with the certificates the settings trust.
-  // Throws CoordinatorError for a URL that is not one.
+  // The coordinator at `url` as the host reaches it, trusting the certificates in `ca` instead of
+  // the system's when given. Throws CoordinatorError for a URL that is not one.
   static std::shared_ptr<CoordinatorClient> coordinatorClient(
-      const RelaySettings& settings, const std::string& url,
+      const std::string& url, const std::optional<std::filesystem::path>& ca,
       std::shared_ptr<const RelaySigner> signer);
 
  private:

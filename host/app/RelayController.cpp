@@ -68,6 +68,7 @@ void RelayController::join(const std::string& invite) {
 }
 
 void RelayController::stop() {
+  stopped_ = true;
   if (joinTask_) joinTask_->cancel();
   stopService();
 }
@@ -86,6 +87,7 @@ bool RelayController::showsError() const {
 // Everything again from the settings: the service stopped, and started anew when remote access
 // is on and the host is enrolled with the coordinator chosen.
 void RelayController::apply() {
+  if (stopped_) return;
   enabled_ = settings_->enabled();
   const auto account = settings_->account();
   accountLabel_ = account ? std::optional(account->label) : std::nullopt;
@@ -105,18 +107,21 @@ void RelayController::apply() {
     }
   }
   if (service_) {
+    // A service that `apply` has replaced since is no longer heard.
     const std::weak_ptr<RelayController> weak = weak_from_this();
-    service_->setRelaysHandler([weak, main = main_](std::vector<RelayEndpoint> relays) {
-      asio::post(main, [weak, relays = std::move(relays)]() mutable {
+    const std::weak_ptr<RelayHostService> from = service_;
+    service_->setRelaysHandler([weak, from, main = main_](std::vector<RelayEndpoint> relays) {
+      asio::post(main, [weak, from, relays = std::move(relays)]() mutable {
         const auto self = weak.lock();
-        if (!self) return;
+        if (!self || self->service_ != from.lock()) return;
         self->provisioner_->update(self->signer_, std::move(relays), true);
         if (self->onConfigChanged) self->onConfigChanged();
       });
     });
-    service_->setFatalHandler([weak, main = main_](const CoordinatorError& error) {
-      asio::post(main, [weak, error] {
-        if (const auto self = weak.lock()) self->enrollmentLost(error);
+    service_->setFatalHandler([weak, from, main = main_](const CoordinatorError& error) {
+      asio::post(main, [weak, from, error] {
+        const auto self = weak.lock();
+        if (self && self->service_ == from.lock()) self->enrollmentLost(error);
       });
     });
     setStatus(service_->current());
@@ -164,7 +169,9 @@ asio::awaitable<void> RelayController::enrollWith(std::weak_ptr<RelayController>
                                                   std::shared_ptr<const RelaySigner> signer) {
   std::optional<std::string> label, failure;
   try {
-    label = co_await enroll(url, invite, signer);
+    auto enrolling = enroll(url, invite, signer);  // named: GCC 12 and co_await's temporaries
+    std::string enrolled = co_await std::move(enrolling);
+    label = std::move(enrolled);
   } catch (const std::exception& error) {
     failure = error.what();
   }

@@ -87,6 +87,7 @@ class RelayController : public std::enable_shared_from_this<RelayController> {
   std::optional<Task> statusTask_, joinTask_;
   std::optional<std::uint16_t> listenerPort_;
   std::shared_ptr<const RelaySigner> signer_;
+  bool stopped_ = false;  // the host is quitting: nothing starts again
 };
 
 }  // namespace kelvaron::host

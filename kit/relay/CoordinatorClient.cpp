@@ -14,14 +14,16 @@ CoordinatorClient::CoordinatorClient(std::string_view baseURL,
       session_(std::move(session)),
       options_(std::move(options)) {}
 
-asio::awaitable<std::string> CoordinatorClient::enroll(std::string_view typed) {
+asio::awaitable<std::string> CoordinatorClient::enroll(std::string typed) {
   const auto invite = InviteCode::normalize(typed);
   if (!invite) throw CoordinatorError(CoordinatorError::Kind::malformedInvite);
   const Data& key = signer_->publicKeyX963();
   const std::uint64_t ts = timestamp();
   const CoordinatorWire::EnrollRequest request{
       *invite, key, ts, signer_->sign(RelayWire::enrollMessage(ts, key, *invite))};
-  const std::string body = co_await post("enroll", CoordinatorWire::encode(request));
+  // Each awaitable named before it is awaited: GCC 12 and co_await's temporaries.
+  auto posting = post("enroll", CoordinatorWire::encode(request));
+  const std::string body = co_await std::move(posting);
   co_return CoordinatorWire::decodeAccount(body);
 }
 
@@ -34,7 +36,9 @@ asio::awaitable<RelayAdmission> CoordinatorClient::admission(bool forceRefresh) 
     }
     cache_.reset();
   }
-  co_return co_await fetchToken();
+  auto fetching = fetchToken(std::nullopt);
+  RelayAdmission fresh = co_await std::move(fetching);
+  co_return fresh;
 }
 
 asio::awaitable<RelayAdmission> CoordinatorClient::fetchToken(std::optional<std::string> region) {
@@ -42,7 +46,8 @@ asio::awaitable<RelayAdmission> CoordinatorClient::fetchToken(std::optional<std:
   const std::uint64_t ts = timestamp();
   CoordinatorWire::TokenRequest request{
       "host", key, ts, signer_->sign(RelayWire::coordinatorMessage(ts, key)), std::move(region)};
-  const std::string body = co_await post("token", CoordinatorWire::encode(request));
+  auto posting = post("token", CoordinatorWire::encode(request));
+  const std::string body = co_await std::move(posting);
   RelayAdmission admission = CoordinatorWire::decodeAdmission(body);
   std::lock_guard guard(lock_);
   cache_ = admission;
@@ -59,8 +64,9 @@ asio::awaitable<std::string> CoordinatorClient::post(std::string_view endpoint,
                                                      std::string body) const {
   CurlHttpSession::Response response;
   try {
-    response = co_await session_->postJSON(CoordinatorWire::endpointURL(baseURL_, endpoint),
-                                           std::move(body));
+    auto posting =
+        session_->postJSON(CoordinatorWire::endpointURL(baseURL_, endpoint), std::move(body));
+    response = co_await std::move(posting);
   } catch (const CurlHttpSession::Error& failure) {
     throw CoordinatorError(failure.kind() == CurlHttpSession::Error::Kind::tooLarge
                                ? CoordinatorError::Kind::badResponse

@@ -36,13 +36,13 @@ class CoordinatorClient {
 
   // The account the host now belongs to. Throws CoordinatorError (malformedInvite before any
   // request) or, when cancelled, asio's operation_aborted.
-  asio::awaitable<std::string> enroll(std::string_view invite);
+  asio::awaitable<std::string> enroll(std::string invite);
   // The cached admission while it is fresh, unless `forceRefresh`; else a new one.
   asio::awaitable<RelayAdmission> admission(bool forceRefresh);
   // A new admission, cached. Every caller here passes no region.
   asio::awaitable<RelayAdmission> fetchToken(std::optional<std::string> region = std::nullopt);
   std::optional<std::chrono::system_clock::time_point> cachedExpiry() const;
-
+  // The coordinator's address as checked: white space around it dropped.
   const std::string& baseURL() const { return baseURL_; }
 
  private:

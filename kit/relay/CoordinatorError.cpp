@@ -37,12 +37,20 @@ std::string textOf(CoordinatorError::Kind kind, int status,
   return {};
 }
 
+// The "error" of a body {"error": text}, as a person may be shown it: control characters (a
+// terminal's escapes among them) dropped, and no longer than a line.
 std::optional<std::string> errorText(std::string_view body) {
   const auto json = nlohmann::json::parse(body, nullptr, false);
   if (!json.is_object()) return std::nullopt;
   const auto error = json.find("error");
   if (error == json.end() || !error->is_string()) return std::nullopt;
-  return error->get<std::string>();
+  std::string text;
+  for (const char c : error->get_ref<const std::string&>()) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (text.size() >= 200 && (byte & 0xc0) != 0x80) break;  // not within a character
+    if (byte >= 0x20 && byte != 0x7f) text += c;
+  }
+  return text;
 }
 
 }  // namespace

@@ -51,7 +51,9 @@ asio::awaitable<std::shared_ptr<RelayClientLink>> RelayClientLink::open(
   std::optional<RelayLinkError> last;
   for (const RelayEndpoint& relay : relays) {
     try {
-      co_return co_await openOne(executor, relay, grant, signer, timeout);
+      auto opening = openOne(executor, relay, grant, signer, timeout);  // named: GCC 12
+      auto link = co_await std::move(opening);
+      co_return link;
     } catch (const RelayLinkError& failure) {
       last = failure;
     }

@@ -177,10 +177,24 @@ asio::awaitable<std::optional<std::string>> RelayHostService::runSession(
     tunnel->setDenied(denied_);
   }
   const Task refresh = Task::spawn(strand_, refreshTokens(shared_from_this(), admission.expiresAt));
+  Flows flows;
+  // However the session ends, its token refresh, flows and tunnel end with it.
+  struct Ending {
+    RelayHostService& service;
+    const Task& refresh;
+    Flows& flows;
+    const std::shared_ptr<RelayTunnel>& tunnel;
+    ~Ending() {
+      refresh.cancel();
+      for (const auto& [peer, flow] : flows) flow->close();
+      tunnel->stop();
+      std::lock_guard guard(service.lock_);
+      service.tunnel_.reset();
+    }
+  } const ending{*this, refresh, flows, tunnel};
   tunnel->start();
 
   using Kind = RelayTunnelEvent::Kind;
-  Flows flows;
   std::uint64_t generation = 0;
   bool registered = false;
   std::optional<std::string> reason;
@@ -222,11 +236,6 @@ asio::awaitable<std::optional<std::string>> RelayHostService::runSession(
         break;
     }
   }
-  refresh.cancel();
-  for (const auto& [peer, flow] : flows) flow->close();
-  tunnel->stop();
-  std::lock_guard guard(lock_);
-  tunnel_.reset();
   co_return reason;
 }
 
@@ -247,6 +256,9 @@ std::shared_ptr<LoopbackUDP> RelayHostService::flowOf(Flows& flows, std::uint64_
   }
   if (!port) return nullptr;
   if (const auto found = flows.find(peer); found != flows.end()) return found->second;
+  // A relay that names ever new peers costs a socket each, up to this many.
+  constexpr std::size_t kMostFlows = 256;
+  if (flows.size() >= kMostFlows) return nullptr;
   try {
     auto flow = std::make_shared<LoopbackUDP>(strand_, *port);
     flow->startReceiving([tunnel, peer](Data bytes) { tunnel->send(peer, std::move(bytes)); });
@@ -269,7 +281,8 @@ asio::awaitable<void> RelayHostService::refreshTokens(
     if (co_await isCancelled()) co_return;
     std::optional<CoordinatorError> final;
     try {
-      const RelayAdmission fresh = co_await self->coordinator_->fetchToken();
+      auto fetching = self->coordinator_->fetchToken(std::nullopt);
+      const RelayAdmission fresh = co_await std::move(fetching);
       const auto left = std::chrono::duration_cast<std::chrono::seconds>(
           fresh.expiresAt - std::chrono::system_clock::now());
       serviceLog().info("token renewed, good for %lld s", static_cast<long long>(left.count()));
@@ -289,7 +302,7 @@ void RelayHostService::endForGood(const CoordinatorError& error) {
   std::optional<Task> task;
   {
     std::lock_guard guard(lock_);
-    ended_ = true;
+    if (std::exchange(ended_, true)) return;  // stopped already, or ended by another path
     task = std::exchange(task_, std::nullopt);
   }
   publish(RelayStatus::error(error.what()));
