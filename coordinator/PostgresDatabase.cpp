@@ -106,15 +106,4 @@ std::vector<SqlRow> PostgresDatabase::run(std::string_view sql,
   return rows;
 }
 
-void PostgresDatabase::transaction(const std::function<void()>& body) {
-  run("BEGIN", {});
-  try {
-    body();
-  } catch (...) {
-    PQclear(PQexec(db_, "ROLLBACK"));
-    throw;
-  }
-  run("COMMIT", {});
-}
-
 }  // namespace kelvaron::coordinator

@@ -17,9 +17,10 @@ class PostgresDatabase final : public SqlDatabase {
   explicit PostgresDatabase(const std::string& connection);
   ~PostgresDatabase() override;
   std::vector<SqlRow> run(std::string_view sql, const std::vector<SqlValue>& parameters) override;
-  void transaction(const std::function<void()>& body) override;
 
  private:
+  std::string_view beginStatement() const override { return "BEGIN"; }
+
   pg_conn* db_ = nullptr;
 };
 

@@ -32,7 +32,22 @@ class SqlDatabase {
                                   const std::vector<SqlValue>& parameters) = 0;
   // Runs `body` as one transaction, committed unless it throws. (Statements that must not race
   // between coordinators say so themselves: an update's condition under the row's lock.)
-  virtual void transaction(const std::function<void()>& body) = 0;
+  void transaction(const std::function<void()>& body) {
+    run(beginStatement(), {});
+    try {
+      body();
+    } catch (...) {
+      try {
+        run("ROLLBACK", {});
+      } catch (const StoreError&) {
+      }
+      throw;
+    }
+    run("COMMIT", {});
+  }
+
+ private:
+  virtual std::string_view beginStatement() const = 0;
 };
 
 }  // namespace kelvaron::coordinator

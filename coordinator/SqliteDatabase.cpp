@@ -93,15 +93,4 @@ std::vector<SqlRow> SqliteDatabase::run(std::string_view sql,
   return rows;
 }
 
-void SqliteDatabase::transaction(const std::function<void()>& body) {
-  run("BEGIN IMMEDIATE", {});
-  try {
-    body();
-  } catch (...) {
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-    throw;
-  }
-  run("COMMIT", {});
-}
-
 }  // namespace kelvaron::coordinator

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -114,5 +115,20 @@ class ChildProcess {
  private:
   pid_t pid_ = -1;
 };
+
+// The port a server says it listens on ("… port N") in its `log`, once it has; 0 if it ends or
+// says nothing within five seconds.
+inline std::uint16_t announcedPort(ChildProcess& server, const std::filesystem::path& log) {
+  for (int i = 0; i < 100 && server.running(); ++i) {
+    std::ifstream in(log);
+    std::uint16_t port = 0;
+    for (std::string word; in >> word;) {
+      if (word == "port") in >> port;
+    }
+    if (port != 0) return port;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return 0;
+}
 
 }  // namespace kelvaron::test

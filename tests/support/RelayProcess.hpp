@@ -32,13 +32,7 @@ class RelayProcess {
     if (!netns.empty()) arguments.insert(arguments.begin(), {"ip", "netns", "exec", netns});
     const auto log = folder / "relay.log";
     process_.emplace(arguments, log);
-    for (int i = 0; i < 100 && port_ == 0 && process_->running(); ++i) {
-      std::ifstream in(log);
-      for (std::string word; in >> word;) {
-        if (word == "port") in >> port_;
-      }
-      if (port_ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    port_ = announcedPort(*process_, log);
   }
 
   std::uint16_t port() const { return port_; }
