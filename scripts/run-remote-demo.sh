@@ -21,12 +21,14 @@ net=tovudemo$$
 public=100.64.0.1
 pids=()
 cleanup() {
-  for pid in "${pids[@]}"; do kill -INT "$pid" 2>/dev/null || true; done
+  # TERM: programs started in the background of a script ignore INT.
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
   scripts/nat-network.sh down "$net" >/dev/null 2>&1 || true
 }
 trap cleanup EXIT
-in_ns() { local place=$1; shift; ip netns exec "$net-$place" "$@"; }
+# The command line of a place's namespace; `ip` execs the program, so `$!` is the program's.
+inside() { echo ip netns exec "$net-$1"; }
 wait_for() {  # FILE TEXT: until FILE says TEXT, for up to a minute
   for _ in $(seq 1 120); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.5; done
   echo "Waited in vain for \"$2\"; $1 says:" >&2
@@ -40,7 +42,7 @@ scripts/nat-network.sh up "$net"
 echo "== the relay and the coordinator, on the public side"
 coordinator=(--sqlite "$work/coordinator.db" --key "$work/coordinator.key")
 # The relay admits the hosts whose tokens the coordinator signs: both use the one key.
-in_ns public "$apps/tovu-relay" --port 4433 --dev-key "$work/coordinator.key" >"$work/relay.log" 2>&1 &
+$(inside public) "$apps/tovu-relay" --port 4433 --dev-key "$work/coordinator.key" >"$work/relay.log" 2>&1 &
 pids+=($!)
 wait_for "$work/relay.log" "listening on UDP port"
 printf 'cn = "tovu coordinator"\nip_address = "%s"\nexpiration_days = 2\ntls_www_server\nca\n' \
@@ -48,7 +50,7 @@ printf 'cn = "tovu coordinator"\nip_address = "%s"\nexpiration_days = 2\ntls_www
 certtool --generate-privkey --key-type ecdsa --outfile "$work/tls.key" 2>/dev/null
 certtool --generate-self-signed --load-privkey "$work/tls.key" --template "$work/cert.cfg" \
   --outfile "$work/tls.pem" 2>/dev/null
-in_ns public "$apps/tovu-coordinator" serve "${coordinator[@]}" --port 8443 \
+$(inside public) "$apps/tovu-coordinator" serve "${coordinator[@]}" --port 8443 \
   --tls-cert "$work/tls.pem" --tls-key "$work/tls.key" --relay "sin:$public:4433" \
   >"$work/coordinator.log" 2>&1 &
 pids+=($!)
@@ -58,9 +60,9 @@ echo "invite: $invite"
 
 echo "== the host, at home: enrolled with the invite, on a virtual display"
 export XDG_DATA_HOME="$work/host/data" XDG_CONFIG_HOME="$work/host/config"
-in_ns host "$apps/tovu-host" remote enable --coordinator "https://$public:8443" --invite "$invite" \
+$(inside host) "$apps/tovu-host" remote enable --coordinator "https://$public:8443" --invite "$invite" \
   --ca "$work/tls.pem"
-in_ns host "$apps/tovu-host" --virtual-display 1280x720 --pair --no-advertise >"$work/host.log" 2>&1 &
+$(inside host) "$apps/tovu-host" --virtual-display 1280x720 --pair --no-advertise >"$work/host.log" 2>&1 &
 pids+=($!)
 wait_for "$work/host.log" "remote access: Ready"
 grep "remote access:" "$work/host.log"
@@ -74,13 +76,13 @@ pids+=($!)
 
 echo "== the device pairs at the host's home, and is given a way through the relay"
 export XDG_DATA_HOME="$work/device"
-in_ns host "$apps/tovu-client" pair "$link" --address "127.0.0.1:$port" --name "Tovu demo phone"
+$(inside host) "$apps/tovu-client" pair "$link" --address "127.0.0.1:$port" --name "Tovu demo phone"
 host_id=$("$apps/tovu-client" hosts | head -1 | cut -d' ' -f1)
-in_ns host "$apps/tovu-client" connect "$host_id" --address "127.0.0.1:$port" --seconds 2 |
+$(inside host) "$apps/tovu-client" connect "$host_id" --address "127.0.0.1:$port" --seconds 2 |
   grep -E "^(Connected|Remote access)"
 
 echo "== away from home: the host cannot be reached directly, so through the relay"
-in_ns client "$apps/tovu-client" connect "$host_id" --seconds "$SECONDS_TO_STREAM" \
+$(inside client) "$apps/tovu-client" connect "$host_id" --seconds "$SECONDS_TO_STREAM" \
   --type $'echo Hello through the relay\n' --save-frame "$work/relayed-frame.png"
 echo "The last picture, through the relay: $work/relayed-frame.png"
 
@@ -89,7 +91,7 @@ echo "The last picture, through the relay: $work/relayed-frame.png"
 if [ -n "${TOVU_REMOTE_BENCH:-}" ]; then
   echo "== connect to first picture, $TOVU_REMOTE_BENCH times each way"
   first_picture() {  # PLACE OPTIONS...: milliseconds to the first picture of one connect
-    in_ns "$1" "$apps/tovu-client" connect "$host_id" --seconds 1 "${@:2}" |
+    $(inside "$1") "$apps/tovu-client" connect "$host_id" --seconds 1 "${@:2}" |
       sed -n 's/^First picture \([0-9]*\) ms after connecting$/\1/p'
   }
   : >"$work/direct" && : >"$work/relayed"
