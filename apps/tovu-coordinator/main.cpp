@@ -129,9 +129,10 @@ std::string fileText(const std::string& file) {
 
 // Ten symbols of the invite alphabet, each from a random byte (32 divides 256: no bias).
 std::string newInvite() {
-  constexpr std::string_view alphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
   std::string code;
-  for (const std::uint8_t byte : AuthCrypto::randomBytes(10)) code += alphabet[byte % 32];
+  for (const std::uint8_t byte : AuthCrypto::randomBytes(10)) {
+    code += InviteCode::alphabet[byte % InviteCode::alphabet.size()];
+  }
   return code;
 }
 

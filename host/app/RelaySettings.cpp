@@ -45,8 +45,7 @@ std::string trimmed(std::string text) {
 
 RelaySettings::RelaySettings(std::shared_ptr<Settings> settings) : settings_(std::move(settings)) {
   if (settings_->flag(kMigrated).value_or(false)) return;
-  settings_->remove(kLabel);
-  settings_->remove(kEnrolledURL);
+  clearEnrollment();
   settings_->setFlag(kEnabled, false);
   settings_->setFlag(kMigrated, true);
 }

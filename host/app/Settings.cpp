@@ -43,9 +43,8 @@ fs::path Settings::defaultLocation() {
 }
 
 std::optional<bool> Settings::flag(const std::string& key) const {
-  std::lock_guard guard(lock_);
-  const auto found = values_.find(key);
-  if (found == values_.end() || !found->is_boolean()) return std::nullopt;
+  const auto found = value(key);
+  if (!found || !found->is_boolean()) return std::nullopt;
   return found->get<bool>();
 }
 

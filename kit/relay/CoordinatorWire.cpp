@@ -35,6 +35,20 @@ std::optional<Data> base64URL(const json& object, const char* key) {
   return value ? AuthCrypto::base64URLDecode(*value) : std::nullopt;
 }
 
+// What proves every request: the host's key, the time and the signature over both.
+struct Proved {
+  Data hostKey;
+  std::uint64_t ts;
+  Data proof;
+};
+
+std::optional<Proved> provedBy(const json& object) {
+  auto hostKey = base64URL(object, "host_key"), proof = base64URL(object, "host_proof");
+  const auto ts = seconds(object, "ts");
+  if (!hostKey || !proof || !ts) return std::nullopt;
+  return Proved{std::move(*hostKey), *ts, std::move(*proof)};
+}
+
 std::optional<RelayCandidate> candidate(const json& entry) {
   if (!entry.is_object()) return std::nullopt;
   const auto region = text(entry, "region"), host = text(entry, "host");
@@ -90,26 +104,21 @@ std::string encode(const TokenRequest& request) {
 
 std::optional<EnrollRequest> decodeEnrollRequest(std::string_view body) {
   const json object = parsedObject(body);
-  if (object.is_null()) return std::nullopt;
   auto invite = text(object, "invite");
-  auto hostKey = base64URL(object, "host_key"), proof = base64URL(object, "host_proof");
-  const auto ts = seconds(object, "ts");
-  if (!invite || !hostKey || !proof || !ts) return std::nullopt;
-  return EnrollRequest{std::move(*invite), std::move(*hostKey), *ts, std::move(*proof)};
+  auto proved = provedBy(object);
+  if (!invite || !proved) return std::nullopt;
+  return EnrollRequest{std::move(*invite), std::move(proved->hostKey), proved->ts,
+                       std::move(proved->proof)};
 }
 
 std::optional<TokenRequest> decodeTokenRequest(std::string_view body) {
   const json object = parsedObject(body);
-  if (object.is_null()) return std::nullopt;
   auto role = text(object, "role");
-  auto hostKey = base64URL(object, "host_key"), proof = base64URL(object, "host_proof");
-  const auto ts = seconds(object, "ts");
-  if (!role || !hostKey || !proof || !ts) return std::nullopt;
-  const bool hasRegion = object.contains("region");
+  auto proved = provedBy(object);
   auto region = text(object, "region");
-  if (hasRegion && !region) return std::nullopt;
-  return TokenRequest{std::move(*role), std::move(*hostKey), *ts, std::move(*proof),
-                      std::move(region)};
+  if (!role || !proved || (object.contains("region") && !region)) return std::nullopt;
+  return TokenRequest{std::move(*role), std::move(proved->hostKey), proved->ts,
+                      std::move(proved->proof), std::move(region)};
 }
 
 std::string encodeAccount(const std::string& account) { return json{{"account", account}}.dump(); }

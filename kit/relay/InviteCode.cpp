@@ -7,7 +7,6 @@ namespace kelvaron {
 
 namespace {
 
-constexpr std::string_view kAlphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 constexpr std::size_t kLength = 10;
 
 }  // namespace
@@ -18,7 +17,7 @@ std::optional<std::string> InviteCode::normalize(std::string_view text) {
     const char c = char(std::toupper(static_cast<unsigned char>(raw)));
     if (c == '-' || std::isspace(static_cast<unsigned char>(c))) continue;
     const char read = c == 'O' ? '0' : (c == 'I' || c == 'L') ? '1' : c;
-    if (kAlphabet.find(read) == std::string_view::npos) return std::nullopt;
+    if (InviteCode::alphabet.find(read) == std::string_view::npos) return std::nullopt;
     code += read;
   }
   if (code.size() != kLength) return std::nullopt;

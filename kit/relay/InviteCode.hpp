@@ -10,6 +10,9 @@ namespace kelvaron {
 
 namespace InviteCode {
 
+// 32 symbols: the digits and the letters but I, L, O and U, which read as others.
+inline constexpr std::string_view alphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
+
 // Ten symbols of the alphabet "0123456789ABCDEFGHJKMNPQRSTVWXYZ", whatever the case, with hyphens
 // and white space dropped and the look-alikes O, I and L read as 0, 1 and 1; nothing otherwise.
 std::optional<std::string> normalize(std::string_view text);
